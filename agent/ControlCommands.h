@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "frontend/ConfigFrontEnd.h"
+#include "frontend/ControlServer.h"
+#include "model/Status.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+// The operator's view of the running agent: answers dhcp-relay-ctl's requests
+// from the configuration in force, the kernel and the relay's status records.
+class ControlCommands {
+ public:
+   // `reload` re-reads the configuration file and returns what is wrong with it
+   // (nothing when it was applied).
+   using Reload = std::function<std::vector<std::string>()>;
+
+   ControlCommands(Frontend::ControlServer& server, const Frontend::ConfigFrontEnd& config,
+                   const Platform::StateStore& store, Reload reload);
+
+ private:
+   nlohmann::json doShow(const nlohmann::json& request) const;
+   nlohmann::json doShowVrfs() const;
+   nlohmann::json doShowInterfaces() const;
+   nlohmann::json doShowStatus() const;
+   nlohmann::json doReload() const;
+
+   const Frontend::ConfigFrontEnd& config_;
+   const Platform::StateStore& store_;
+   Reload reload_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,106 @@
+#include "agent/DhcpRelayAgent.h"
+
+#include "model/ClientContext.h"
+#include "model/CounterConfig.h"
+#include "model/snooping/SnoopingConfig.h"
+#include "model/snooping/SnoopingStatus.h"
+#include "model/switch/Bridging.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/Ip6Status.h"
+#include "model/switch/IpStatus.h"
+#include "model/switch/MlagStatus.h"
+#include "model/switch/SystemStatus.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/Assert.h"
+#include "platform/Dir.h"
+#include "platform/EventLoop.h"
+#include "platform/Trace.h"
+#include "platform/VrfName.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::MountMode;
+
+Agent::Agent(Platform::AgentContext& ctx) : ctx_(ctx) {}
+
+Agent::~Agent() = default;
+
+void Agent::doInit(Platform::StateStore& store) {
+   // The host's activity loop is epoll-based already; tracing is ours to start.
+   Platform::Trace::init(kAgentName);
+   TRACE(1, "doInit");
+
+   store.localEntityIs<Interface::AllIntfStatusDir>("AllIntfStatusDir", "interface/status/all");
+   store.localEntityIs<Interface::AllIntfStatusLocalDir>("AllIntfStatusLocalDir",
+                                                         "interface/status/local");
+   store.localEntitiesCreated();
+
+   auto group = store.mountGroup();
+   // IP status, mounted on the agent's behalf by the IP-status mounter.
+   group->mount<Ip::Status>("ip/status/", MountMode::read);
+   group->mount<Ip6::Status>("ip6/status/", MountMode::read);
+
+   group->mount<Ip::AllVrfStatusLocal>("ip/vrf/status/local", MountMode::read);
+   group->mount<Platform::Dir>("ip6/multicastGroups/application", MountMode::write);
+   group->mount<Config>("ip/helper/dhcprelay/config", MountMode::read);
+   group->mount<CounterConfig>("ip/helper/dhcprelay/counterConfig", MountMode::read);
+   group->mount<Status>("ip/helper/dhcprelay/status", MountMode::write);
+   group->mount<MlagDhcpRelay::Status>("ip/helper/dhcprelay/mlagStatus", MountMode::read);
+   group->mount<ClientContext>("ip/helper/dhcprelay/clientContext", MountMode::write);
+   group->mount<Platform::Dir>("routing6/vrf/input", MountMode::writeImmediate);
+   group->mount<Bridging::Config>("bridging/config", MountMode::read);
+   group->mount<Bridging::VlanStatusDir>("bridging/vlan/status", MountMode::read);
+   group->mount<Bridging::DhcpSnooping::Config>("bridging/dhcpsnooping/config", MountMode::read);
+   group->mount<Bridging::DhcpSnooping::CounterConfig>("bridging/dhcpsnooping/counterConfig",
+                                                       MountMode::read);
+   group->mount<Bridging::DhcpSnooping::Status>("bridging/dhcpsnooping/status", MountMode::write);
+   group->mount<Bridging::DhcpSnooping::Dhcp6Config>("bridging/dhcpsnooping/dhcp6Config",
+                                                     MountMode::read);
+   group->mount<Bridging::DhcpSnooping::CounterConfig>("bridging/dhcpsnooping/dhcp6CounterConfig",
+                                                       MountMode::read);
+   group->mount<Bridging::DhcpSnooping::Status>("bridging/dhcpsnooping/dhcp6Status",
+                                                MountMode::write);
+   group->mount<System::NetStatus>("sys/net/status", MountMode::read);
+   group->mount<EntityMib::Status>("hardware/entmib/", MountMode::read);
+   group->close([this, &store](Platform::StateStore::MountStatus status) {
+      doMountsComplete(status, store);
+   });
+}
+
+void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
+                             Platform::StateStore& entityManager) {
+   PLATFORM_ASSERT(status == Platform::StateStore::mountSuccess_,
+                   "status == Statebase::mountSuccess_");
+   TRACE(1, "Getting newly mounted entities");
+
+   auto mcGroups = entityManager.entity<Platform::Dir>("ip6/multicastGroups/application");
+   Ptr<Ip6::MulticastGroupsForApplications> mcGroupsApp =
+       mcGroups ? mcGroups->entryIs<Ip6::MulticastGroupsForApplications>("dhcprelay") : nullptr;
+   PLATFORM_ASSERT(mcGroupsApp, "mcGroupsApp");
+
+   // The agent's own network namespace is the default VRF's; the name is checked
+   // against the platform's limit before any per-namespace state is mounted.
+   const Platform::NamespaceName defaultNs(Platform::VrfName::defaultVrf().toString());
+
+   TRACE(1, "Assigning agent properties.");
+   timerWheel_ = &ctx_.loop.wheel();
+   localDhcpRelayStatus_ =
+       entityManager.localEntityIs<Status>("LocalDhcpRelayStatus", "agent/dhcprelay/localStatus");
+   dhcpRoot_ = Platform::make<Root>("DhcpRoot");
+   namelookRecord_ = Platform::make<ResolutionRecordDir>("NamelookRecord");
+   namelookRequest_ = Platform::make<ResolutionRequestDir>("NamelookRequest");
+   dhcpPacketQueues_ = Platform::make<DhcpPacketQueues>("DhcpPacketQueues");
+   dhcp6PacketQueues_ = Platform::make<DhcpPacketQueues>("Dhcp6PacketQueues");
+   dhcpRelayIntfServerIp_ = Platform::make<IntfServerIpDir>("DhcpRelayIntfServerIp");
+   hostnameToIntfNameMap_ = Platform::make<HostnameToIntfNameMap>("HostnameToIntfNameMap");
+   activeVrfDirv4_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv4");
+   dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
+   activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
+   dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");
+}
+
+std::unique_ptr<Platform::Agent> agentFactory(Platform::AgentContext& ctx) {
+   return std::make_unique<Agent>(ctx);
+}
+
+}  // namespace Ip::Helper::DhcpRelay

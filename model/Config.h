@@ -1,0 +1,161 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "model/VrfIpSrcIntfSrcIp.h"
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+#include "platform/Ip6Addr.h"
+#include "platform/VrfName.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::Ptr;
+
+// Relay settings of one interface. An interface relays exactly while it has one.
+class IntfConfig : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::IntfConfig")
+   explicit IntfConfig(const Platform::IntfId& intf) : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IntfConfig> {
+    public:
+      virtual void handleServerIp(const VrfIpSrcIntfSrcIp& /*key*/) {}
+      virtual void handleServerHostname(const VrfHostnameSrcIntfSrcIp& /*key*/) {}
+      virtual void handleServerIp6(const VrfIpSrcIntfSrcIp& /*key*/) {}
+      virtual void handleCcapCores(const Platform::Ip6Addr& /*addr*/) {}
+      virtual void handleSmartRelay() {}
+      virtual void handleInformationOption() {}
+      virtual void handleCircuitId() {}
+      virtual void handleVrf() {}
+      virtual void handleRouteInstall() {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+
+   // Servers: the value is true while the server is configured.
+   const std::map<VrfIpSrcIntfSrcIp, bool>& serverIp() const { return serverIp_; }
+   bool serverIp(const VrfIpSrcIntfSrcIp& k) const { return mapEntryOr(serverIp_, k, false); }
+   void serverIpIs(const VrfIpSrcIntfSrcIp& k, bool v) {
+      mapEntryIs(serverIp_, k, v, &Reactor::handleServerIp);
+   }
+   void serverIpDel(const VrfIpSrcIntfSrcIp& k) {
+      mapEntryDel(serverIp_, k, &Reactor::handleServerIp);
+   }
+
+   const std::map<VrfHostnameSrcIntfSrcIp, bool>& serverHostname() const { return serverHostname_; }
+   bool serverHostname(const VrfHostnameSrcIntfSrcIp& k) const {
+      return mapEntryOr(serverHostname_, k, false);
+   }
+   void serverHostnameIs(const VrfHostnameSrcIntfSrcIp& k, bool v) {
+      mapEntryIs(serverHostname_, k, v, &Reactor::handleServerHostname);
+   }
+   void serverHostnameDel(const VrfHostnameSrcIntfSrcIp& k) {
+      mapEntryDel(serverHostname_, k, &Reactor::handleServerHostname);
+   }
+
+   const std::map<VrfIpSrcIntfSrcIp, bool>& serverIp6() const { return serverIp6_; }
+   bool serverIp6(const VrfIpSrcIntfSrcIp& k) const { return mapEntryOr(serverIp6_, k, false); }
+   void serverIp6Is(const VrfIpSrcIntfSrcIp& k, bool v) {
+      mapEntryIs(serverIp6_, k, v, &Reactor::handleServerIp6);
+   }
+   void serverIp6Del(const VrfIpSrcIntfSrcIp& k) {
+      mapEntryDel(serverIp6_, k, &Reactor::handleServerIp6);
+   }
+
+   // CCAP core addresses, carried in DHCPv6 relay messages in this order.
+   const std::map<Platform::Ip6Addr, bool>& ccapCores() const { return ccapCores_; }
+   void ccapCoresIs(const Platform::Ip6Addr& a) {
+      mapEntryIs(ccapCores_, a, true, &Reactor::handleCcapCores);
+   }
+   void ccapCoresDel(const Platform::Ip6Addr& a) {
+      mapEntryDel(ccapCores_, a, &Reactor::handleCcapCores);
+   }
+
+   bool smartRelay() const { return smartRelay_; }
+   void smartRelayIs(bool v) { attrIs(smartRelay_, v, &Reactor::handleSmartRelay); }
+   // Relay agent information option (option 82) on requests from this interface.
+   bool informationOption() const { return informationOption_; }
+   void informationOptionIs(bool v) {
+      attrIs(informationOption_, v, &Reactor::handleInformationOption);
+   }
+   // Circuit-id sub-option text; empty means the interface name.
+   const std::string& circuitId() const { return circuitId_; }
+   void circuitIdIs(const std::string& v) { attrIs(circuitId_, v, &Reactor::handleCircuitId); }
+   const Platform::VrfName& vrf() const { return vrf_; }
+   void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
+   // Install routes for prefixes delegated to clients of this interface.
+   bool routeInstall() const { return routeInstall_; }
+   void routeInstallIs(bool v) { attrIs(routeInstall_, v, &Reactor::handleRouteInstall); }
+
+ private:
+   Platform::IntfId intfId_;
+   std::map<VrfIpSrcIntfSrcIp, bool> serverIp_;
+   std::map<VrfHostnameSrcIntfSrcIp, bool> serverHostname_;
+   std::map<VrfIpSrcIntfSrcIp, bool> serverIp6_;
+   std::map<Platform::Ip6Addr, bool> ccapCores_;
+   bool smartRelay_ = false;
+   bool informationOption_ = false;
+   std::string circuitId_;
+   Platform::VrfName vrf_ = Platform::VrfName::defaultVrf();
+   bool routeInstall_ = false;
+};
+
+// The relay configuration ("ip/helper/dhcprelay/config"), read only to the agent.
+class Config : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Config")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Config> {
+    public:
+      virtual void handleIntfConfig(const Platform::IntfId& /*intf*/) {}
+      virtual void handleSmartRelayGlobal() {}
+      virtual void handleDscpV4() {}
+      virtual void handleDscpV6() {}
+      virtual void handleAlwaysOn() {}
+      virtual void handleClientLinkLayerAddrOpt() {}
+   };
+
+   const std::map<Platform::IntfId, Ptr<IntfConfig>>& intfConfig() const { return intfConfig_; }
+   Ptr<IntfConfig> intfConfig(const Platform::IntfId& intf) const {
+      auto it = intfConfig_.find(intf);
+      return it == intfConfig_.end() ? nullptr : it->second;
+   }
+   Ptr<IntfConfig> intfConfigIs(const Platform::IntfId& intf);
+   void intfConfigDel(const Platform::IntfId& intf) {
+      mapEntryDel(intfConfig_, intf, &Reactor::handleIntfConfig);
+   }
+   void intfConfigDelAll() { mapEntryDelAll(intfConfig_, &Reactor::handleIntfConfig); }
+
+   bool smartRelayGlobal() const { return smartRelayGlobal_; }
+   void smartRelayGlobalIs(bool v) {
+      attrIs(smartRelayGlobal_, v, &Reactor::handleSmartRelayGlobal);
+   }
+   // DSCP of relayed DHCPv4 / DHCPv6 packets (0..63).
+   uint8_t dscpV4() const { return dscpV4_; }
+   void dscpV4Is(uint8_t v) { attrIs(dscpV4_, v, &Reactor::handleDscpV4); }
+   uint8_t dscpV6() const { return dscpV6_; }
+   void dscpV6Is(uint8_t v) { attrIs(dscpV6_, v, &Reactor::handleDscpV6); }
+   // Keep the DHCPv6 relay's run control on with no interface configured.
+   bool alwaysOn() const { return alwaysOn_; }
+   void alwaysOnIs(bool v) { attrIs(alwaysOn_, v, &Reactor::handleAlwaysOn); }
+   // Add the DHCPv6 client link-layer address option (79).
+   bool clientLinkLayerAddrOpt() const { return clientLinkLayerAddrOpt_; }
+   void clientLinkLayerAddrOptIs(bool v) {
+      attrIs(clientLinkLayerAddrOpt_, v, &Reactor::handleClientLinkLayerAddrOpt);
+   }
+
+ private:
+   std::map<Platform::IntfId, Ptr<IntfConfig>> intfConfig_;
+   bool smartRelayGlobal_ = false;
+   uint8_t dscpV4_ = 0;
+   uint8_t dscpV6_ = 0;
+   bool alwaysOn_ = false;
+   bool clientLinkLayerAddrOpt_ = false;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::Ptr;
+
+// The interfaces whose configuration names one server hostname: when the name
+// resolves to new addresses, exactly these interfaces gain or lose servers.
+class HostnameToIntfName : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::HostnameToIntfName")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const HostnameToIntfName> {
+    public:
+      virtual void handleIntfIdColl(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::string& hostname() const { return name(); }
+   const std::set<Platform::IntfId>& intfIdColl() const { return intfIdColl_; }
+   void intfIdCollIs(const Platform::IntfId& intf) {
+      if (intfIdColl_.insert(intf).second)
+         notify(&Reactor::handleIntfIdColl, intf);
+   }
+   void intfIdCollDel(const Platform::IntfId& intf) {
+      // The handler gets the extracted element: `intf` may be that very element.
+      if (auto node = intfIdColl_.extract(intf))
+         notify(&Reactor::handleIntfIdColl, node.value());
+   }
+
+ private:
+   std::set<Platform::IntfId> intfIdColl_;
+};
+
+class HostnameToIntfNameMap : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::HostnameToIntfNameMap")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const HostnameToIntfNameMap> {
+    public:
+      virtual void handleHostnameToIntfName(const std::string& /*hostname*/) {}
+   };
+
+   const std::map<std::string, Ptr<HostnameToIntfName>>& hostnameToIntfName() const {
+      return hostnameToIntfName_;
+   }
+   Ptr<HostnameToIntfName> hostnameToIntfName(const std::string& hostname) const {
+      return mapEntryOr(hostnameToIntfName_, hostname, nullptr);
+   }
+   Ptr<HostnameToIntfName> hostnameToIntfNameIs(const std::string& hostname) {
+      auto [it, added] = hostnameToIntfName_.try_emplace(hostname);
+      if (!added)
+         return it->second;
+      Ptr<HostnameToIntfName> h = it->second = Platform::make<HostnameToIntfName>(hostname);
+      notify(&Reactor::handleHostnameToIntfName, hostname);
+      return h;
+   }
+   void hostnameToIntfNameDel(const std::string& hostname) {
+      mapEntryDel(hostnameToIntfName_, hostname, &Reactor::handleHostnameToIntfName);
+   }
+   void hostnameToIntfNameDelAll() {
+      mapEntryDelAll(hostnameToIntfName_, &Reactor::handleHostnameToIntfName);
+   }
+
+ private:
+   std::map<std::string, Ptr<HostnameToIntfName>> hostnameToIntfName_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

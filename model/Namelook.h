@@ -1,0 +1,99 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "platform/Entity.h"
+#include "platform/IpAddr.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::Ptr;
+
+// Hostnames the relay wants resolved, each with the number of users asking: the
+// resolver keeps resolving a name until its last user is gone.
+class ResolutionRequestDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRequestDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const ResolutionRequestDir> {
+    public:
+      virtual void handleRequest(const std::string& /*hostname*/) {}
+   };
+
+   const std::map<std::string, uint32_t>& request() const { return request_; }
+   uint32_t request(const std::string& hostname) const {
+      return mapEntryOr(request_, hostname, 0u);
+   }
+   void requestIs(const std::string& hostname, uint32_t count) {
+      mapEntryIs(request_, hostname, count, &Reactor::handleRequest);
+   }
+   void requestDel(const std::string& hostname) {
+      mapEntryDel(request_, hostname, &Reactor::handleRequest);
+   }
+
+ private:
+   std::map<std::string, uint32_t> request_;
+};
+
+// The IPv4 addresses one hostname currently resolves to.
+class ResolutionRecord : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRecord")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const ResolutionRecord> {
+    public:
+      virtual void handleIpAddress(Platform::IpAddr /*addr*/) {}
+   };
+
+   const std::string& hostname() const { return name(); }
+   const std::set<Platform::IpAddr>& ipAddress() const { return ipAddress_; }
+   void ipAddressIs(Platform::IpAddr a) {
+      if (ipAddress_.insert(a).second)
+         notify(&Reactor::handleIpAddress, a);
+   }
+   void ipAddressDel(Platform::IpAddr a) {
+      if (ipAddress_.erase(a))
+         notify(&Reactor::handleIpAddress, a);
+   }
+
+ private:
+   std::set<Platform::IpAddr> ipAddress_;
+};
+
+class ResolutionRecordDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRecordDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const ResolutionRecordDir> {
+    public:
+      virtual void handleRecord(const std::string& /*hostname*/) {}
+   };
+
+   const std::map<std::string, Ptr<ResolutionRecord>>& record() const { return record_; }
+   Ptr<ResolutionRecord> record(const std::string& hostname) const {
+      return mapEntryOr(record_, hostname, nullptr);
+   }
+   Ptr<ResolutionRecord> recordIs(const std::string& hostname) {
+      auto [it, added] = record_.try_emplace(hostname);
+      if (!added)
+         return it->second;
+      Ptr<ResolutionRecord> r = it->second = Platform::make<ResolutionRecord>(hostname);
+      notify(&Reactor::handleRecord, hostname);
+      return r;
+   }
+   void recordDel(const std::string& hostname) {
+      mapEntryDel(record_, hostname, &Reactor::handleRecord);
+   }
+   void recordDelAll() { mapEntryDelAll(record_, &Reactor::handleRecord); }
+
+ private:
+   std::map<std::string, Ptr<ResolutionRecord>> record_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,181 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "model/Counters.h"
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+#include "platform/Ip6Addr.h"
+#include "platform/VrfName.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::Ptr;
+
+// What the relay learned about a delegated prefix from the server's reply: enough
+// to install and later expire the route towards the requesting router.
+struct PrefixBindingAttrs {
+   uint32_t preferredLifetime = 0;
+   uint32_t validLifetime = 0;
+   Platform::Ip6Addr nextHop;
+   Platform::VrfName vrf;
+   double writeTime = 0;
+
+   bool operator==(const PrefixBindingAttrs&) const = default;
+};
+
+class PrefixBinding : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::PrefixBinding")
+   explicit PrefixBinding(const Platform::Ip6Prefix& prefix)
+       : Entity(prefix.toString()), prefix_(prefix) {}
+
+   class Reactor : public Platform::ReactorOf<const PrefixBinding> {
+    public:
+      virtual void handleAddrAttrs() {}
+   };
+
+   const Platform::Ip6Prefix& prefix() const { return prefix_; }
+   const PrefixBindingAttrs& addrAttrs() const { return addrAttrs_; }
+   void addrAttrsIs(const PrefixBindingAttrs& v) {
+      attrIs(addrAttrs_, v, &Reactor::handleAddrAttrs);
+   }
+
+ private:
+   Platform::Ip6Prefix prefix_;
+   PrefixBindingAttrs addrAttrs_;
+};
+
+#define DHCP_RELAY_INTF_STATUS_COUNTERS(X)                               \
+   X(requestsReceived, RequestsReceived)                                 \
+   X(requestsDropped, RequestsDropped)                                   \
+   X(requestsDroppedByOption79, RequestsDroppedByOption79)               \
+   X(requestsForwardedWithCrossVrfIp, RequestsForwardedWithCrossVrfIp)   \
+   X(requestsForwardedWithNonSubnetIp, RequestsForwardedWithNonSubnetIp) \
+   X(repliesForwarded, RepliesForwarded)
+
+// Relay counters and prefix bindings of one interface.
+class IntfStatus : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::IntfStatus")
+   explicit IntfStatus(const Platform::IntfId& intf) : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IntfStatus> {
+    public:
+      virtual void handleCounter() {}
+      DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_HANDLER)
+      virtual void handleLastResetTime() {}
+      virtual void handlePrefixBinding(const Platform::Ip6Prefix& /*prefix*/) {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+
+   DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
+   MODEL_COUNTER_BULK(DHCP_RELAY_INTF_STATUS_COUNTERS, IntfStatus)
+
+   double lastResetTime() const { return lastResetTime_; }
+   void lastResetTimeIs(double v) { attrIs(lastResetTime_, v, &Reactor::handleLastResetTime); }
+
+   const std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>>& prefixBinding() const {
+      return prefixBinding_;
+   }
+   Ptr<PrefixBinding> prefixBinding(const Platform::Ip6Prefix& p) const {
+      return mapEntryOr(prefixBinding_, p, nullptr);
+   }
+   Ptr<PrefixBinding> prefixBindingIs(const Platform::Ip6Prefix& p);
+   void prefixBindingDel(const Platform::Ip6Prefix& p) {
+      mapEntryDel(prefixBinding_, p, &Reactor::handlePrefixBinding);
+   }
+   void prefixBindingDelAll() { mapEntryDelAll(prefixBinding_, &Reactor::handlePrefixBinding); }
+
+ private:
+   MODEL_COUNTER_NOTIFIER
+
+   Platform::IntfId intfId_;
+   DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
+   double lastResetTime_ = 0;
+   std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>> prefixBinding_;
+};
+
+#define DHCP_RELAY_STATUS_COUNTERS(X)                                              \
+   X(totalRequestsReceived, TotalRequestsReceived)                                 \
+   X(totalRequestsForwarded, TotalRequestsForwarded)                               \
+   X(totalRequestsDropped, TotalRequestsDropped)                                   \
+   X(totalRequestsDroppedByOption79, TotalRequestsDroppedByOption79)               \
+   X(totalRequestsForwardedWithCrossVrfIp, TotalRequestsForwardedWithCrossVrfIp)   \
+   X(totalRequestsForwardedWithNonSubnetIp, TotalRequestsForwardedWithNonSubnetIp) \
+   X(totalRepliesReceived, TotalRepliesReceived)                                   \
+   X(totalRepliesForwarded, TotalRepliesForwarded)                                 \
+   X(totalRepliesDropped, TotalRepliesDropped)
+
+// The relay's status ("ip/helper/dhcprelay/status"), written by the agent.
+class Status : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Status")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Status> {
+    public:
+      virtual void handleIntfStatus(const Platform::IntfId& /*intf*/) {}
+      virtual void handleCounter() {}
+      DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_HANDLER)
+      virtual void handleNumSmartRelayedHosts() {}
+      virtual void handleCounterUpdateTime() {}
+      virtual void handleLastResetAllTime() {}
+      virtual void handleFailoverCopyInProgress() {}
+      virtual void handleRunControl() {}
+   };
+
+   const std::map<Platform::IntfId, Ptr<IntfStatus>>& intfStatus() const { return intfStatus_; }
+   Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
+      return mapEntryOr(intfStatus_, intf, nullptr);
+   }
+   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf);
+   void intfStatusDel(const Platform::IntfId& intf) {
+      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
+   }
+   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
+
+   DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
+   MODEL_COUNTER_BULK(DHCP_RELAY_STATUS_COUNTERS, Status)
+
+   // Clients currently relayed by smart relay; bounded so that a flood of clients
+   // cannot grow the relay's per-client state without limit.
+   static constexpr uint32_t numSmartRelayedHostsMax() { return 100000; }
+   uint32_t numSmartRelayedHosts() const { return numSmartRelayedHosts_; }
+   void numSmartRelayedHostsInc();
+   void numSmartRelayedHostsDec();
+
+   double counterUpdateTime() const { return counterUpdateTime_; }
+   void counterUpdateTimeIs(double v) {
+      attrIs(counterUpdateTime_, v, &Reactor::handleCounterUpdateTime);
+   }
+   double lastResetAllTime() const { return lastResetAllTime_; }
+   void lastResetAllTimeIs(double v) {
+      attrIs(lastResetAllTime_, v, &Reactor::handleLastResetAllTime);
+   }
+   // Set while the counters of a failed-over relay are being copied in, so that
+   // the counters machine does not publish a half-copied state.
+   bool failoverCopyInProgress() const { return failoverCopyInProgress_; }
+   void failoverCopyInProgressIs(bool v) {
+      attrIs(failoverCopyInProgress_, v, &Reactor::handleFailoverCopyInProgress);
+   }
+   // Whether the relay runs at all: set while some interface needs relaying.
+   bool runControl() const { return runControl_; }
+   void runControlIs(bool v) { attrIs(runControl_, v, &Reactor::handleRunControl); }
+
+ private:
+   MODEL_COUNTER_NOTIFIER
+
+   std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
+   DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
+   uint32_t numSmartRelayedHosts_ = 0;
+   double counterUpdateTime_ = 0;
+   double lastResetAllTime_ = 0;
+   bool failoverCopyInProgress_ = false;
+   bool runControl_ = false;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "platform/Assert.h"
+#include "platform/Entity.h"
+#include "platform/VrfName.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+using Platform::Ptr;
+
+// How many users (interfaces, servers) need one VRF: the relay opens its sockets in
+// a VRF while the count is above zero.
+class VrfWithCount : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::VrfWithCount")
+   explicit VrfWithCount(const Platform::VrfName& vrf) : Entity(vrf.str()), vrfName_(vrf) {}
+
+   class Reactor : public Platform::ReactorOf<const VrfWithCount> {
+    public:
+      virtual void handleCount() {}
+   };
+
+   const Platform::VrfName& vrfName() const { return vrfName_; }
+   uint32_t count() const { return count_; }
+   void countIs(uint32_t n) { attrIs(count_, n, &Reactor::handleCount); }
+   void countInc(uint32_t n = 1) { countIs(count_ + n); }
+   void countDec(uint32_t n = 1) {
+      PLATFORM_ASSERT(n <= count_, "VrfWithCount decremented below zero");
+      countIs(count_ - n);
+   }
+
+ private:
+   Platform::VrfName vrfName_;
+   uint32_t count_ = 0;
+};
+
+class VrfWithCountDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::VrfWithCountDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const VrfWithCountDir> {
+    public:
+      virtual void handleVrfCount(const Platform::VrfName& /*vrf*/) {}
+   };
+
+   const std::map<Platform::VrfName, Ptr<VrfWithCount>>& vrfCount() const { return vrfCount_; }
+   Ptr<VrfWithCount> vrfCount(const Platform::VrfName& vrf) const {
+      return mapEntryOr(vrfCount_, vrf, nullptr);
+   }
+   Ptr<VrfWithCount> vrfCountIs(const Platform::VrfName& vrf) {
+      auto [it, added] = vrfCount_.try_emplace(vrf);
+      if (!added)
+         return it->second;
+      Ptr<VrfWithCount> v = it->second = Platform::make<VrfWithCount>(vrf);
+      notify(&Reactor::handleVrfCount, vrf);
+      return v;
+   }
+   void vrfCountDel(const Platform::VrfName& vrf) {
+      mapEntryDel(vrfCount_, vrf, &Reactor::handleVrfCount);
+   }
+   void vrfCountDelAll() { mapEntryDelAll(vrfCount_, &Reactor::handleVrfCount); }
+
+ private:
+   std::map<Platform::VrfName, Ptr<VrfWithCount>> vrfCount_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

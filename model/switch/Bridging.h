@@ -1,0 +1,150 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+
+namespace Bridging {
+
+// Layer-2 settings of one switch port; snooping uses them to tell on which VLANs
+// a port carries DHCP traffic and how a reply must be tagged.
+class SwitchIntfConfig : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Bridging::SwitchIntfConfig")
+   enum class SwitchportMode : uint8_t { access, trunk, routed };
+
+   explicit SwitchIntfConfig(const Platform::IntfId& intf)
+       : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const SwitchIntfConfig> {
+    public:
+      virtual void handleSwitchportMode() {}
+      virtual void handleAccessVlan() {}
+      virtual void handleNativeVlan() {}
+      virtual void handleAllowedVlans(uint16_t /*vlan*/) {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+   SwitchportMode switchportMode() const { return switchportMode_; }
+   void switchportModeIs(SwitchportMode v) {
+      attrIs(switchportMode_, v, &Reactor::handleSwitchportMode);
+   }
+   uint16_t accessVlan() const { return accessVlan_; }
+   void accessVlanIs(uint16_t v) { attrIs(accessVlan_, v, &Reactor::handleAccessVlan); }
+   uint16_t nativeVlan() const { return nativeVlan_; }
+   void nativeVlanIs(uint16_t v) { attrIs(nativeVlan_, v, &Reactor::handleNativeVlan); }
+   const std::set<uint16_t>& allowedVlans() const { return allowedVlans_; }
+   void allowedVlansIs(uint16_t vlan) {
+      if (allowedVlans_.insert(vlan).second)
+         notify(&Reactor::handleAllowedVlans, vlan);
+   }
+   void allowedVlansDel(uint16_t vlan) {
+      if (allowedVlans_.erase(vlan))
+         notify(&Reactor::handleAllowedVlans, vlan);
+   }
+
+ private:
+   Platform::IntfId intfId_;
+   SwitchportMode switchportMode_ = SwitchportMode::access;
+   uint16_t accessVlan_ = 1;
+   uint16_t nativeVlan_ = 1;
+   std::set<uint16_t> allowedVlans_;
+};
+
+class Config : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Bridging::Config")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Config> {
+    public:
+      virtual void handleSwitchIntfConfig(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, Platform::Ptr<SwitchIntfConfig>>& switchIntfConfig() const {
+      return switchIntfConfig_;
+   }
+   Platform::Ptr<SwitchIntfConfig> switchIntfConfig(const Platform::IntfId& intf) const {
+      return mapEntryOr(switchIntfConfig_, intf, nullptr);
+   }
+   Platform::Ptr<SwitchIntfConfig> switchIntfConfigIs(const Platform::IntfId& intf) {
+      auto [it, added] = switchIntfConfig_.try_emplace(intf);
+      if (!added)
+         return it->second;
+      Platform::Ptr<SwitchIntfConfig> c = it->second = Platform::make<SwitchIntfConfig>(intf);
+      notify(&Reactor::handleSwitchIntfConfig, intf);
+      return c;
+   }
+   void switchIntfConfigDel(const Platform::IntfId& intf) {
+      mapEntryDel(switchIntfConfig_, intf, &Reactor::handleSwitchIntfConfig);
+   }
+   void switchIntfConfigDelAll() {
+      mapEntryDelAll(switchIntfConfig_, &Reactor::handleSwitchIntfConfig);
+   }
+
+ private:
+   std::map<Platform::IntfId, Platform::Ptr<SwitchIntfConfig>> switchIntfConfig_;
+};
+
+// The ports currently forwarding on one VLAN: where snooping floods a reply whose
+// client port it does not know.
+class VlanStatus : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Bridging::VlanStatus")
+   explicit VlanStatus(uint16_t vlan) : Entity(std::to_string(vlan)), vlanId_(vlan) {}
+
+   class Reactor : public Platform::ReactorOf<const VlanStatus> {
+    public:
+      virtual void handleVlanPortStatus(const Platform::IntfId& /*intf*/) {}
+   };
+
+   uint16_t vlanId() const { return vlanId_; }
+   const std::set<Platform::IntfId>& vlanPortStatus() const { return vlanPortStatus_; }
+   void vlanPortStatusIs(const Platform::IntfId& intf) {
+      if (vlanPortStatus_.insert(intf).second)
+         notify(&Reactor::handleVlanPortStatus, intf);
+   }
+   void vlanPortStatusDel(const Platform::IntfId& intf) {
+      if (auto node = vlanPortStatus_.extract(intf)) {
+         notify(&Reactor::handleVlanPortStatus, node.value());
+      }
+   }
+
+ private:
+   uint16_t vlanId_;
+   std::set<Platform::IntfId> vlanPortStatus_;
+};
+
+class VlanStatusDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Bridging::VlanStatusDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const VlanStatusDir> {
+    public:
+      virtual void handleVlanStatus(uint16_t /*vlan*/) {}
+   };
+
+   const std::map<uint16_t, Platform::Ptr<VlanStatus>>& vlanStatus() const { return vlanStatus_; }
+   Platform::Ptr<VlanStatus> vlanStatus(uint16_t vlan) const {
+      return mapEntryOr(vlanStatus_, vlan, nullptr);
+   }
+   Platform::Ptr<VlanStatus> vlanStatusIs(uint16_t vlan) {
+      auto [it, added] = vlanStatus_.try_emplace(vlan);
+      if (!added)
+         return it->second;
+      Platform::Ptr<VlanStatus> s = it->second = Platform::make<VlanStatus>(vlan);
+      notify(&Reactor::handleVlanStatus, vlan);
+      return s;
+   }
+   void vlanStatusDel(uint16_t vlan) { mapEntryDel(vlanStatus_, vlan, &Reactor::handleVlanStatus); }
+   void vlanStatusDelAll() { mapEntryDelAll(vlanStatus_, &Reactor::handleVlanStatus); }
+
+ private:
+   std::map<uint16_t, Platform::Ptr<VlanStatus>> vlanStatus_;
+};
+
+}  // namespace Bridging

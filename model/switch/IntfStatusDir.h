@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+#include "platform/VrfName.h"
+
+namespace Interface {
+
+using Platform::Ptr;
+
+// An interface's kernel device and link state.
+class IntfStatus : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Interface::IntfStatus")
+   enum class OperStatus : uint8_t { down, up };
+
+   explicit IntfStatus(const Platform::IntfId& intf) : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IntfStatus> {
+    public:
+      virtual void handleDeviceName() {}
+      virtual void handleOperStatus() {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+   const std::string& deviceName() const { return deviceName_; }
+   void deviceNameIs(const std::string& v) { attrIs(deviceName_, v, &Reactor::handleDeviceName); }
+   OperStatus operStatus() const { return operStatus_; }
+   void operStatusIs(OperStatus v) { attrIs(operStatus_, v, &Reactor::handleOperStatus); }
+
+ private:
+   Platform::IntfId intfId_;
+   std::string deviceName_;
+   OperStatus operStatus_ = OperStatus::down;
+};
+
+class AllIntfStatusDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Interface::AllIntfStatusDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const AllIntfStatusDir> {
+    public:
+      virtual void handleIntfStatus(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, Ptr<IntfStatus>>& intfStatus() const { return intfStatus_; }
+   Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
+      return mapEntryOr(intfStatus_, intf, nullptr);
+   }
+   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
+      auto [it, added] = intfStatus_.try_emplace(intf);
+      if (!added)
+         return it->second;
+      Ptr<IntfStatus> s = it->second = Platform::make<IntfStatus>(intf);
+      notify(&Reactor::handleIntfStatus, intf);
+      return s;
+   }
+   void intfStatusDel(const Platform::IntfId& intf) {
+      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
+   }
+   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
+
+ private:
+   std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
+};
+
+// What only this host knows about an interface: its VRF and kernel index.
+class IntfStatusLocal : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Interface::IntfStatusLocal")
+   explicit IntfStatusLocal(const Platform::IntfId& intf)
+       : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IntfStatusLocal> {
+    public:
+      virtual void handleVrf() {}
+      virtual void handleIfindex() {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+   const Platform::VrfName& vrf() const { return vrf_; }
+   void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
+   // Zero while the interface has no kernel device.
+   uint32_t ifindex() const { return ifindex_; }
+   void ifindexIs(uint32_t v) { attrIs(ifindex_, v, &Reactor::handleIfindex); }
+
+ private:
+   Platform::IntfId intfId_;
+   Platform::VrfName vrf_ = Platform::VrfName::defaultVrf();
+   uint32_t ifindex_ = 0;
+};
+
+class AllIntfStatusLocalDir : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Interface::AllIntfStatusLocalDir")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const AllIntfStatusLocalDir> {
+    public:
+      virtual void handleIntfStatusLocal(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, Ptr<IntfStatusLocal>>& intfStatusLocal() const {
+      return intfStatusLocal_;
+   }
+   Ptr<IntfStatusLocal> intfStatusLocal(const Platform::IntfId& intf) const {
+      return mapEntryOr(intfStatusLocal_, intf, nullptr);
+   }
+   Ptr<IntfStatusLocal> intfStatusLocalIs(const Platform::IntfId& intf) {
+      auto [it, added] = intfStatusLocal_.try_emplace(intf);
+      if (!added)
+         return it->second;
+      Ptr<IntfStatusLocal> s = it->second = Platform::make<IntfStatusLocal>(intf);
+      notify(&Reactor::handleIntfStatusLocal, intf);
+      return s;
+   }
+   void intfStatusLocalDel(const Platform::IntfId& intf) {
+      mapEntryDel(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
+   }
+   void intfStatusLocalDelAll() {
+      mapEntryDelAll(intfStatusLocal_, &Reactor::handleIntfStatusLocal);
+   }
+
+ private:
+   std::map<Platform::IntfId, Ptr<IntfStatusLocal>> intfStatusLocal_;
+};
+
+}  // namespace Interface

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+#include "platform/Ip6Addr.h"
+#include "platform/VrfName.h"
+
+namespace Ip6 {
+
+// The IPv6 addresses of one interface, each with its prefix length and host bits
+// kept: the relay needs the address itself as link address and source, and the
+// prefix to match clients.
+class IntfStatus : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip6::IntfStatus")
+   explicit IntfStatus(const Platform::IntfId& intf) : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IntfStatus> {
+    public:
+      virtual void handleAddr(const Platform::Ip6Prefix& /*addr*/) {}
+      virtual void handleVrf() {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+   const std::set<Platform::Ip6Prefix>& addr() const { return addr_; }
+   void addrIs(const Platform::Ip6Prefix& a) {
+      if (addr_.insert(a).second)
+         notify(&Reactor::handleAddr, a);
+   }
+   void addrDel(const Platform::Ip6Prefix& a) {
+      if (auto node = addr_.extract(a))
+         notify(&Reactor::handleAddr, node.value());
+   }
+   const Platform::VrfName& vrf() const { return vrf_; }
+   void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
+
+ private:
+   Platform::IntfId intfId_;
+   std::set<Platform::Ip6Prefix> addr_;
+   Platform::VrfName vrf_ = Platform::VrfName::defaultVrf();
+};
+
+class Status : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip6::Status")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Status> {
+    public:
+      virtual void handleIntf(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, Platform::Ptr<IntfStatus>>& intf() const { return intf_; }
+   Platform::Ptr<IntfStatus> intf(const Platform::IntfId& i) const {
+      return mapEntryOr(intf_, i, nullptr);
+   }
+   Platform::Ptr<IntfStatus> intfIs(const Platform::IntfId& i) {
+      auto [it, added] = intf_.try_emplace(i);
+      if (!added)
+         return it->second;
+      Platform::Ptr<IntfStatus> s = it->second = Platform::make<IntfStatus>(i);
+      notify(&Reactor::handleIntf, i);
+      return s;
+   }
+   void intfDel(const Platform::IntfId& i) { mapEntryDel(intf_, i, &Reactor::handleIntf); }
+   void intfDelAll() { mapEntryDelAll(intf_, &Reactor::handleIntf); }
+
+ private:
+   std::map<Platform::IntfId, Platform::Ptr<IntfStatus>> intf_;
+};
+
+// Multicast groups applications want joined on DHCPv6 interfaces; the relay adds
+// All_DHCP_Relay_Agents_and_Servers here.
+class MulticastGroupsForApplications : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip6::MulticastGroupsForApplications")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const MulticastGroupsForApplications> {
+    public:
+      virtual void handleMcaddr(const Platform::Ip6Addr& /*addr*/) {}
+   };
+
+   const std::set<Platform::Ip6Addr>& mcaddr() const { return mcaddr_; }
+   void mcaddrIs(const Platform::Ip6Addr& a) {
+      if (mcaddr_.insert(a).second)
+         notify(&Reactor::handleMcaddr, a);
+   }
+   void mcaddrDel(const Platform::Ip6Addr& a) {
+      if (auto node = mcaddr_.extract(a))
+         notify(&Reactor::handleMcaddr, node.value());
+   }
+
+ private:
+   std::set<Platform::Ip6Addr> mcaddr_;
+};
+
+}  // namespace Ip6

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "platform/Entity.h"
+#include "platform/IntfId.h"
+#include "platform/IpAddr.h"
+#include "platform/VrfName.h"
+
+namespace Ip {
+
+// The IPv4 addresses in use on one routed interface. The relay takes its gateway
+// address (giaddr) from the primary and accepts replies to any of them.
+class IpIntfStatus : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::IpIntfStatus")
+   explicit IpIntfStatus(const Platform::IntfId& intf) : Entity(intf.toString()), intfId_(intf) {}
+
+   class Reactor : public Platform::ReactorOf<const IpIntfStatus> {
+    public:
+      virtual void handleActiveAddrWithMask() {}
+      virtual void handleActiveSecondaryWithMask(const Platform::IpAddrWithMask& /*addr*/) {}
+      virtual void handleVrf() {}
+   };
+
+   const Platform::IntfId& intfId() const { return intfId_; }
+   // Zero address while the interface has no primary address.
+   const Platform::IpAddrWithMask& activeAddrWithMask() const { return activeAddrWithMask_; }
+   void activeAddrWithMaskIs(const Platform::IpAddrWithMask& v) {
+      attrIs(activeAddrWithMask_, v, &Reactor::handleActiveAddrWithMask);
+   }
+   const std::set<Platform::IpAddrWithMask>& activeSecondaryWithMask() const {
+      return activeSecondaryWithMask_;
+   }
+   void activeSecondaryWithMaskIs(const Platform::IpAddrWithMask& a) {
+      if (activeSecondaryWithMask_.insert(a).second) {
+         notify(&Reactor::handleActiveSecondaryWithMask, a);
+      }
+   }
+   void activeSecondaryWithMaskDel(const Platform::IpAddrWithMask& a) {
+      if (auto node = activeSecondaryWithMask_.extract(a)) {
+         notify(&Reactor::handleActiveSecondaryWithMask, node.value());
+      }
+   }
+   const Platform::VrfName& vrf() const { return vrf_; }
+   void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
+
+ private:
+   Platform::IntfId intfId_;
+   Platform::IpAddrWithMask activeAddrWithMask_;
+   std::set<Platform::IpAddrWithMask> activeSecondaryWithMask_;
+   Platform::VrfName vrf_ = Platform::VrfName::defaultVrf();
+};
+
+class Status : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::Status")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Status> {
+    public:
+      virtual void handleIpIntfStatus(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, Platform::Ptr<IpIntfStatus>>& ipIntfStatus() const {
+      return ipIntfStatus_;
+   }
+   Platform::Ptr<IpIntfStatus> ipIntfStatus(const Platform::IntfId& intf) const {
+      return mapEntryOr(ipIntfStatus_, intf, nullptr);
+   }
+   Platform::Ptr<IpIntfStatus> ipIntfStatusIs(const Platform::IntfId& intf) {
+      auto [it, added] = ipIntfStatus_.try_emplace(intf);
+      if (!added)
+         return it->second;
+      Platform::Ptr<IpIntfStatus> s = it->second = Platform::make<IpIntfStatus>(intf);
+      notify(&Reactor::handleIpIntfStatus, intf);
+      return s;
+   }
+   void ipIntfStatusDel(const Platform::IntfId& intf) {
+      mapEntryDel(ipIntfStatus_, intf, &Reactor::handleIpIntfStatus);
+   }
+   void ipIntfStatusDelAll() { mapEntryDelAll(ipIntfStatus_, &Reactor::handleIpIntfStatus); }
+
+ private:
+   std::map<Platform::IntfId, Platform::Ptr<IpIntfStatus>> ipIntfStatus_;
+};
+
+}  // namespace Ip

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/Entity.h"
+#include "platform/EthAddr.h"
+
+namespace KernelNetInfo {
+
+// One kernel network device, as netlink reports it.
+class KernelIntf : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("KernelNetInfo::KernelIntf")
+   explicit KernelIntf(uint32_t ifindex) : Entity(std::to_string(ifindex)), ifindex_(ifindex) {}
+
+   class Reactor : public Platform::ReactorOf<const KernelIntf> {
+    public:
+      virtual void handleDeviceName() {}
+      virtual void handleMac() {}
+      virtual void handleUp() {}
+   };
+
+   uint32_t ifindex() const { return ifindex_; }
+   const std::string& deviceName() const { return deviceName_; }
+   void deviceNameIs(const std::string& v) { attrIs(deviceName_, v, &Reactor::handleDeviceName); }
+   const Platform::EthAddr& mac() const { return mac_; }
+   void macIs(const Platform::EthAddr& v) { attrIs(mac_, v, &Reactor::handleMac); }
+   bool up() const { return up_; }
+   void upIs(bool v) { attrIs(up_, v, &Reactor::handleUp); }
+
+ private:
+   uint32_t ifindex_;
+   std::string deviceName_;
+   Platform::EthAddr mac_;
+   bool up_ = false;
+};
+
+// Kernel devices by ifindex: packets arrive with an ifindex, and this is how the
+// relay finds the device, and from it the interface, they came in on.
+class Status : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("KernelNetInfo::Status")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const Status> {
+    public:
+      virtual void handleInterfaceByIndex(uint32_t /*ifindex*/) {}
+   };
+
+   const std::map<uint32_t, Platform::Ptr<KernelIntf>>& interfaceByIndex() const {
+      return interfaceByIndex_;
+   }
+   Platform::Ptr<KernelIntf> interfaceByIndex(uint32_t ifindex) const {
+      return mapEntryOr(interfaceByIndex_, ifindex, nullptr);
+   }
+   Platform::Ptr<KernelIntf> interfaceByIndexIs(uint32_t ifindex) {
+      auto [it, added] = interfaceByIndex_.try_emplace(ifindex);
+      if (!added)
+         return it->second;
+      Platform::Ptr<KernelIntf> k = it->second = Platform::make<KernelIntf>(ifindex);
+      notify(&Reactor::handleInterfaceByIndex, ifindex);
+      return k;
+   }
+   void interfaceByIndexDel(uint32_t ifindex) {
+      mapEntryDel(interfaceByIndex_, ifindex, &Reactor::handleInterfaceByIndex);
+   }
+   void interfaceByIndexDelAll() {
+      mapEntryDelAll(interfaceByIndex_, &Reactor::handleInterfaceByIndex);
+   }
+
+ private:
+   std::map<uint32_t, Platform::Ptr<KernelIntf>> interfaceByIndex_;
+};
+
+}  // namespace KernelNetInfo

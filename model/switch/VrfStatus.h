@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "platform/Entity.h"
+#include "platform/VrfName.h"
+
+namespace Ip {
+
+// One VRF as the kernel front end sees it: the network namespace holding it and
+// whether that namespace is usable yet.
+class VrfStatusLocal : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::VrfStatusLocal")
+   enum class State : uint8_t { inactive, active };
+
+   explicit VrfStatusLocal(const Platform::VrfName& vrf) : Entity(vrf.str()), vrf_(vrf) {}
+
+   class Reactor : public Platform::ReactorOf<const VrfStatusLocal> {
+    public:
+      virtual void handleNsName() {}
+      virtual void handleState() {}
+   };
+
+   const Platform::VrfName& vrf() const { return vrf_; }
+   const Platform::NamespaceName& nsName() const { return nsName_; }
+   void nsNameIs(const Platform::NamespaceName& v) { attrIs(nsName_, v, &Reactor::handleNsName); }
+   State state() const { return state_; }
+   void stateIs(State v) { attrIs(state_, v, &Reactor::handleState); }
+
+ private:
+   Platform::VrfName vrf_;
+   Platform::NamespaceName nsName_;
+   State state_ = State::inactive;
+};
+
+class AllVrfStatusLocal : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Ip::AllVrfStatusLocal")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const AllVrfStatusLocal> {
+    public:
+      virtual void handleVrf(const Platform::VrfName& /*vrf*/) {}
+   };
+
+   const std::map<Platform::VrfName, Platform::Ptr<VrfStatusLocal>>& vrf() const { return vrf_; }
+   Platform::Ptr<VrfStatusLocal> vrf(const Platform::VrfName& v) const {
+      return mapEntryOr(vrf_, v, nullptr);
+   }
+   Platform::Ptr<VrfStatusLocal> vrfIs(const Platform::VrfName& v) {
+      auto [it, added] = vrf_.try_emplace(v);
+      if (!added)
+         return it->second;
+      Platform::Ptr<VrfStatusLocal> s = it->second = Platform::make<VrfStatusLocal>(v);
+      notify(&Reactor::handleVrf, v);
+      return s;
+   }
+   void vrfDel(const Platform::VrfName& v) { mapEntryDel(vrf_, v, &Reactor::handleVrf); }
+   void vrfDelAll() { mapEntryDelAll(vrf_, &Reactor::handleVrf); }
+
+ private:
+   std::map<Platform::VrfName, Platform::Ptr<VrfStatusLocal>> vrf_;
+};
+
+}  // namespace Ip

@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Configures and builds one tree. Usage: build.sh BUILD_DIR [cmake options...]
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+dir=$1
+shift
+cmake -S "$top" -B "$dir" -G Ninja "$@" >/dev/null
+ninja -C "$dir" -j"$(nproc)"

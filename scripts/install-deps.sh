@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs everything needed to build dhcp-relay-agent and run its tests on Debian.
+set -euo pipefail
+
+if [ "$(id -u)" -ne 0 ]; then
+   echo "install-deps.sh: run as root (it uses apt-get)" >&2
+   exit 1
+fi
+
+packages=(
+   # build
+   cmake ninja-build g++ ccache pkg-config clang-format
+   libyaml-cpp-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev
+   libgtest-dev libgmock-dev libbenchmark-dev
+   # tests and the lab
+   python3 python3-pytest iproute2 procps
+)
+
+missing=()
+for p in "${packages[@]}"; do
+   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ "${#missing[@]}" -gt 0 ]; then
+   echo "installing: ${missing[*]}"
+   export DEBIAN_FRONTEND=noninteractive
+   apt-get update -qq
+   apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <vector>
+
+#include "agent/DhcpRelayAgent.h"
+#include "frontend/ConfigFrontEnd.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/Ip6Status.h"
+#include "model/switch/IpStatus.h"
+#include "platform/Clock.h"
+#include "platform/Dir.h"
+#include "platform/EventLoop.h"
+#include "platform/Trace.h"
+
+namespace Ip::Helper::DhcpRelay {
+namespace {
+
+// Drives the agent host's start-up by hand: front ends publish, the agent mounts,
+// and the group completes on a later "turn" that the test runs itself.
+class AgentStartup : public ::testing::Test {
+ protected:
+   AgentStartup()
+       : wheel_(clock_, clock_),
+         loop_(wheel_),
+         store_([this](std::function<void()> fn) { posted_.push_back(std::move(fn)); }),
+         ctx_{loop_, Agent::kAgentName} {
+      setenv("BLIPJET_DISABLE", "1", 1);
+   }
+
+   void publishFrontEnds(bool withIpStatus) {
+      config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, "/dev/null");
+      ASSERT_TRUE(config_->load().empty());
+      if (withIpStatus) {
+         store_.publish("ip/status", Platform::make<Ip::Status>("status"));
+         store_.publish("ip6/status", Platform::make<Ip6::Status>("status"));
+      }
+   }
+
+   void runPosted() {
+      auto fns = std::move(posted_);
+      posted_.clear();
+      for (auto& fn : fns)
+         fn();
+   }
+
+   Platform::ManualClock clock_;
+   Platform::TimerWheel wheel_;
+   Platform::EventLoop loop_;
+   std::vector<std::function<void()>> posted_;
+   Platform::StateStore store_;
+   Platform::AgentContext ctx_;
+   std::unique_ptr<Frontend::ConfigFrontEnd> config_;
+};
+
+TEST_F(AgentStartup, BuildsTheGraphOnceEveryFrontEndHasPublished) {
+   Platform::TraceCapture trace;
+   publishFrontEnds(true);
+   store_.frontEndPending(Frontend::ConfigFrontEnd::kName);
+   auto agent = agentFactory(ctx_);
+   agent->doInit(store_);
+   runPosted();
+   auto* relay = static_cast<Agent*>(agent.get());
+   EXPECT_FALSE(relay->objectGraphBuilt()) << "completed before the front end was ready";
+
+   store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
+   EXPECT_FALSE(relay->objectGraphBuilt()) << "completion must not run inside the caller";
+   runPosted();
+   ASSERT_TRUE(relay->objectGraphBuilt());
+
+   EXPECT_EQ(relay->timerWheel(), &wheel_);
+   EXPECT_EQ(relay->dhcpPacketQueues()->name(), "DhcpPacketQueues");
+   EXPECT_EQ(relay->dhcp6PacketQueues()->name(), "Dhcp6PacketQueues");
+   EXPECT_EQ(relay->localDhcpRelayStatus()->name(), "LocalDhcpRelayStatus");
+   EXPECT_NE(relay->localDhcpRelayStatus(), store_.entity<Status>("ip/helper/dhcprelay/status"))
+       << "counters accumulate locally, apart from the published status";
+   auto mcGroups = store_.entity<Platform::Dir>("ip6/multicastGroups/application");
+   ASSERT_TRUE(mcGroups);
+   EXPECT_TRUE(mcGroups->entry("dhcprelay"));
+   EXPECT_TRUE(store_.entity<Interface::AllIntfStatusDir>("interface/status/all"));
+   EXPECT_TRUE(store_.entityConst<Config>("ip/helper/dhcprelay/config"));
+
+   // The start-up story an operator reads in the trace, in order.
+   std::vector<std::string> wanted = {"doInit", "Getting newly mounted entities",
+                                      "Assigning agent properties."};
+   size_t next = 0;
+   for (const std::string& line : trace.lines()) {
+      if (next < wanted.size() && line.ends_with(wanted[next]))
+         ++next;
+   }
+   EXPECT_EQ(next, wanted.size());
+}
+
+TEST_F(AgentStartup, MissingReadOnlyStateIsAFailedMount) {
+   publishFrontEnds(false);
+   auto agent = agentFactory(ctx_);
+   agent->doInit(store_);
+   EXPECT_DEATH(runPosted(), "status == Statebase::mountSuccess_");
+}
+
+}  // namespace
+}  // namespace Ip::Helper::DhcpRelay
