@@ -125,7 +125,9 @@ class Config : public Platform::Entity {
       auto it = intfConfig_.find(intf);
       return it == intfConfig_.end() ? nullptr : it->second;
    }
-   Ptr<IntfConfig> intfConfigIs(const Platform::IntfId& intf);
+   Ptr<IntfConfig> intfConfigIs(const Platform::IntfId& intf) {
+      return mapEntryCreate(intfConfig_, intf, &Reactor::handleIntfConfig);
+   }
    void intfConfigDel(const Platform::IntfId& intf) {
       mapEntryDel(intfConfig_, intf, &Reactor::handleIntfConfig);
    }

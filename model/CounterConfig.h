@@ -65,12 +65,7 @@ class CounterConfig : public Platform::Entity {
       return mapEntryOr(intfConfig_, intf, nullptr);
    }
    Ptr<IntfCounterConfig> intfConfigIs(const Platform::IntfId& intf) {
-      auto [it, added] = intfConfig_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Ptr<IntfCounterConfig> c = it->second = Platform::make<IntfCounterConfig>(intf);
-      notify(&Reactor::handleIntfConfig, intf);
-      return c;
+      return mapEntryCreate(intfConfig_, intf, &Reactor::handleIntfConfig);
    }
    void intfConfigDel(const Platform::IntfId& intf) {
       mapEntryDel(intfConfig_, intf, &Reactor::handleIntfConfig);

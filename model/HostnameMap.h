@@ -26,13 +26,10 @@ class HostnameToIntfName : public Platform::Entity {
    const std::string& hostname() const { return name(); }
    const std::set<Platform::IntfId>& intfIdColl() const { return intfIdColl_; }
    void intfIdCollIs(const Platform::IntfId& intf) {
-      if (intfIdColl_.insert(intf).second)
-         notify(&Reactor::handleIntfIdColl, intf);
+      setEntryIs(intfIdColl_, intf, &Reactor::handleIntfIdColl);
    }
    void intfIdCollDel(const Platform::IntfId& intf) {
-      // The handler gets the extracted element: `intf` may be that very element.
-      if (auto node = intfIdColl_.extract(intf))
-         notify(&Reactor::handleIntfIdColl, node.value());
+      setEntryDel(intfIdColl_, intf, &Reactor::handleIntfIdColl);
    }
 
  private:
@@ -56,12 +53,7 @@ class HostnameToIntfNameMap : public Platform::Entity {
       return mapEntryOr(hostnameToIntfName_, hostname, nullptr);
    }
    Ptr<HostnameToIntfName> hostnameToIntfNameIs(const std::string& hostname) {
-      auto [it, added] = hostnameToIntfName_.try_emplace(hostname);
-      if (!added)
-         return it->second;
-      Ptr<HostnameToIntfName> h = it->second = Platform::make<HostnameToIntfName>(hostname);
-      notify(&Reactor::handleHostnameToIntfName, hostname);
-      return h;
+      return mapEntryCreate(hostnameToIntfName_, hostname, &Reactor::handleHostnameToIntfName);
    }
    void hostnameToIntfNameDel(const std::string& hostname) {
       mapEntryDel(hostnameToIntfName_, hostname, &Reactor::handleHostnameToIntfName);

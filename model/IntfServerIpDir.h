@@ -58,12 +58,7 @@ class IntfServerIpDir : public Platform::Entity {
       return mapEntryOr(drIntfServerIp_, intf, nullptr);
    }
    Ptr<IntfServerIp> drIntfServerIpIs(const Platform::IntfId& intf) {
-      auto [it, added] = drIntfServerIp_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Ptr<IntfServerIp> s = it->second = Platform::make<IntfServerIp>(intf);
-      notify(&Reactor::handleDrIntfServerIp, intf);
-      return s;
+      return mapEntryCreate(drIntfServerIp_, intf, &Reactor::handleDrIntfServerIp);
    }
    void drIntfServerIpDel(const Platform::IntfId& intf) {
       mapEntryDel(drIntfServerIp_, intf, &Reactor::handleDrIntfServerIp);

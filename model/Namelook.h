@@ -52,14 +52,8 @@ class ResolutionRecord : public Platform::Entity {
 
    const std::string& hostname() const { return name(); }
    const std::set<Platform::IpAddr>& ipAddress() const { return ipAddress_; }
-   void ipAddressIs(Platform::IpAddr a) {
-      if (ipAddress_.insert(a).second)
-         notify(&Reactor::handleIpAddress, a);
-   }
-   void ipAddressDel(Platform::IpAddr a) {
-      if (ipAddress_.erase(a))
-         notify(&Reactor::handleIpAddress, a);
-   }
+   void ipAddressIs(Platform::IpAddr a) { setEntryIs(ipAddress_, a, &Reactor::handleIpAddress); }
+   void ipAddressDel(Platform::IpAddr a) { setEntryDel(ipAddress_, a, &Reactor::handleIpAddress); }
 
  private:
    std::set<Platform::IpAddr> ipAddress_;
@@ -80,12 +74,7 @@ class ResolutionRecordDir : public Platform::Entity {
       return mapEntryOr(record_, hostname, nullptr);
    }
    Ptr<ResolutionRecord> recordIs(const std::string& hostname) {
-      auto [it, added] = record_.try_emplace(hostname);
-      if (!added)
-         return it->second;
-      Ptr<ResolutionRecord> r = it->second = Platform::make<ResolutionRecord>(hostname);
-      notify(&Reactor::handleRecord, hostname);
-      return r;
+      return mapEntryCreate(record_, hostname, &Reactor::handleRecord);
    }
    void recordDel(const std::string& hostname) {
       mapEntryDel(record_, hostname, &Reactor::handleRecord);

@@ -84,7 +84,9 @@ class IntfStatus : public Platform::Entity {
    Ptr<PrefixBinding> prefixBinding(const Platform::Ip6Prefix& p) const {
       return mapEntryOr(prefixBinding_, p, nullptr);
    }
-   Ptr<PrefixBinding> prefixBindingIs(const Platform::Ip6Prefix& p);
+   Ptr<PrefixBinding> prefixBindingIs(const Platform::Ip6Prefix& p) {
+      return mapEntryCreate(prefixBinding_, p, &Reactor::handlePrefixBinding);
+   }
    void prefixBindingDel(const Platform::Ip6Prefix& p) {
       mapEntryDel(prefixBinding_, p, &Reactor::handlePrefixBinding);
    }
@@ -132,7 +134,9 @@ class Status : public Platform::Entity {
    Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
       return mapEntryOr(intfStatus_, intf, nullptr);
    }
-   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf);
+   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
+      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
+   }
    void intfStatusDel(const Platform::IntfId& intf) {
       mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
    }

@@ -52,12 +52,7 @@ class VrfWithCountDir : public Platform::Entity {
       return mapEntryOr(vrfCount_, vrf, nullptr);
    }
    Ptr<VrfWithCount> vrfCountIs(const Platform::VrfName& vrf) {
-      auto [it, added] = vrfCount_.try_emplace(vrf);
-      if (!added)
-         return it->second;
-      Ptr<VrfWithCount> v = it->second = Platform::make<VrfWithCount>(vrf);
-      notify(&Reactor::handleVrfCount, vrf);
-      return v;
+      return mapEntryCreate(vrfCount_, vrf, &Reactor::handleVrfCount);
    }
    void vrfCountDel(const Platform::VrfName& vrf) {
       mapEntryDel(vrfCount_, vrf, &Reactor::handleVrfCount);

@@ -48,6 +48,27 @@ class Entity : public Notifier {
          notify(handler, key);
       }
    }
+   // Create-or-take for collections of records: the new record is built from its
+   // key, and only a creation notifies.
+   template <class M, class K, class H>
+   typename M::mapped_type mapEntryCreate(M& map, const K& key, H handler) {
+      auto [it, added] = map.try_emplace(key);
+      if (!added)
+         return it->second;
+      typename M::mapped_type e = it->second = make<typename M::mapped_type::element_type>(key);
+      notify(handler, key);
+      return e;
+   }
+   template <class S, class K, class H>
+   void setEntryIs(S& set, const K& key, H handler) {
+      if (set.insert(key).second)
+         notify(handler, key);
+   }
+   template <class S, class K, class H>
+   void setEntryDel(S& set, const K& key, H handler) {
+      if (auto node = set.extract(key))
+         notify(handler, node.value());
+   }
    template <class M, class K>
    static auto mapEntryOr(const M& map, const K& key, typename M::mapped_type fallback) {
       auto it = map.find(key);

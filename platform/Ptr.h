@@ -32,6 +32,7 @@ class RefCounted {
 template <class T>
 class Ptr {
  public:
+   using element_type = T;
    Ptr() = default;
    Ptr(std::nullptr_t) {}
    Ptr(T* p) : p_(p) {

@@ -28,14 +28,8 @@ class Config : public Platform::Entity {
    void enabledIs(bool v) { attrIs(enabled_, v, &Reactor::handleEnabled); }
    // VLANs snooping is enabled on.
    const std::set<uint16_t>& vlan() const { return vlan_; }
-   void vlanIs(uint16_t v) {
-      if (vlan_.insert(v).second)
-         notify(&Reactor::handleVlan, v);
-   }
-   void vlanDel(uint16_t v) {
-      if (vlan_.erase(v))
-         notify(&Reactor::handleVlan, v);
-   }
+   void vlanIs(uint16_t v) { setEntryIs(vlan_, v, &Reactor::handleVlan); }
+   void vlanDel(uint16_t v) { setEntryDel(vlan_, v, &Reactor::handleVlan); }
    // Insert the relay agent information option (82) into snooped requests.
    bool informationOption() const { return informationOption_; }
    void informationOptionIs(bool v) {
@@ -79,14 +73,8 @@ class Dhcp6Config : public Platform::Entity {
    bool enabled() const { return enabled_; }
    void enabledIs(bool v) { attrIs(enabled_, v, &Reactor::handleEnabled); }
    const std::set<uint16_t>& vlan() const { return vlan_; }
-   void vlanIs(uint16_t v) {
-      if (vlan_.insert(v).second)
-         notify(&Reactor::handleVlan, v);
-   }
-   void vlanDel(uint16_t v) {
-      if (vlan_.erase(v))
-         notify(&Reactor::handleVlan, v);
-   }
+   void vlanIs(uint16_t v) { setEntryIs(vlan_, v, &Reactor::handleVlan); }
+   void vlanDel(uint16_t v) { setEntryDel(vlan_, v, &Reactor::handleVlan); }
    // Insert the remote-id option (37) into snooped requests.
    bool remoteIdOption() const { return remoteIdOption_; }
    void remoteIdOptionIs(bool v) { attrIs(remoteIdOption_, v, &Reactor::handleRemoteIdOption); }

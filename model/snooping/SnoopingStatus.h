@@ -109,12 +109,7 @@ class Status : public Platform::Entity {
       return mapEntryOr(vlanStatus_, vlan, nullptr);
    }
    Platform::Ptr<VlanStatus> vlanStatusIs(uint16_t vlan) {
-      auto [it, added] = vlanStatus_.try_emplace(vlan);
-      if (!added)
-         return it->second;
-      Platform::Ptr<VlanStatus> s = it->second = Platform::make<VlanStatus>(vlan);
-      notify(&Reactor::handleVlanStatus, vlan);
-      return s;
+      return mapEntryCreate(vlanStatus_, vlan, &Reactor::handleVlanStatus);
    }
    void vlanStatusDel(uint16_t vlan) { mapEntryDel(vlanStatus_, vlan, &Reactor::handleVlanStatus); }
    void vlanStatusDelAll() { mapEntryDelAll(vlanStatus_, &Reactor::handleVlanStatus); }

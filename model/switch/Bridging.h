@@ -38,12 +38,10 @@ class SwitchIntfConfig : public Platform::Entity {
    void nativeVlanIs(uint16_t v) { attrIs(nativeVlan_, v, &Reactor::handleNativeVlan); }
    const std::set<uint16_t>& allowedVlans() const { return allowedVlans_; }
    void allowedVlansIs(uint16_t vlan) {
-      if (allowedVlans_.insert(vlan).second)
-         notify(&Reactor::handleAllowedVlans, vlan);
+      setEntryIs(allowedVlans_, vlan, &Reactor::handleAllowedVlans);
    }
    void allowedVlansDel(uint16_t vlan) {
-      if (allowedVlans_.erase(vlan))
-         notify(&Reactor::handleAllowedVlans, vlan);
+      setEntryDel(allowedVlans_, vlan, &Reactor::handleAllowedVlans);
    }
 
  private:
@@ -71,12 +69,7 @@ class Config : public Platform::Entity {
       return mapEntryOr(switchIntfConfig_, intf, nullptr);
    }
    Platform::Ptr<SwitchIntfConfig> switchIntfConfigIs(const Platform::IntfId& intf) {
-      auto [it, added] = switchIntfConfig_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Platform::Ptr<SwitchIntfConfig> c = it->second = Platform::make<SwitchIntfConfig>(intf);
-      notify(&Reactor::handleSwitchIntfConfig, intf);
-      return c;
+      return mapEntryCreate(switchIntfConfig_, intf, &Reactor::handleSwitchIntfConfig);
    }
    void switchIntfConfigDel(const Platform::IntfId& intf) {
       mapEntryDel(switchIntfConfig_, intf, &Reactor::handleSwitchIntfConfig);
@@ -104,13 +97,10 @@ class VlanStatus : public Platform::Entity {
    uint16_t vlanId() const { return vlanId_; }
    const std::set<Platform::IntfId>& vlanPortStatus() const { return vlanPortStatus_; }
    void vlanPortStatusIs(const Platform::IntfId& intf) {
-      if (vlanPortStatus_.insert(intf).second)
-         notify(&Reactor::handleVlanPortStatus, intf);
+      setEntryIs(vlanPortStatus_, intf, &Reactor::handleVlanPortStatus);
    }
    void vlanPortStatusDel(const Platform::IntfId& intf) {
-      if (auto node = vlanPortStatus_.extract(intf)) {
-         notify(&Reactor::handleVlanPortStatus, node.value());
-      }
+      setEntryDel(vlanPortStatus_, intf, &Reactor::handleVlanPortStatus);
    }
 
  private:
@@ -133,12 +123,7 @@ class VlanStatusDir : public Platform::Entity {
       return mapEntryOr(vlanStatus_, vlan, nullptr);
    }
    Platform::Ptr<VlanStatus> vlanStatusIs(uint16_t vlan) {
-      auto [it, added] = vlanStatus_.try_emplace(vlan);
-      if (!added)
-         return it->second;
-      Platform::Ptr<VlanStatus> s = it->second = Platform::make<VlanStatus>(vlan);
-      notify(&Reactor::handleVlanStatus, vlan);
-      return s;
+      return mapEntryCreate(vlanStatus_, vlan, &Reactor::handleVlanStatus);
    }
    void vlanStatusDel(uint16_t vlan) { mapEntryDel(vlanStatus_, vlan, &Reactor::handleVlanStatus); }
    void vlanStatusDelAll() { mapEntryDelAll(vlanStatus_, &Reactor::handleVlanStatus); }

@@ -53,12 +53,7 @@ class AllIntfStatusDir : public Platform::Entity {
       return mapEntryOr(intfStatus_, intf, nullptr);
    }
    Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      auto [it, added] = intfStatus_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Ptr<IntfStatus> s = it->second = Platform::make<IntfStatus>(intf);
-      notify(&Reactor::handleIntfStatus, intf);
-      return s;
+      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
    }
    void intfStatusDel(const Platform::IntfId& intf) {
       mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
@@ -112,12 +107,7 @@ class AllIntfStatusLocalDir : public Platform::Entity {
       return mapEntryOr(intfStatusLocal_, intf, nullptr);
    }
    Ptr<IntfStatusLocal> intfStatusLocalIs(const Platform::IntfId& intf) {
-      auto [it, added] = intfStatusLocal_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Ptr<IntfStatusLocal> s = it->second = Platform::make<IntfStatusLocal>(intf);
-      notify(&Reactor::handleIntfStatusLocal, intf);
-      return s;
+      return mapEntryCreate(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
    }
    void intfStatusLocalDel(const Platform::IntfId& intf) {
       mapEntryDel(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);

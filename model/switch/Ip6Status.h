@@ -26,14 +26,8 @@ class IntfStatus : public Platform::Entity {
 
    const Platform::IntfId& intfId() const { return intfId_; }
    const std::set<Platform::Ip6Prefix>& addr() const { return addr_; }
-   void addrIs(const Platform::Ip6Prefix& a) {
-      if (addr_.insert(a).second)
-         notify(&Reactor::handleAddr, a);
-   }
-   void addrDel(const Platform::Ip6Prefix& a) {
-      if (auto node = addr_.extract(a))
-         notify(&Reactor::handleAddr, node.value());
-   }
+   void addrIs(const Platform::Ip6Prefix& a) { setEntryIs(addr_, a, &Reactor::handleAddr); }
+   void addrDel(const Platform::Ip6Prefix& a) { setEntryDel(addr_, a, &Reactor::handleAddr); }
    const Platform::VrfName& vrf() const { return vrf_; }
    void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
 
@@ -58,12 +52,7 @@ class Status : public Platform::Entity {
       return mapEntryOr(intf_, i, nullptr);
    }
    Platform::Ptr<IntfStatus> intfIs(const Platform::IntfId& i) {
-      auto [it, added] = intf_.try_emplace(i);
-      if (!added)
-         return it->second;
-      Platform::Ptr<IntfStatus> s = it->second = Platform::make<IntfStatus>(i);
-      notify(&Reactor::handleIntf, i);
-      return s;
+      return mapEntryCreate(intf_, i, &Reactor::handleIntf);
    }
    void intfDel(const Platform::IntfId& i) { mapEntryDel(intf_, i, &Reactor::handleIntf); }
    void intfDelAll() { mapEntryDelAll(intf_, &Reactor::handleIntf); }
@@ -85,14 +74,8 @@ class MulticastGroupsForApplications : public Platform::Entity {
    };
 
    const std::set<Platform::Ip6Addr>& mcaddr() const { return mcaddr_; }
-   void mcaddrIs(const Platform::Ip6Addr& a) {
-      if (mcaddr_.insert(a).second)
-         notify(&Reactor::handleMcaddr, a);
-   }
-   void mcaddrDel(const Platform::Ip6Addr& a) {
-      if (auto node = mcaddr_.extract(a))
-         notify(&Reactor::handleMcaddr, node.value());
-   }
+   void mcaddrIs(const Platform::Ip6Addr& a) { setEntryIs(mcaddr_, a, &Reactor::handleMcaddr); }
+   void mcaddrDel(const Platform::Ip6Addr& a) { setEntryDel(mcaddr_, a, &Reactor::handleMcaddr); }
 
  private:
    std::set<Platform::Ip6Addr> mcaddr_;

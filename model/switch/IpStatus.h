@@ -34,14 +34,10 @@ class IpIntfStatus : public Platform::Entity {
       return activeSecondaryWithMask_;
    }
    void activeSecondaryWithMaskIs(const Platform::IpAddrWithMask& a) {
-      if (activeSecondaryWithMask_.insert(a).second) {
-         notify(&Reactor::handleActiveSecondaryWithMask, a);
-      }
+      setEntryIs(activeSecondaryWithMask_, a, &Reactor::handleActiveSecondaryWithMask);
    }
    void activeSecondaryWithMaskDel(const Platform::IpAddrWithMask& a) {
-      if (auto node = activeSecondaryWithMask_.extract(a)) {
-         notify(&Reactor::handleActiveSecondaryWithMask, node.value());
-      }
+      setEntryDel(activeSecondaryWithMask_, a, &Reactor::handleActiveSecondaryWithMask);
    }
    const Platform::VrfName& vrf() const { return vrf_; }
    void vrfIs(const Platform::VrfName& v) { attrIs(vrf_, v, &Reactor::handleVrf); }
@@ -70,12 +66,7 @@ class Status : public Platform::Entity {
       return mapEntryOr(ipIntfStatus_, intf, nullptr);
    }
    Platform::Ptr<IpIntfStatus> ipIntfStatusIs(const Platform::IntfId& intf) {
-      auto [it, added] = ipIntfStatus_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Platform::Ptr<IpIntfStatus> s = it->second = Platform::make<IpIntfStatus>(intf);
-      notify(&Reactor::handleIpIntfStatus, intf);
-      return s;
+      return mapEntryCreate(ipIntfStatus_, intf, &Reactor::handleIpIntfStatus);
    }
    void ipIntfStatusDel(const Platform::IntfId& intf) {
       mapEntryDel(ipIntfStatus_, intf, &Reactor::handleIpIntfStatus);

@@ -56,12 +56,7 @@ class Status : public Platform::Entity {
       return mapEntryOr(interfaceByIndex_, ifindex, nullptr);
    }
    Platform::Ptr<KernelIntf> interfaceByIndexIs(uint32_t ifindex) {
-      auto [it, added] = interfaceByIndex_.try_emplace(ifindex);
-      if (!added)
-         return it->second;
-      Platform::Ptr<KernelIntf> k = it->second = Platform::make<KernelIntf>(ifindex);
-      notify(&Reactor::handleInterfaceByIndex, ifindex);
-      return k;
+      return mapEntryCreate(interfaceByIndex_, ifindex, &Reactor::handleInterfaceByIndex);
    }
    void interfaceByIndexDel(uint32_t ifindex) {
       mapEntryDel(interfaceByIndex_, ifindex, &Reactor::handleInterfaceByIndex);

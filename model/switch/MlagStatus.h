@@ -28,12 +28,7 @@ class Status : public Platform::Entity {
       return mapEntryOr(intfStatus_, intf, nullptr);
    }
    Platform::Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      auto [it, added] = intfStatus_.try_emplace(intf);
-      if (!added)
-         return it->second;
-      Platform::Ptr<IntfStatus> s = it->second = Platform::make<IntfStatus>(intf);
-      notify(&Reactor::handleIntfStatus, intf);
-      return s;
+      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
    }
    void intfStatusDel(const Platform::IntfId& intf) {
       mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);

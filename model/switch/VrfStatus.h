@@ -50,12 +50,7 @@ class AllVrfStatusLocal : public Platform::Entity {
       return mapEntryOr(vrf_, v, nullptr);
    }
    Platform::Ptr<VrfStatusLocal> vrfIs(const Platform::VrfName& v) {
-      auto [it, added] = vrf_.try_emplace(v);
-      if (!added)
-         return it->second;
-      Platform::Ptr<VrfStatusLocal> s = it->second = Platform::make<VrfStatusLocal>(v);
-      notify(&Reactor::handleVrf, v);
-      return s;
+      return mapEntryCreate(vrf_, v, &Reactor::handleVrf);
    }
    void vrfDel(const Platform::VrfName& v) { mapEntryDel(vrf_, v, &Reactor::handleVrf); }
    void vrfDelAll() { mapEntryDelAll(vrf_, &Reactor::handleVrf); }
