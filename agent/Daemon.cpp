@@ -3,79 +3,67 @@
 #include <csignal>
 #include <cstdio>
 
-#include "agent/ControlCommands.h"
 #include "agent/DhcpRelayAgent.h"
-#include "frontend/ConfigFrontEnd.h"
-#include "frontend/ControlServer.h"
 #include "model/switch/Ip6Status.h"
 #include "model/switch/IpStatus.h"
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/TimerWheel.h"
 #include "platform/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 
-namespace {
+Daemon::Daemon(const DaemonOptions& options)
+    : options_(options),
+      wheel_(monotonic_, utc_),
+      loop_(wheel_),
+      store_([this](std::function<void()> fn) { loop_.post(std::move(fn)); }),
+      config_(store_, options.configPath),
+      server_(loop_, options.socketPath),
+      ctx_{loop_, Agent::kAgentName} {}
 
-void printErrors(const std::vector<std::string>& errors) {
-   for (const std::string& e : errors)
-      std::fprintf(stderr, "%s\n", e.c_str());
+Daemon::~Daemon() {
+   // The agent's machines go first, in the reverse of the order they were built,
+   // while the records and the loop they use still exist.
+   agent_.reset();
+   Platform::Trace::shutdown();
 }
 
-}  // namespace
-
-int runDaemon(const DaemonOptions& options) {
-   Platform::MonotonicClock monotonic;
-   Platform::UtcClock utc;
-   Platform::TimerWheel wheel(monotonic, utc);
-   Platform::EventLoop loop(wheel);
-   Platform::StateStore store([&loop](std::function<void()> fn) { loop.post(std::move(fn)); });
-
+int Daemon::run() {
    // The configuration file must be good before anything starts.
-   Frontend::ConfigFrontEnd config(store, options.configPath);
-   store.frontEndPending(Frontend::ConfigFrontEnd::kName);
-   if (auto errors = config.load(); !errors.empty()) {
-      printErrors(errors);
+   store_.frontEndPending(Frontend::ConfigFrontEnd::kName);
+   if (auto errors = config_.load(); !errors.empty()) {
+      for (const std::string& e : errors)
+         std::fprintf(stderr, "%s\n", e.c_str());
       return 1;
    }
-
    // Interface addresses as the kernel reports them, per interface.
-   store.publish("ip/status", Platform::make<Ip::Status>("status"));
-   store.publish("ip6/status", Platform::make<Ip6::Status>("status"));
+   store_.publish("ip/status", Platform::make<Ip::Status>("status"));
+   store_.publish("ip6/status", Platform::make<Ip6::Status>("status"));
 
-   Frontend::ControlServer server(loop, options.socketPath);
-   if (std::string error; !server.start(error)) {
+   if (std::string error; !server_.start(error)) {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;
    }
-
-   auto reload = [&config] {
-      std::vector<std::string> errors = config.load();
-      if (errors.empty())
-         TRACE(1, "configuration reloaded from ", config.path());
-      return errors;
-   };
-   ControlCommands commands(server, config, store, reload);
+   commands_ =
+       std::make_unique<ControlCommands>(server_, config_, store_, [this] { return doReload(); });
 
    Platform::AgentRegistry registry;
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
-   Platform::AgentContext ctx{loop, Agent::kAgentName};
-   std::unique_ptr<Platform::Agent> agent = registry.agentNew(Agent::kAgentName, ctx);
-   agent->doInit(store);
-   store.frontEndReady(Frontend::ConfigFrontEnd::kName);
+   agent_ = registry.agentNew(Agent::kAgentName, ctx_);
+   agent_->doInit(store_);
+   store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
 
-   loop.onSignal(SIGTERM, [&loop] { loop.stop(); });
-   loop.onSignal(SIGINT, [&loop] { loop.stop(); });
-   loop.onSignal(SIGHUP, [&reload] { reload(); });
-   loop.run();
-
-   TRACE(1, "stopping");
-   // The agent's machines go first, in the reverse of the order they were built,
-   // while the records and the loop they use still exist.
-   agent.reset();
-   Platform::Trace::shutdown();
+   loop_.onSignal(SIGTERM, [this] { loop_.stop(); });
+   loop_.onSignal(SIGINT, [this] { loop_.stop(); });
+   loop_.onSignal(SIGHUP, [this] { doReload(); });
+   loop_.run();
+   TRACE(1, " stopping");
    return 0;
+}
+
+std::vector<std::string> Daemon::doReload() {
+   std::vector<std::string> errors = config_.load();
+   if (errors.empty())
+      TRACE(1, " configuration reloaded from ", config_.path());
+   return errors;
 }
 
 }  // namespace Ip::Helper::DhcpRelay

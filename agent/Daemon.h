@@ -1,6 +1,17 @@
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
+
+#include "agent/ControlCommands.h"
+#include "frontend/ConfigFrontEnd.h"
+#include "frontend/ControlServer.h"
+#include "platform/AgentHost.h"
+#include "platform/Clock.h"
+#include "platform/EventLoop.h"
+#include "platform/StateStore.h"
+#include "platform/TimerWheel.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -9,10 +20,33 @@ struct DaemonOptions {
    std::string socketPath;
 };
 
-// Runs the agent host with the DHCP relay agent until SIGTERM or SIGINT; SIGHUP
-// reloads the configuration file. Returns the process exit code: 0 after a clean
-// stop, 1 when the configuration or the control socket keeps the agent from
-// starting.
-int runDaemon(const DaemonOptions& options);
+// The agent host as a process: the event loop, the state store with its front
+// ends, the control socket and the DHCP relay agent. Members are declared in the
+// order they are needed, so the agent goes first when the daemon is destroyed.
+class Daemon {
+ public:
+   explicit Daemon(const DaemonOptions& options);
+   ~Daemon();
+
+   // Runs until SIGTERM or SIGINT; SIGHUP reloads the configuration file. Returns
+   // the process exit code: 0 after a clean stop, 1 when the configuration or the
+   // control socket keeps the agent from starting.
+   int run();
+
+ private:
+   std::vector<std::string> doReload();
+
+   DaemonOptions options_;
+   Platform::MonotonicClock monotonic_;
+   Platform::UtcClock utc_;
+   Platform::TimerWheel wheel_;
+   Platform::EventLoop loop_;
+   Platform::StateStore store_;
+   Frontend::ConfigFrontEnd config_;
+   Frontend::ControlServer server_;
+   std::unique_ptr<ControlCommands> commands_;
+   Platform::AgentContext ctx_;
+   std::unique_ptr<Platform::Agent> agent_;
+};
 
 }  // namespace Ip::Helper::DhcpRelay

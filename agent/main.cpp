@@ -23,5 +23,5 @@ int main(int argc, char** argv) {
          std::printf("ok\n");
       return parsed.ok() ? 0 : 1;
    }
-   return Ip::Helper::DhcpRelay::runDaemon(options);
+   return Ip::Helper::DhcpRelay::Daemon(options).run();
 }

@@ -45,13 +45,13 @@ std::vector<std::string> ConfigFrontEnd::load() {
    ParsedConfig parsed = parseConfigFile(path_);
    if (!parsed.ok()) {
       for (const std::string& e : parsed.errors)
-         TRACE(0, "configuration refused: ", e);
+         TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
    document_ = std::move(parsed.document);
    applyConfig(document_, targets_);
    doApplyVlanMembership();
-   TRACE(1, "configuration loaded from ", path_);
+   TRACE(1, " configuration loaded from ", path_);
    return {};
 }
 
