@@ -170,18 +170,32 @@ std::string readFirstLine(const std::string& path) {
    return line;
 }
 
+void applyDeviceNames(Interface::DeviceNameConfig& rec,
+                      const std::map<Platform::IntfId, std::string>& want) {
+   std::vector<Platform::IntfId> gone;
+   for (const auto& [intf, dev] : rec.deviceName()) {
+      if (!want.count(intf))
+         gone.push_back(intf);
+   }
+   for (const auto& intf : gone)
+      rec.deviceNameDel(intf);
+   for (const auto& [intf, dev] : want)
+      rec.deviceNameIs(intf, dev);
+}
+
 }  // namespace
 
 void applyConfig(const ConfigDocument& doc, Targets& targets) {
    PLATFORM_ASSERT(targets.relay && targets.snooping && targets.snooping6 && targets.vrfs &&
-                       targets.netStatus && targets.entityMib && targets.bridging,
+                       targets.netStatus && targets.entityMib && targets.bridging &&
+                       targets.deviceNames,
                    "applyConfig needs every target record");
    addVrfs(*targets.vrfs, doc);
    targets.netStatus->hostnameIs(doc.system.hostname.empty() ? hostHostname()
                                                              : doc.system.hostname);
    targets.entityMib->systemMacAddrIs(doc.system.bridgeMac ? *doc.system.bridgeMac
                                                            : hostBridgeMac());
-   targets.deviceNames = doc.devices;
+   applyDeviceNames(*targets.deviceNames, doc.devices);
    applyBridging(*targets.bridging, doc);
    applyRelay(*targets.relay, doc);
    applySnooping(*targets.snooping, *targets.snooping6, doc.snooping);

@@ -7,6 +7,7 @@
 #include "model/Config.h"
 #include "model/snooping/SnoopingConfig.h"
 #include "model/switch/Bridging.h"
+#include "model/switch/IntfStatusDir.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/EthAddr.h"
@@ -25,8 +26,7 @@ struct Targets {
    Platform::Ptr<System::NetStatus> netStatus;
    Platform::Ptr<EntityMib::Status> entityMib;
    Platform::Ptr<Bridging::Config> bridging;
-   // System interface name -> kernel device name, where they differ.
-   std::map<Platform::IntfId, std::string> deviceNames;
+   Platform::Ptr<Interface::DeviceNameConfig> deviceNames;
 };
 
 // Brings every target to what `doc` says through the records' mutators, so that a

@@ -21,6 +21,7 @@ ConfigFrontEnd::ConfigFrontEnd(Platform::StateStore& store, std::string path)
    targets_.netStatus = make<System::NetStatus>("status");
    targets_.entityMib = make<EntityMib::Status>("entmib");
    targets_.bridging = make<Bridging::Config>("config");
+   targets_.deviceNames = make<Interface::DeviceNameConfig>("deviceName");
    counterConfig_ = make<Ip::Helper::DhcpRelay::CounterConfig>("counterConfig");
    snoopingCounterConfig_ = make<Bridging::DhcpSnooping::CounterConfig>("counterConfig");
    snooping6CounterConfig_ = make<Bridging::DhcpSnooping::CounterConfig>("dhcp6CounterConfig");
@@ -32,6 +33,7 @@ ConfigFrontEnd::ConfigFrontEnd(Platform::StateStore& store, std::string path)
    store_.publish("ip/helper/dhcprelay/mlagStatus", mlagStatus_);
    store_.publish("ip/vrf/status/local", targets_.vrfs);
    store_.publish("bridging/config", targets_.bridging);
+   store_.publish("interface/config/deviceName", targets_.deviceNames);
    store_.publish("bridging/vlan/status", vlanStatus_);
    store_.publish("bridging/dhcpsnooping/config", targets_.snooping);
    store_.publish("bridging/dhcpsnooping/counterConfig", snoopingCounterConfig_);

@@ -120,4 +120,35 @@ class AllIntfStatusLocalDir : public Platform::Entity {
    std::map<Platform::IntfId, Ptr<IntfStatusLocal>> intfStatusLocal_;
 };
 
+// System interface name -> kernel device name, where the two differ (from the
+// configuration file). Any other interface's device has the interface's name.
+class DeviceNameConfig : public Platform::Entity {
+ public:
+   PLATFORM_ENTITY_TYPE("Interface::DeviceNameConfig")
+   using Entity::Entity;
+
+   class Reactor : public Platform::ReactorOf<const DeviceNameConfig> {
+    public:
+      virtual void handleDeviceName(const Platform::IntfId& /*intf*/) {}
+   };
+
+   const std::map<Platform::IntfId, std::string>& deviceName() const { return deviceName_; }
+   void deviceNameIs(const Platform::IntfId& intf, const std::string& dev) {
+      mapEntryIs(deviceName_, intf, dev, &Reactor::handleDeviceName);
+   }
+   void deviceNameDel(const Platform::IntfId& intf) {
+      mapEntryDel(deviceName_, intf, &Reactor::handleDeviceName);
+   }
+
+   // The kernel device of a system interface.
+   std::string deviceOf(const Platform::IntfId& intf) const;
+   // The system interface whose kernel device this is; empty when no interface
+   // maps to it (a device named like an interface that the file maps elsewhere,
+   // or a name that is no valid interface name).
+   Platform::IntfId intfIdOf(const std::string& device) const;
+
+ private:
+   std::map<Platform::IntfId, std::string> deviceName_;
+};
+
 }  // namespace Interface

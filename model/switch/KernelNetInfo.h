@@ -4,8 +4,13 @@
 #include <map>
 #include <string>
 
+#include <set>
+#include <vector>
+
 #include "platform/Entity.h"
 #include "platform/EthAddr.h"
+#include "platform/Ip6Addr.h"
+#include "platform/IpAddr.h"
 
 namespace KernelNetInfo {
 
@@ -20,6 +25,9 @@ class KernelIntf : public Platform::Entity {
       virtual void handleDeviceName() {}
       virtual void handleMac() {}
       virtual void handleUp() {}
+      virtual void handleRunning() {}
+      virtual void handleIpv4() {}
+      virtual void handleIpv6(const Platform::Ip6Prefix& /*addr*/) {}
    };
 
    uint32_t ifindex() const { return ifindex_; }
@@ -29,12 +37,29 @@ class KernelIntf : public Platform::Entity {
    void macIs(const Platform::EthAddr& v) { attrIs(mac_, v, &Reactor::handleMac); }
    bool up() const { return up_; }
    void upIs(bool v) { attrIs(up_, v, &Reactor::handleUp); }
+   // Operationally up: the kernel reports the link running (carrier present).
+   bool running() const { return running_; }
+   void runningIs(bool v) { attrIs(running_, v, &Reactor::handleRunning); }
+   // IPv4 addresses in the kernel's order, which is the order they were added in;
+   // the first is the device's primary address. Replaced whole, since a removal
+   // can promote a secondary and reorder the rest.
+   const std::vector<Platform::IpAddrWithMask>& ipv4() const { return ipv4_; }
+   void ipv4Is(const std::vector<Platform::IpAddrWithMask>& v) {
+      attrIs(ipv4_, v, &Reactor::handleIpv4);
+   }
+   // IPv6 addresses with their prefix length.
+   const std::set<Platform::Ip6Prefix>& ipv6() const { return ipv6_; }
+   void ipv6Is(const Platform::Ip6Prefix& a) { setEntryIs(ipv6_, a, &Reactor::handleIpv6); }
+   void ipv6Del(const Platform::Ip6Prefix& a) { setEntryDel(ipv6_, a, &Reactor::handleIpv6); }
 
  private:
    uint32_t ifindex_;
    std::string deviceName_;
    Platform::EthAddr mac_;
    bool up_ = false;
+   bool running_ = false;
+   std::vector<Platform::IpAddrWithMask> ipv4_;
+   std::set<Platform::Ip6Prefix> ipv6_;
 };
 
 // Kernel devices by ifindex: packets arrive with an ifindex, and this is how the

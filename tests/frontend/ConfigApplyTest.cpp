@@ -32,6 +32,7 @@ Targets freshTargets() {
    t.netStatus = make<System::NetStatus>("status");
    t.entityMib = make<EntityMib::Status>("entmib");
    t.bridging = make<Bridging::Config>("config");
+   t.deviceNames = make<Interface::DeviceNameConfig>("deviceName");
    return t;
 }
 
@@ -82,7 +83,7 @@ std::string dump(const Targets& t) {
          o << v << ",";
       o << "\n";
    }
-   for (const auto& [id, dev] : t.deviceNames)
+   for (const auto& [id, dev] : t.deviceNames->deviceName())
       o << "device " << id.toString() << "=" << dev << "\n";
    return o.str();
 }
