@@ -1,11 +1,10 @@
 #include "agent/ControlCommands.h"
 
-#include <map>
-
 #include "frontend/ConfigJson.h"
 #include "frontend/ControlProtocol.h"
-#include "platform/KernelInterfaces.h"
-#include "platform/NetNs.h"
+#include "model/switch/KernelNetInfo.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/KernelFrontEnd.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -13,25 +12,28 @@ using nlohmann::json;
 
 namespace {
 
-// One VRF as the operator sees it: the default VRF is the agent's own namespace.
-struct VrfView {
-   std::string vrf;
-   std::string ns;
-   bool active;
-};
-
-std::vector<VrfView> vrfViews(const Frontend::ConfigDocument& doc) {
-   std::vector<VrfView> out{{Platform::VrfName::defaultVrf().toString(), "", true}};
-   for (const auto& [vrf, ns] : doc.vrfs) {
-      out.push_back({vrf.toString(), ns.toString(), Platform::netNsExists(ns.toString())});
-   }
-   return out;
-}
-
 json counters(const auto& record) {
    json out = json::object();
    record.forEachCounter([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; });
    return out;
+}
+
+json kernelIntfJson(const KernelNetInfo::KernelIntf& k, const Platform::IntfId& intfId) {
+   json ipv4 = json::array();
+   for (const auto& a : k.ipv4())
+      ipv4.push_back(a.toString());
+   json ipv6 = json::array();
+   for (const auto& a : k.ipv6())
+      ipv6.push_back(a.toString());
+   const std::string id = intfId.toString();
+   return {{"ifindex", k.ifindex()},
+           {"device", k.deviceName()},
+           {"mac", k.mac().isZero() ? json(nullptr) : json(k.mac().toString())},
+           {"up", k.up()},
+           {"running", k.running()},
+           {"ipv4", ipv4},
+           {"ipv6", ipv6},
+           {"intfId", id.empty() ? json(nullptr) : json(id)}};
 }
 
 }  // namespace
@@ -61,46 +63,41 @@ json ControlCommands::doShow(const json& request) const {
                                 "\": choose config, interfaces, vrfs or status");
 }
 
+Ptr<const Ip::AllVrfStatusLocal> ControlCommands::vrfs() const {
+   auto vrfs = store_.publishedAs<const Ip::AllVrfStatusLocal>("ip/vrf/status/local");
+   if (!vrfs)
+      throw Frontend::ControlError("the VRF status is not published yet");
+   return vrfs;
+}
+
 json ControlCommands::doShowVrfs() const {
    json out = json::array();
-   for (const VrfView& v : vrfViews(config_.document())) {
-      out.push_back({{"vrf", v.vrf}, {"namespace", v.ns}, {"active", v.active}});
+   for (const auto& [name, vrf] : vrfs()->vrf()) {
+      out.push_back({{"vrf", name.toString()},
+                     {"namespace", vrf->nsName().toString()},
+                     {"active", vrf->state() == Ip::VrfStatusLocal::State::active}});
    }
    return out;
 }
 
 json ControlCommands::doShowInterfaces() const {
-   // A device is the system interface of the same name unless the file maps a
-   // system interface onto it.
-   const auto& devices = config_.document().devices;
-   std::map<std::string, std::string> systemName;
-   for (const auto& [intf, dev] : devices)
-      systemName[dev] = intf.toString();
-   auto intfIdOf = [&](const std::string& device) -> std::optional<std::string> {
-      if (auto it = systemName.find(device); it != systemName.end())
-         return it->second;
-      auto id = Platform::IntfId::parse(device);
-      if (id && !devices.count(*id))
-         return device;
-      return std::nullopt;
-   };
-
-   json vrfs = json::array();
-   for (const VrfView& v : vrfViews(config_.document())) {
-      json entry = {{"vrf", v.vrf}, {"namespace", v.ns}, {"active", v.active}};
+   const Interface::DeviceNameConfig& devices = *config_.targets().deviceNames;
+   json out = json::array();
+   for (const auto& [name, vrf] : vrfs()->vrf()) {
+      const bool active = vrf->state() == Ip::VrfStatusLocal::State::active;
       json intfs = json::array();
-      if (v.active) {
-         std::string error;
-         for (const auto& k : Platform::listKernelInterfaces(v.ns, error)) {
-            intfs.push_back(Frontend::kernelInterfaceJson(k, intfIdOf(k.device)));
-         }
-         if (!error.empty())
-            entry["error"] = error;
+      auto table = store_.publishedAs<const KernelNetInfo::Status>(
+          Platform::kernelTablePath(vrf->nsName().toString()));
+      if (active && table) {
+         for (const auto& [ifindex, k] : table->interfaceByIndex())
+            intfs.push_back(kernelIntfJson(*k, devices.intfIdOf(k->deviceName())));
       }
-      entry["interfaces"] = intfs;
-      vrfs.push_back(entry);
+      out.push_back({{"vrf", name.toString()},
+                     {"namespace", vrf->nsName().toString()},
+                     {"active", active},
+                     {"interfaces", intfs}});
    }
-   return {{"vrfs", vrfs}};
+   return {{"vrfs", out}};
 }
 
 json ControlCommands::doShowStatus() const {

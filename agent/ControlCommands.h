@@ -7,6 +7,7 @@
 #include "frontend/ConfigFrontEnd.h"
 #include "frontend/ControlServer.h"
 #include "model/Status.h"
+#include "model/switch/VrfStatus.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -23,6 +24,7 @@ class ControlCommands {
 
  private:
    nlohmann::json doShow(const nlohmann::json& request) const;
+   Ptr<const Ip::AllVrfStatusLocal> vrfs() const;
    nlohmann::json doShowVrfs() const;
    nlohmann::json doShowInterfaces() const;
    nlohmann::json doShowStatus() const;

@@ -4,8 +4,6 @@
 #include <cstdio>
 
 #include "agent/DhcpRelayAgent.h"
-#include "model/switch/Ip6Status.h"
-#include "model/switch/IpStatus.h"
 #include "platform/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -34,10 +32,6 @@ int Daemon::run() {
          std::fprintf(stderr, "%s\n", e.c_str());
       return 1;
    }
-   // Interface addresses as the kernel reports them, per interface.
-   store_.publish("ip/status", Platform::make<Ip::Status>("status"));
-   store_.publish("ip6/status", Platform::make<Ip6::Status>("status"));
-
    if (std::string error; !server_.start(error)) {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;
@@ -49,6 +43,9 @@ int Daemon::run() {
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
    agent_ = registry.agentNew(Agent::kAgentName, ctx_);
    agent_->doInit(store_);
+   // VRF namespaces, interfaces and addresses, followed live from the kernel; built
+   // once tracing runs, and published before the agent's mounts complete.
+   kernel_ = std::make_unique<Platform::KernelFrontEnd>(loop_, store_);
    store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
 
    loop_.onSignal(SIGTERM, [this] { loop_.stop(); });

@@ -10,6 +10,7 @@
 #include "platform/AgentHost.h"
 #include "platform/Clock.h"
 #include "platform/EventLoop.h"
+#include "platform/KernelFrontEnd.h"
 #include "platform/StateStore.h"
 #include "platform/TimerWheel.h"
 
@@ -43,6 +44,7 @@ class Daemon {
    Platform::EventLoop loop_;
    Platform::StateStore store_;
    Frontend::ConfigFrontEnd config_;
+   std::unique_ptr<Platform::KernelFrontEnd> kernel_;
    Frontend::ControlServer server_;
    std::unique_ptr<ControlCommands> commands_;
    Platform::AgentContext ctx_;

@@ -14,6 +14,7 @@
 #include "platform/Assert.h"
 #include "platform/Dir.h"
 #include "platform/EventLoop.h"
+#include "platform/KernelFrontEnd.h"
 #include "platform/Trace.h"
 #include "platform/VrfName.h"
 
@@ -83,6 +84,11 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    const Platform::NamespaceName defaultNs(Platform::VrfName::defaultVrf().toString());
 
    TRACE(1, "Assigning agent properties.");
+   kernelIntfDir_ = Platform::kernelTableOf(entityManager, defaultNs.toString());
+   intfStatusManagerRoot_ = std::make_unique<Platform::IntfStatusManagerRoot>(
+       entityManager, entityManager.entity<Interface::AllIntfStatusDir>("interface/status/all"),
+       entityManager.entity<Interface::AllIntfStatusLocalDir>("interface/status/local"));
+   intfStatusManagerRoot_->intfStatusManager(defaultNs.toString());
    timerWheel_ = &ctx_.loop.wheel();
    localDhcpRelayStatus_ =
        entityManager.localEntityIs<Status>("LocalDhcpRelayStatus", "agent/dhcprelay/localStatus");

@@ -10,7 +10,9 @@
 #include "model/Namelook.h"
 #include "model/Status.h"
 #include "model/VrfWithCountDir.h"
+#include "model/switch/KernelNetInfo.h"
 #include "platform/AgentHost.h"
+#include "platform/IntfStatusManager.h"
 #include "platform/TimerWheel.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -32,6 +34,10 @@ class Agent : public Platform::Agent {
    bool hasBackupSupport() const override { return false; }
    int fwkType() const override { return Platform::kFwkTypeLinuxHost; }
 
+   const Ptr<const KernelNetInfo::Status>& kernelIntfDir() const { return kernelIntfDir_; }
+   Platform::IntfStatusManagerRoot* intfStatusManagerRoot() const {
+      return intfStatusManagerRoot_.get();
+   }
    Platform::TimerWheel* timerWheel() const { return timerWheel_; }
    const Ptr<Status>& localDhcpRelayStatus() const { return localDhcpRelayStatus_; }
    const Ptr<Root>& dhcpRoot() const { return dhcpRoot_; }
@@ -51,6 +57,8 @@ class Agent : public Platform::Agent {
 
  private:
    Platform::AgentContext& ctx_;
+   Ptr<const KernelNetInfo::Status> kernelIntfDir_;
+   std::unique_ptr<Platform::IntfStatusManagerRoot> intfStatusManagerRoot_;
    // The agent's one timer wheel is the host's: the event loop drives it.
    Platform::TimerWheel* timerWheel_ = nullptr;
    Ptr<Status> localDhcpRelayStatus_;

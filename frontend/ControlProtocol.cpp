@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/KernelInterfaces.h"
-
 namespace Frontend {
 
 nlohmann::json controlReplyOk(nlohmann::json data) {
@@ -30,24 +28,6 @@ const std::string& requestString(const nlohmann::json& request, const char* key)
    if (it == request.end() || !it->is_string())
       throw ControlError(std::string("request needs a string \"") + key + "\"");
    return it->get_ref<const std::string&>();
-}
-
-nlohmann::json kernelInterfaceJson(const Platform::KernelInterface& intf,
-                                   const std::optional<std::string>& intfId) {
-   nlohmann::json ipv4 = nlohmann::json::array();
-   for (const auto& a : intf.ipv4)
-      ipv4.push_back(a.toString());
-   nlohmann::json ipv6 = nlohmann::json::array();
-   for (const auto& a : intf.ipv6)
-      ipv6.push_back(a.toString());
-   return {{"ifindex", intf.ifindex},
-           {"device", intf.device},
-           {"mac", intf.mac ? nlohmann::json(intf.mac->toString()) : nlohmann::json()},
-           {"up", intf.up},
-           {"running", intf.running},
-           {"ipv4", std::move(ipv4)},
-           {"ipv6", std::move(ipv6)},
-           {"intfId", intfId ? nlohmann::json(*intfId) : nlohmann::json()}};
 }
 
 ControlClient::~ControlClient() {

@@ -43,9 +43,8 @@
 //     Optional server fields are left out when unset.
 //
 //   {"cmd": "show", "what": "interfaces"}
-//     The kernel's devices of every VRF, read when asked (see kernelInterfaceJson):
+//     The kernel's devices of every VRF, as the agent follows them:
 //     {"vrfs": [{"vrf": "default", "namespace": "default", "active": true,
-//                "error": "cannot enter ..."            (only when listing failed)
 //                "interfaces": [{"ifindex": 1, "device": "lo", "mac": "00:00:00:00:00:00",
 //                                "up": true, "running": true,
 //                                "ipv4": ["127.0.0.1/8"], "ipv6": ["::1/128"],
@@ -85,10 +84,6 @@
 #include <stdexcept>
 #include <string>
 
-namespace Platform {
-struct KernelInterface;
-}
-
 namespace Frontend {
 
 inline constexpr const char* kDefaultControlSocket = "/run/dhcp-relay-agent/ctl.sock";
@@ -111,10 +106,6 @@ std::string controlLine(const nlohmann::json& message);
 // The string field `key` of a request; throws ControlError naming the field when it is
 // missing or not a string.
 const std::string& requestString(const nlohmann::json& request, const char* key);
-
-// One device in the "show interfaces" shape above.
-nlohmann::json kernelInterfaceJson(const Platform::KernelInterface& intf,
-                                   const std::optional<std::string>& intfId);
 
 // The command line's side: blocking, one request at a time, each with a time limit so a
 // wedged agent cannot hang an operator's shell.

@@ -151,6 +151,10 @@ class Status : public Platform::Entity {
    uint32_t numSmartRelayedHosts() const { return numSmartRelayedHosts_; }
    void numSmartRelayedHostsInc();
    void numSmartRelayedHostsDec();
+   // For publishing the agent-local count; the smart relay itself only steps it.
+   void numSmartRelayedHostsIs(uint32_t v) {
+      attrIs(numSmartRelayedHosts_, v, &Reactor::handleNumSmartRelayedHosts);
+   }
 
    double counterUpdateTime() const { return counterUpdateTime_; }
    void counterUpdateTimeIs(double v) {

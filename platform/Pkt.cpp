@@ -70,6 +70,15 @@ bool Pkt::moveRange(size_t from, size_t to, size_t len) {
    return true;
 }
 
+bool Pkt::reset(size_t bytes, size_t headroom) {
+   if (headroom > capacity_ || bytes > capacity_ - headroom)
+      return false;
+   head_ = headroom;
+   bytes_ = bytes;
+   std::memset(data(), 0, bytes_);
+   return true;
+}
+
 std::optional<uint8_t> Pkt::at(size_t off) const {
    if (off >= bytes_)
       return std::nullopt;

@@ -38,6 +38,10 @@ class Pkt final : public RefCounted {
    bool shrinkTail(size_t n);
    // memmove semantics: the ranges may overlap, which is how gaps are opened and closed.
    bool moveRange(size_t from, size_t to, size_t len);
+   // Gives a recycled packet the layout of a fresh one (zeroed data of `bytes` after
+   // `headroom`), so a pool can hand it out again; false, unchanged, when the buffer
+   // is too small for that layout.
+   bool reset(size_t bytes, size_t headroom);
 
    std::optional<uint8_t> at(size_t off) const;
    bool write(size_t off, std::span<const uint8_t> src);

@@ -47,12 +47,15 @@ struct State {
    }
 };
 
-// Constant-initialised, so usable by TRACEs in other objects' static constructors.
-constinit State state;
+// Built on first use, so usable by TRACEs in other objects' static constructors.
+State& state() {
+   static State instance;
+   return instance;
+}
 
 void updateKeptLevel() {
-   int kept = std::max(state.ring ? state.ringLevel : -1, state.textLevel);
-   if (state.capture)
+   int kept = std::max(state().ring ? state().ringLevel : -1, state().textLevel);
+   if (state().capture)
       kept = kTraceLevelMax;
    Trace::Detail::keptLevel = kept;
 }
@@ -97,7 +100,7 @@ int64_t realtimeNs() {
 }
 
 void writeText(int level, std::string_view line) {
-   std::string& out = state.textLine;
+   std::string& out = state().textLine;
    out.clear();
    TraceText::appendPrefix(out, realtimeNs(), level);
    out += line;
@@ -106,7 +109,7 @@ void writeText(int level, std::string_view line) {
    const char* p = out.data();
    size_t left = out.size();
    while (left > 0) {
-      const ssize_t n = ::write(state.textFd, p, left);
+      const ssize_t n = ::write(state().textFd, p, left);
       if (n < 0 && errno == EINTR)
          continue;
       if (n <= 0)
@@ -117,26 +120,26 @@ void writeText(int level, std::string_view line) {
 }
 
 void openTextSink(std::vector<std::string>& warnings) {
-   state.textLevel = kDefaultTextLevel;
+   state().textLevel = kDefaultTextLevel;
    if (const char* value = environment("DHCP_RELAY_TRACE")) {
       const std::string_view text(value);
       if (text == "all") {
-         state.textLevel = kTraceLevelMax;
+         state().textLevel = kTraceLevelMax;
       } else if (const auto level = parseLevel(text)) {
-         state.textLevel = *level;
+         state().textLevel = *level;
       } else if (text != "off") {
          warnings.push_back("DHCP_RELAY_TRACE=" + std::string(text) +
                             " is not 0..9, off or all: text trace keeps levels 0-1");
       }
    }
-   state.textFd = STDERR_FILENO;
-   state.textTarget = "stderr";
+   state().textFd = STDERR_FILENO;
+   state().textTarget = "stderr";
    if (const char* path = environment("DHCP_RELAY_TRACE_FILE")) {
       const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
       if (fd >= 0) {
-         state.textFd = fd;
-         state.ownsTextFd = true;
-         state.textTarget = path;
+         state().textFd = fd;
+         state().ownsTextFd = true;
+         state().textTarget = path;
       } else {
          warnings.push_back("cannot open DHCP_RELAY_TRACE_FILE " + std::string(path) + ": " +
                             std::strerror(errno) + "; text trace goes to stderr");
@@ -160,10 +163,10 @@ void openRing(const std::string& agentName, std::vector<std::string>& warnings) 
                             std::to_string(size));
       }
    }
-   state.ringLevel = kTraceLevelMax;
+   state().ringLevel = kTraceLevelMax;
    if (const char* value = environment("BLIPJETLEVEL")) {
       if (const auto level = parseLevel(value)) {
-         state.ringLevel = *level;
+         state().ringLevel = *level;
       } else {
          warnings.push_back("BLIPJETLEVEL=" + std::string(value) +
                             " is not 0..9: the ring keeps every level");
@@ -171,9 +174,9 @@ void openRing(const std::string& agentName, std::vector<std::string>& warnings) 
    }
    const std::string path = ringFilePath(agentName);
    std::string error;
-   state.ring = TraceRingWriter::create(path, size, agentName, error);
-   if (state.ring) {
-      state.ringPath = path;
+   state().ring = TraceRingWriter::create(path, size, agentName, error);
+   if (state().ring) {
+      state().ringPath = path;
    } else {
       warnings.push_back("no trace ring file: " + error);
    }
@@ -190,41 +193,41 @@ void Trace::init(const std::string& agentName) {
    updateKeptLevel();
    for (const std::string& warning : warnings)
       TRACE(1, warning);
-   if (state.ring) {
-      TRACE(1, "text trace to ", state.textTarget, " keeps levels 0-", state.textLevel,
-            "; ring file ", state.ringPath, " keeps levels 0-", state.ringLevel);
+   if (state().ring) {
+      TRACE(1, "text trace to ", state().textTarget, " keeps levels 0-", state().textLevel,
+            "; ring file ", state().ringPath, " keeps levels 0-", state().ringLevel);
    } else {
-      TRACE(1, "text trace to ", state.textTarget, " keeps levels 0-", state.textLevel,
+      TRACE(1, "text trace to ", state().textTarget, " keeps levels 0-", state().textLevel,
             "; no ring file");
    }
 }
 
 void Trace::shutdown() {
-   state.ring.reset();
-   state.ringLevel = -1;
-   state.ringPath.clear();
-   if (state.ownsTextFd)
-      ::close(state.textFd);
-   state.textFd = -1;
-   state.ownsTextFd = false;
-   state.textLevel = -1;
+   state().ring.reset();
+   state().ringLevel = -1;
+   state().ringPath.clear();
+   if (state().ownsTextFd)
+      ::close(state().textFd);
+   state().textFd = -1;
+   state().ownsTextFd = false;
+   state().textLevel = -1;
    updateKeptLevel();
 }
 
 const std::string& Trace::ringPath() {
-   return state.ringPath;
+   return state().ringPath;
 }
 
 void Trace::emit(TraceSite& site, int level, std::initializer_list<TraceArg> pieces) {
    PLATFORM_ASSERT(level >= 0 && level <= kTraceLevelMax, "trace level outside 0..9");
    // Callers trace a failure and then look at errno again.
    const int savedErrno = errno;
-   if (state.ring && level <= state.ringLevel) {
-      state.ring->append(site, level, {pieces.begin(), pieces.size()});
+   if (state().ring && level <= state().ringLevel) {
+      state().ring->append(site, level, {pieces.begin(), pieces.size()});
    }
-   const bool toText = level <= state.textLevel;
-   if (toText || state.capture) {
-      std::string& line = state.line;
+   const bool toText = level <= state().textLevel;
+   if (toText || state().capture) {
+      std::string& line = state().line;
       line.clear();
       if (site.withSignature)
          line += site.function;
@@ -232,22 +235,22 @@ void Trace::emit(TraceSite& site, int level, std::initializer_list<TraceArg> pie
          TraceText::appendPiece(line, piece);
       if (toText)
          writeText(level, line);
-      if (state.capture) {
-         state.capture->lines_.push_back(line);
-         state.capture->levels_.push_back(level);
+      if (state().capture) {
+         state().capture->lines_.push_back(line);
+         state().capture->levels_.push_back(level);
       }
    }
    errno = savedErrno;
 }
 
-TraceCapture::TraceCapture() : previous_(state.capture) {
-   state.capture = this;
+TraceCapture::TraceCapture() : previous_(state().capture) {
+   state().capture = this;
    updateKeptLevel();
 }
 
 TraceCapture::~TraceCapture() {
-   PLATFORM_ASSERT(state.capture == this, "trace captures must end in reverse order of start");
-   state.capture = previous_;
+   PLATFORM_ASSERT(state().capture == this, "trace captures must end in reverse order of start");
+   state().capture = previous_;
    updateKeptLevel();
 }
 

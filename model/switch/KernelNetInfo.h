@@ -40,9 +40,9 @@ class KernelIntf : public Platform::Entity {
    // Operationally up: the kernel reports the link running (carrier present).
    bool running() const { return running_; }
    void runningIs(bool v) { attrIs(running_, v, &Reactor::handleRunning); }
-   // IPv4 addresses in the kernel's order, which is the order they were added in;
-   // the first is the device's primary address. Replaced whole, since a removal
-   // can promote a secondary and reorder the rest.
+   // IPv4 addresses in the kernel's order: primary addresses in the order they were
+   // added, then secondaries; the first is the device's primary address. Replaced
+   // whole, since a removal can promote a secondary and reorder the rest.
    const std::vector<Platform::IpAddrWithMask>& ipv4() const { return ipv4_; }
    void ipv4Is(const std::vector<Platform::IpAddrWithMask>& v) {
       attrIs(ipv4_, v, &Reactor::handleIpv4);

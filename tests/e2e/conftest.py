@@ -32,11 +32,14 @@ def netns():
     process left in them) even when the test fails."""
     made = []
 
-    def make(suffix):
+    def make(suffix, create=True):
+        """`create=False` only names one for the test to create later; it is still
+        removed at the end if it exists then."""
         name = f"{RUN_PREFIX}-{suffix}"
-        run("ip", "netns", "add", name)
         made.append(name)
-        run("ip", "-n", name, "link", "set", "lo", "up")
+        if create:
+            run("ip", "netns", "add", name)
+            run("ip", "-n", name, "link", "set", "lo", "up")
         return name
 
     yield make

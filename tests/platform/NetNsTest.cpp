@@ -8,24 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "platform/KernelInterfaces.h"
-
 namespace Platform {
 namespace {
 
 ino_t netNsInode(const std::string& path) {
    struct stat st;
    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
-}
-
-using Texts = std::vector<std::string>;
-
-template <class T>
-Texts texts(const std::vector<T>& values) {
-   Texts out;
-   for (const auto& v : values)
-      out.push_back(v.toString());
-   return out;
 }
 
 ino_t currentNetNs() {
@@ -53,7 +41,6 @@ class NetNsTest : public testing::Test {
    int ip(const std::string& args) {
       return std::system(("ip " + args + " >/dev/null 2>&1").c_str());
    }
-   int ipIn(const std::string& args) { return ip("-n " + name_ + " " + args); }
 
    std::string name_;
    bool created_ = false;
@@ -90,61 +77,6 @@ TEST_F(NetNsTest, MissingOrInvalidNamespaceFailsClosed) {
    NetNsGuard guard(name_ + "-missing");
    EXPECT_NE(guard.error().find("/run/netns/" + name_ + "-missing"), std::string::npos)
        << guard.error();
-
-   std::string error;
-   EXPECT_TRUE(listKernelInterfaces(name_ + "-missing", error).empty());
-   EXPECT_FALSE(error.empty());
-}
-
-TEST_F(NetNsTest, ListsOnlyTheDevicesOfTheNamespace) {
-   std::string error;
-   auto fresh = listKernelInterfaces(name_, error);
-   ASSERT_TRUE(error.empty()) << error;
-   ASSERT_EQ(fresh.size(), 1u);
-   EXPECT_EQ(fresh[0].device, "lo");
-   EXPECT_EQ(fresh[0].ifindex, 1u);
-   EXPECT_FALSE(fresh[0].up);
-   EXPECT_TRUE(fresh[0].ipv4.empty());
-
-   ASSERT_EQ(ipIn("link set lo up"), 0);
-   ASSERT_EQ(ipIn("link add v0 address 02:00:00:00:00:01 type veth peer name v1"), 0);
-   ASSERT_EQ(ipIn("addr add 192.0.2.1/24 dev v0"), 0);
-   // A labelled secondary address is reported under its label, not the device name.
-   ASSERT_EQ(ipIn("addr add 192.0.2.9/24 label v0:sec dev v0"), 0);
-   ASSERT_EQ(ipIn("addr add 198.51.100.1/30 dev v0"), 0);
-   ASSERT_EQ(ipIn("addr add 2001:db8::1/64 dev v0 nodad"), 0);
-   ASSERT_EQ(ipIn("link set v0 up"), 0);
-
-   auto devices = listKernelInterfaces(name_, error);
-   ASSERT_TRUE(error.empty()) << error;
-   ASSERT_EQ(devices.size(), 3u);
-   for (size_t i = 1; i < devices.size(); ++i)
-      EXPECT_LT(devices[i - 1].ifindex, devices[i].ifindex);
-
-   const KernelInterface& lo = devices[0];
-   EXPECT_EQ(lo.device, "lo");
-   EXPECT_TRUE(lo.up && lo.running);
-   EXPECT_EQ(texts(lo.ipv4), (Texts{"127.0.0.1/8"}));
-   EXPECT_EQ(texts(lo.ipv6), (Texts{"::1/128"}));
-
-   const KernelInterface* v0 = nullptr;
-   for (const auto& d : devices)
-      if (d.device == "v0")
-         v0 = &d;
-   ASSERT_NE(v0, nullptr);
-   ASSERT_TRUE(v0->mac);
-   EXPECT_EQ(v0->mac->toString(), "02:00:00:00:00:01");
-   EXPECT_TRUE(v0->up);
-   // Primary addresses come first, whatever order they were added in.
-   EXPECT_EQ(texts(v0->ipv4), (Texts{"192.0.2.1/24", "198.51.100.1/30", "192.0.2.9/24"}));
-   // Without a carrier on the pair there is no link-local address yet.
-   EXPECT_EQ(texts(v0->ipv6), (Texts{"2001:db8::1/64"}));
-
-   // The agent's own namespace is untouched by all of this.
-   auto own = listKernelInterfaces("", error);
-   ASSERT_TRUE(error.empty()) << error;
-   for (const auto& d : own)
-      EXPECT_NE(d.device, "v0");
 }
 
 }  // namespace

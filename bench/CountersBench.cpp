@@ -1,0 +1,90 @@
+// Cost of counting on the DHCPv4 packet paths: pktReceived + pktForwarded of a request on a
+// local Status with 100 interfaces, bare and with the publishing machine watching it. Must
+// allocate nothing (the "allocs" counter, per iteration).
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "codec/DhcpHdr.h"
+#include "counters/DhcpRelayCounters.h"
+#include "counters/DhcpRelayCountersSm.h"
+#include "platform/Clock.h"
+
+namespace {
+
+size_t allocations = 0;
+
+}  // namespace
+
+// Out of line, as in the library, so the compiler does not pair malloc with delete-expressions.
+[[gnu::noinline]] void* operator new(size_t size) {
+   ++allocations;
+   if (void* p = std::malloc(size ? size : 1))
+      return p;
+   throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* p) noexcept {
+   std::free(p);
+}
+[[gnu::noinline]] void operator delete(void* p, size_t) noexcept {
+   std::free(p);
+}
+
+namespace {
+
+using Ip::Helper::DhcpRelay::Status;
+using Platform::IntfId;
+
+constexpr int kInterfaces = 100;
+
+struct LocalStatus {
+   LocalStatus() {
+      for (int i = 1; i <= kInterfaces; ++i) {
+         intfs.emplace_back("Ethernet1/" + std::to_string(i));
+         status->intfStatusIs(intfs.back());
+      }
+   }
+   Platform::Ptr<Status> status = Platform::make<Status>("LocalDhcpRelayStatus");
+   std::vector<IntfId> intfs;
+};
+
+void countRequests(benchmark::State& state, LocalStatus& local) {
+   using namespace Ip::Helper::DhcpRelay;
+   size_t i = 0;
+   const size_t before = allocations;
+   for (auto _ : state) {
+      const IntfId& intf = local.intfs[i];
+      pktReceived(*local.status, bootRequest, intf);
+      pktForwarded(*local.status, bootRequest, intf);
+      i = i + 1 == local.intfs.size() ? 0 : i + 1;
+   }
+   state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations - before),
+                                                 benchmark::Counter::kAvgIterations);
+   benchmark::DoNotOptimize(local.status->totalRequestsForwarded());
+}
+
+void BM_CountRequest(benchmark::State& state) {
+   LocalStatus local;
+   countRequests(state, local);
+}
+BENCHMARK(BM_CountRequest);
+
+// Every count notifies the machine, which keeps one publication pending.
+void BM_CountRequestWatched(benchmark::State& state) {
+   using namespace Ip::Helper::DhcpRelay;
+   Platform::ManualClock monotonic;
+   Platform::ManualClock utc(1.7e9);
+   Platform::TimerWheel wheel(monotonic, utc);
+   LocalStatus local;
+   DhcpRelayCountersSm sm(Platform::make<CounterConfig>("counterConfig"),
+                          Platform::make<Status>("status"), local.status, wheel);
+   sm.handleInitialized();
+   countRequests(state, local);
+}
+BENCHMARK(BM_CountRequestWatched);
+
+}  // namespace

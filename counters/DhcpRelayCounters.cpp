@@ -1,0 +1,80 @@
+#include "counters/DhcpRelayCounters.h"
+
+#include "codec/DhcpHdr.h"
+#include "platform/Trace.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+namespace {
+
+// A plain pointer rather than a Ptr: the lookup runs per packet and the entry outlives it.
+IntfStatus* intfStatusOf(const Status& status, const Platform::IntfId& intf) {
+   if (intf.empty())
+      return nullptr;
+   const auto& entries = status.intfStatus();
+   auto it = entries.find(intf);
+   if (it == entries.end()) {
+      TRACE(8, "no status entry for ", intf.str());
+      return nullptr;
+   }
+   return it->second.get();
+}
+
+}  // namespace
+
+void pktReceived(Status& status, uint8_t op, const Platform::IntfId& intf) {
+   switch (op) {
+      case bootRequest:
+         status.totalRequestsReceivedInc();
+         if (IntfStatus* s = intfStatusOf(status, intf))
+            s->requestsReceivedInc();
+         return;
+      case bootReply:
+         status.totalRepliesReceivedInc();
+         return;
+      default:
+         TRACE(6, "not counted: op ", op, " on ", intf.str());
+   }
+}
+
+void pktForwarded(Status& status, uint8_t op, const Platform::IntfId& intf) {
+   switch (op) {
+      case bootRequest:
+         status.totalRequestsForwardedInc();
+         return;
+      case bootReply:
+         status.totalRepliesForwardedInc();
+         if (IntfStatus* s = intfStatusOf(status, intf))
+            s->repliesForwardedInc();
+         return;
+      default:
+         TRACE(6, "not counted: op ", op, " on ", intf.str());
+   }
+}
+
+void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf) {
+   switch (op) {
+      case bootRequest:
+         status.totalRequestsDroppedInc();
+         if (IntfStatus* s = intfStatusOf(status, intf))
+            s->requestsDroppedInc();
+         return;
+      case bootReply:
+         status.totalRepliesDroppedInc();
+         return;
+      default:
+         TRACE(6, "not counted: op ", op, " on ", intf.str());
+   }
+}
+
+void copyDhcpRelayCounters(const Status& from, Status& to) {
+   to.countersIs(from);
+   to.lastResetAllTimeIs(from.lastResetAllTime());
+   for (const auto& [intf, src] : from.intfStatus()) {
+      Ptr<IntfStatus> dst = to.intfStatusIs(intf);
+      dst->countersIs(*src);
+      dst->lastResetTimeIs(src->lastResetTime());
+   }
+}
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+#include "model/Status.h"
+#include "platform/IntfId.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+// Counting on the DHCPv4 packet paths, on the agent-local Status, by the BOOTP op byte
+// (bootRequest, bootReply; see codec/DhcpHdr.h). `intf` is the client
+// interface, empty when there is none; it is counted only when it has an intfStatus entry.
+// Per interface only requests received, requests dropped and replies forwarded are counted
+// here. Other ops are traced and not counted. These run once per packet: they allocate
+// nothing and format no trace text unless a sink keeps the line.
+void pktReceived(Status& status, uint8_t op, const Platform::IntfId& intf);
+void pktForwarded(Status& status, uint8_t op, const Platform::IntfId& intf);
+void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf);
+
+// Copies the counters and reset times of `from` into `to`, globally and per interface,
+// creating the intfStatus entries `to` lacks. Entries `to` has beyond `from` are left alone,
+// so copying the published counters into a local Status at start-up never removes an
+// interface the agent already knows; publication removes them (DhcpRelayCountersSm).
+// Neither counterUpdateTime (each publication stamps its own) nor numSmartRelayedHosts (a
+// count of live per-client state, which does not survive the agent) is copied.
+void copyDhcpRelayCounters(const Status& from, Status& to);
+
+}  // namespace Ip::Helper::DhcpRelay
