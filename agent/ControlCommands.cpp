@@ -40,9 +40,11 @@ json kernelIntfJson(const KernelNetInfo::KernelIntf& k, const Platform::IntfId& 
 
 ControlCommands::ControlCommands(Frontend::ControlServer& server,
                                  const Frontend::ConfigFrontEnd& config,
-                                 const Platform::StateStore& store, Reload reload)
-    : config_(config), store_(store), reload_(std::move(reload)) {
+                                 const Platform::StateStore& store, const Platform::Clock& utc,
+                                 Reload reload)
+    : config_(config), store_(store), utc_(utc), reload_(std::move(reload)) {
    server.handlerIs("show", [this](const json& r) { return doShow(r); });
+   server.handlerIs("clear", [this](const json& r) { return doClear(r); });
    server.handlerIs("reload", [this](const json&) { return doReload(); });
 }
 
@@ -59,8 +61,10 @@ json ControlCommands::doShow(const json& request) const {
       return doShowInterfaces();
    if (what == "status")
       return doShowStatus();
+   if (what == "counters")
+      return doShowCounters(request);
    throw Frontend::ControlError("cannot show \"" + what +
-                                "\": choose config, interfaces, vrfs or status");
+                                "\": choose config, interfaces, vrfs, status or counters");
 }
 
 Ptr<const Ip::AllVrfStatusLocal> ControlCommands::vrfs() const {
@@ -100,10 +104,15 @@ json ControlCommands::doShowInterfaces() const {
    return {{"vrfs", out}};
 }
 
-json ControlCommands::doShowStatus() const {
+Ptr<const Status> ControlCommands::status() const {
    auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status");
    if (!status)
       throw Frontend::ControlError("the relay status is not mounted yet");
+   return status;
+}
+
+json ControlCommands::doShowStatus() const {
+   auto status = this->status();
    json intfs = json::object();
    for (const auto& [intf, s] : status->intfStatus()) {
       json bindings = json::array();
@@ -125,6 +134,49 @@ json ControlCommands::doShowStatus() const {
            {"counterUpdateTime", status->counterUpdateTime()},
            {"lastResetAllTime", status->lastResetAllTime()},
            {"runControl", status->runControl()}};
+}
+
+// The published counters lag the packet paths by up to the publication interval;
+// asking for them first makes the counters machine publish at once.
+json ControlCommands::doShowCounters(const json& request) const {
+   config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
+   auto status = this->status();
+   json intfs = json::object();
+   const bool one = request.contains("interface");
+   for (const auto& [intf, s] : status->intfStatus()) {
+      if (one && intf.toString() != Frontend::requestString(request, "interface"))
+         continue;
+      intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()}, {"counters", counters(*s)}};
+   }
+   if (one && intfs.empty())
+      throw Frontend::ControlError("no relay counters for interface " +
+                                   Frontend::requestString(request, "interface"));
+   json out = {{"counterUpdateTime", status->counterUpdateTime()}, {"interfaces", intfs}};
+   if (!one) {
+      out["lastResetAllTime"] = status->lastResetAllTime();
+      out["counters"] = counters(*status);
+   }
+   return out;
+}
+
+// Clearing is a trigger in the counter configuration; the counters machine resets
+// and publishes at once.
+json ControlCommands::doClear(const json& request) const {
+   if (Frontend::requestString(request, "what") != "counters")
+      throw Frontend::ControlError("cannot clear \"" + Frontend::requestString(request, "what") +
+                                   "\": choose counters");
+   const Ptr<CounterConfig>& cc = config_.counterConfig();
+   if (!request.contains("interface")) {
+      cc->resetAllTriggerIs(cc->resetAllTrigger() + 1);
+      return {{"cleared", "all"}};
+   }
+   const std::string& name = Frontend::requestString(request, "interface");
+   auto intf = Platform::IntfId::parse(name);
+   if (!intf || !status()->intfStatus(*intf))
+      throw Frontend::ControlError("no relay counters for interface " + name);
+   auto entry = cc->intfConfigIs(*intf);
+   entry->resetTriggerIs(entry->resetTrigger() + 1);
+   return {{"cleared", name}};
 }
 
 json ControlCommands::doReload() const {

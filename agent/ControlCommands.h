@@ -8,6 +8,7 @@
 #include "frontend/ControlServer.h"
 #include "model/Status.h"
 #include "model/switch/VrfStatus.h"
+#include "platform/Clock.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -20,7 +21,7 @@ class ControlCommands {
    using Reload = std::function<std::vector<std::string>()>;
 
    ControlCommands(Frontend::ControlServer& server, const Frontend::ConfigFrontEnd& config,
-                   const Platform::StateStore& store, Reload reload);
+                   const Platform::StateStore& store, const Platform::Clock& utc, Reload reload);
 
  private:
    nlohmann::json doShow(const nlohmann::json& request) const;
@@ -28,10 +29,14 @@ class ControlCommands {
    nlohmann::json doShowVrfs() const;
    nlohmann::json doShowInterfaces() const;
    nlohmann::json doShowStatus() const;
+   nlohmann::json doShowCounters(const nlohmann::json& request) const;
+   nlohmann::json doClear(const nlohmann::json& request) const;
+   Ptr<const Status> status() const;
    nlohmann::json doReload() const;
 
    const Frontend::ConfigFrontEnd& config_;
    const Platform::StateStore& store_;
+   const Platform::Clock& utc_;
    Reload reload_;
 };
 

@@ -36,8 +36,8 @@ int Daemon::run() {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;
    }
-   commands_ =
-       std::make_unique<ControlCommands>(server_, config_, store_, [this] { return doReload(); });
+   commands_ = std::make_unique<ControlCommands>(server_, config_, store_, utc_,
+                                                 [this] { return doReload(); });
 
    Platform::AgentRegistry registry;
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);

@@ -99,6 +99,11 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    dhcp6PacketQueues_ = Platform::make<DhcpPacketQueues>("Dhcp6PacketQueues");
    dhcpRelayIntfServerIp_ = Platform::make<IntfServerIpDir>("DhcpRelayIntfServerIp");
    hostnameToIntfNameMap_ = Platform::make<HostnameToIntfNameMap>("HostnameToIntfNameMap");
+   dhcpRelayCountersSm_ = std::make_unique<DhcpRelayCountersSm>(
+       entityManager.entityConst<CounterConfig>("ip/helper/dhcprelay/counterConfig"),
+       entityManager.entity<Status>("ip/helper/dhcprelay/status"), localDhcpRelayStatus_,
+       *timerWheel_);
+   dhcpRelayCountersSm_->handleInitialized();
    activeVrfDirv4_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv4");
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "agent/Roots.h"
+#include "counters/DhcpRelayCountersSm.h"
 #include "model/Config.h"
 #include "model/DhcpPacketQueues.h"
 #include "model/HostnameMap.h"
@@ -49,6 +50,7 @@ class Agent : public Platform::Agent {
    const Ptr<HostnameToIntfNameMap>& hostnameToIntfNameMap() const {
       return hostnameToIntfNameMap_;
    }
+   DhcpRelayCountersSm* dhcpRelayCountersSm() const { return dhcpRelayCountersSm_.get(); }
    const Ptr<VrfWithCountDir>& activeVrfDirv4() const { return activeVrfDirv4_; }
    const Ptr<Rootv6>& dhcp6Root() const { return dhcp6Root_; }
    const Ptr<VrfWithCountDir>& activeVrfDirv6() const { return activeVrfDirv6_; }
@@ -69,6 +71,7 @@ class Agent : public Platform::Agent {
    Ptr<DhcpPacketQueues> dhcp6PacketQueues_;
    Ptr<IntfServerIpDir> dhcpRelayIntfServerIp_;
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
+   std::unique_ptr<DhcpRelayCountersSm> dhcpRelayCountersSm_;
    Ptr<VrfWithCountDir> activeVrfDirv4_;
    Ptr<Rootv6> dhcp6Root_;
    Ptr<VrfWithCountDir> activeVrfDirv6_;

@@ -120,3 +120,19 @@ def test_malformed_control_requests_get_an_error_and_the_agent_keeps_running(tmp
             assert reply["ok"] is False and reply["error"]
     assert a.show("config")["relay"]["dscp-v4"] == 1
     assert a.stop() == 0
+
+
+def test_counters_are_published_on_request_and_cleared(tmp_path, agent):
+    cfg = write(tmp_path / "relay.yaml", "interfaces: {Ethernet1: {servers: [{address: 192.0.2.10}]}}\n")
+    a = agent(cfg)
+    shown = a.show("counters")
+    assert set(shown["counters"].values()) == {0}
+    assert shown["counterUpdateTime"] > 0, "asking for counters publishes them at once"
+    assert shown["lastResetAllTime"] == 0
+
+    assert a.ctl("clear", "counters").stdout == "Relay counters cleared.\n"
+    assert a.show("counters")["lastResetAllTime"] > 0
+
+    res = a.ctl("clear", "counters", "Ethernet9", check=False)
+    assert res.returncode == 1 and "Ethernet9" in res.stderr
+    assert a.stop() == 0

@@ -307,4 +307,9 @@ std::string renderReload(const json& data) {
    return out;
 }
 
+std::string renderCleared(const json& data) {
+   const std::string what = data.value("cleared", "all");
+   return what == "all" ? "Relay counters cleared.\n" : "Relay counters of " + what + " cleared.\n";
+}
+
 }  // namespace Ctl

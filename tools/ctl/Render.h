@@ -14,5 +14,6 @@ std::string renderInterfaces(const nlohmann::json& data);
 std::string renderVrfs(const nlohmann::json& data);
 std::string renderStatus(const nlohmann::json& data);
 std::string renderReload(const nlohmann::json& data);
+std::string renderCleared(const nlohmann::json& data);
 
 }  // namespace Ctl

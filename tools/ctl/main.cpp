@@ -57,6 +57,27 @@ int main(int argc, char** argv) {
    showCommand(*show, cmd, "vrfs", "VRFs, their network namespaces and whether they are active",
                Ctl::renderVrfs);
    showCommand(*show, cmd, "status", "relay counters and per-interface state", Ctl::renderStatus);
+   std::string counterIntf;
+   CLI::App* showCounters =
+       show->add_subcommand("counters", "relay counters, fresh from the packet paths");
+   showCounters->add_option("interface", counterIntf, "only this interface");
+   showCounters->add_flag("--json", cmd.asJson, "print the agent's data as JSON");
+   showCounters->callback([&cmd, &counterIntf] {
+      cmd.request = {{"cmd", "show"}, {"what", "counters"}};
+      if (!counterIntf.empty())
+         cmd.request["interface"] = counterIntf;
+      cmd.render = Ctl::renderStatus;
+   });
+   CLI::App* clear = app.add_subcommand("clear", "reset what the agent counts");
+   clear->require_subcommand(1);
+   CLI::App* clearCounters = clear->add_subcommand("counters", "reset the relay counters");
+   clearCounters->add_option("interface", counterIntf, "only this interface's counters");
+   clearCounters->callback([&cmd, &counterIntf] {
+      cmd.request = {{"cmd", "clear"}, {"what", "counters"}};
+      if (!counterIntf.empty())
+         cmd.request["interface"] = counterIntf;
+      cmd.render = Ctl::renderCleared;
+   });
    app.add_subcommand("reload", "re-read the configuration file and apply it")->callback([&cmd] {
       cmd.request = {{"cmd", "reload"}};
       cmd.render = Ctl::renderReload;
