@@ -24,7 +24,12 @@ using Platform::MountMode;
 
 Agent::Agent(Platform::AgentContext& ctx) : ctx_(ctx) {}
 
-Agent::~Agent() = default;
+Agent::~Agent() {
+   // The roots' machines were built after the directories they watch, so they go
+   // first; the remaining members are then released in reverse build order.
+   if (dhcpRoot_)
+      dhcpRoot_->dhcpVrfSelectSmDel();
+}
 
 void Agent::doInit(Platform::StateStore& store) {
    // The host's activity loop is epoll-based already; tracing is ours to start.
@@ -99,12 +104,18 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    dhcp6PacketQueues_ = Platform::make<DhcpPacketQueues>("Dhcp6PacketQueues");
    dhcpRelayIntfServerIp_ = Platform::make<IntfServerIpDir>("DhcpRelayIntfServerIp");
    hostnameToIntfNameMap_ = Platform::make<HostnameToIntfNameMap>("HostnameToIntfNameMap");
+   auto config = entityManager.entityConst<Config>("ip/helper/dhcprelay/config");
+   dhcpRelayServerIpSm_ = std::make_unique<DhcpRelayServerIpSm>(
+       config, namelookRequest_, namelookRecord_, dhcpRelayIntfServerIp_, hostnameToIntfNameMap_);
+   dhcpRelayServerIpSm_->handleInitialized();
    dhcpRelayCountersSm_ = std::make_unique<DhcpRelayCountersSm>(
        entityManager.entityConst<CounterConfig>("ip/helper/dhcprelay/counterConfig"),
        entityManager.entity<Status>("ip/helper/dhcprelay/status"), localDhcpRelayStatus_,
        *timerWheel_);
    dhcpRelayCountersSm_->handleInitialized();
    activeVrfDirv4_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv4");
+   dhcpRoot_->dhcpVrfSelectSmIs(entityManager.entityConst<Ip::Status>("ip/status"),
+                                dhcpRelayIntfServerIp_, activeVrfDirv4_);
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
    dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");

@@ -15,6 +15,7 @@
 #include "platform/AgentHost.h"
 #include "platform/IntfStatusManager.h"
 #include "platform/TimerWheel.h"
+#include "servers/DhcpRelayServerIpSm.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -50,6 +51,7 @@ class Agent : public Platform::Agent {
    const Ptr<HostnameToIntfNameMap>& hostnameToIntfNameMap() const {
       return hostnameToIntfNameMap_;
    }
+   DhcpRelayServerIpSm* dhcpRelayServerIpSm() const { return dhcpRelayServerIpSm_.get(); }
    DhcpRelayCountersSm* dhcpRelayCountersSm() const { return dhcpRelayCountersSm_.get(); }
    const Ptr<VrfWithCountDir>& activeVrfDirv4() const { return activeVrfDirv4_; }
    const Ptr<Rootv6>& dhcp6Root() const { return dhcp6Root_; }
@@ -71,6 +73,7 @@ class Agent : public Platform::Agent {
    Ptr<DhcpPacketQueues> dhcp6PacketQueues_;
    Ptr<IntfServerIpDir> dhcpRelayIntfServerIp_;
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
+   std::unique_ptr<DhcpRelayServerIpSm> dhcpRelayServerIpSm_;
    std::unique_ptr<DhcpRelayCountersSm> dhcpRelayCountersSm_;
    Ptr<VrfWithCountDir> activeVrfDirv4_;
    Ptr<Rootv6> dhcp6Root_;

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <memory>
+#include <utility>
+
 #include "platform/Entity.h"
+#include "servers/DhcpVrfSelectSmv4.h"
 
 // The roots own the state machines of their subsystem: deleting a root deletes
 // its machines first. Each subsystem adds its machines to its root as it is
@@ -12,6 +16,18 @@ class Root : public Platform::Entity {
  public:
    PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Root")
    using Entity::Entity;
+
+   DhcpVrfSelectSmv4* dhcpVrfSelectSm() const { return dhcpVrfSelectSm_.get(); }
+   template <class... Args>
+   DhcpVrfSelectSmv4* dhcpVrfSelectSmIs(Args&&... args) {
+      dhcpVrfSelectSm_ = std::make_unique<DhcpVrfSelectSmv4>(std::forward<Args>(args)...);
+      dhcpVrfSelectSm_->handleInitialized();
+      return dhcpVrfSelectSm_.get();
+   }
+   void dhcpVrfSelectSmDel() { dhcpVrfSelectSm_.reset(); }
+
+ private:
+   std::unique_ptr<DhcpVrfSelectSmv4> dhcpVrfSelectSm_;
 };
 
 class Rootv6 : public Platform::Entity {

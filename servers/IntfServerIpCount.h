@@ -8,8 +8,8 @@ namespace Ip::Helper::DhcpRelay {
 // The only writers of IntfServerIp::serverIp. Every source naming a server (a configured
 // address, each host name resolving to it) holds one reference; the entry goes with the last.
 void intfServerIpInc(const Ptr<IntfServerIp>& intfServerIp, const VrfIpSrcIntfSrcIp& key);
-// Lowering a key that holds no reference stores 4294967295 (the count wraps) instead of
-// failing: the entry stays until as many increments bring it back to zero.
+// Lowering a key that holds no reference stores 4294967295 (the count wraps) rather than
+// failing: no user ever sees an error from a removal.
 void intfServerIpDec(const Ptr<IntfServerIp>& intfServerIp, const VrfIpSrcIntfSrcIp& key);
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <vector>
 
@@ -28,8 +29,8 @@ class AgentStartup : public ::testing::Test {
       setenv("BLIPJET_DISABLE", "1", 1);
    }
 
-   void publishFrontEnds(bool withIpStatus) {
-      config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, "/dev/null");
+   void publishFrontEnds(bool withIpStatus, const std::string& configPath = "/dev/null") {
+      config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, configPath);
       ASSERT_TRUE(config_->load().empty());
       if (withIpStatus) {
          store_.publish("ip/status", Platform::make<Ip::Status>("status"));
@@ -89,6 +90,37 @@ TEST_F(AgentStartup, BuildsTheGraphOnceEveryFrontEndHasPublished) {
          ++next;
    }
    EXPECT_EQ(next, wanted.size());
+}
+
+// The derived state flows through the graph as built: configured servers become
+// counted server entries, and their VRFs become VRFs that need relay sockets.
+TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
+   const std::string path = ::testing::TempDir() + "/agent-startup.yaml";
+   {
+      std::ofstream f(path);
+      f << "vrfs: {red: ns-red}\n"
+           "interfaces:\n"
+           "  Ethernet1:\n"
+           "    servers: [{address: 192.0.2.10}, {address: 198.51.100.7, vrf: red}]\n"
+           "    information-option: true\n";
+   }
+   publishFrontEnds(true, path);
+   auto agent = agentFactory(ctx_);
+   agent->doInit(store_);
+   runPosted();
+   auto* relay = static_cast<Agent*>(agent.get());
+   ASSERT_TRUE(relay->objectGraphBuilt());
+
+   auto servers = relay->dhcpRelayIntfServerIp()->drIntfServerIp(Platform::IntfId("Ethernet1"));
+   ASSERT_TRUE(servers);
+   EXPECT_EQ(servers->serverIp().size(), 2u);
+   const auto& vrfs = relay->activeVrfDirv4()->vrfCount();
+   ASSERT_EQ(vrfs.size(), 2u);
+   EXPECT_EQ(vrfs.at(Platform::VrfName("default"))->count(), 0u);
+   EXPECT_EQ(vrfs.at(Platform::VrfName("red"))->count(), 1u);
+
+   // Destroying the agent tears the graph down without tripping a count check.
+   agent.reset();
 }
 
 TEST_F(AgentStartup, MissingReadOnlyStateIsAFailedMount) {

@@ -1,0 +1,191 @@
+#include "servers/DhcpVrfSelectSmv4.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Trace.h"
+#include "servers/ActiveVrfCount.h"
+#include "servers/IntfServerIpCount.h"
+
+namespace Ip::Helper::DhcpRelay {
+namespace {
+
+using Counts = std::map<std::string, uint32_t>;
+using Platform::IntfId;
+using Platform::make;
+using Platform::TraceCapture;
+using Platform::VrfName;
+
+VrfIpSrcIntfSrcIp server(const char* vrf, const char* ip, const char* srcIntf = "") {
+   return {
+       VrfName(vrf), *Platform::IpGenAddr::parse(ip), *srcIntf ? IntfId(srcIntf) : IntfId(), {}};
+}
+
+class DhcpVrfSelectSmv4Test : public testing::Test {
+ protected:
+   void SetUp() override { sm_->handleInitialized(); }
+
+   Counts counts() const {
+      Counts out;
+      for (const auto& [vrf, entry] : active_->vrfCount())
+         out[vrf.str()] = entry->count();
+      return out;
+   }
+   Ptr<Ip::IpIntfStatus> statusIs(const IntfId& intf, const char* vrf) {
+      Ptr<Ip::IpIntfStatus> status = ipStatus_->ipIntfStatusIs(intf);
+      status->vrfIs(VrfName(vrf));
+      return status;
+   }
+   void serverInc(const IntfId& intf, const VrfIpSrcIntfSrcIp& key) {
+      intfServerIpInc(serverDir_->drIntfServerIpIs(intf), key);
+   }
+   void serverDec(const IntfId& intf, const VrfIpSrcIntfSrcIp& key) {
+      intfServerIpDec(serverDir_->drIntfServerIpIs(intf), key);
+   }
+
+   Ptr<Ip::Status> ipStatus_ = make<Ip::Status>("ip/status");
+   Ptr<IntfServerIpDir> serverDir_ = make<IntfServerIpDir>("DhcpRelayIntfServerIp");
+   Ptr<VrfWithCountDir> active_ = make<VrfWithCountDir>("ActiveVrfDirv4");
+   std::unique_ptr<DhcpVrfSelectSmv4> sm_ =
+       std::make_unique<DhcpVrfSelectSmv4>(ipStatus_, serverDir_, active_);
+   const IntfId vlan10_{"Vlan10"};
+   const IntfId vlan20_{"Vlan20"};
+   const VrfIpSrcIntfSrcIp red1_ = server("red", "10.0.0.1");
+   const VrfIpSrcIntfSrcIp red2_ = server("red", "10.0.0.2");
+};
+
+TEST_F(DhcpVrfSelectSmv4Test, ServersCountTheirVrfAndTheirInterfaceVrfOnce) {
+   statusIs(vlan20_, "default");
+   serverInc(vlan20_, server("default", "10.0.0.9"));
+   EXPECT_EQ(counts(), (Counts{{"default", 0}}));
+
+   statusIs(vlan10_, "blue");
+   serverInc(vlan10_, red1_);
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 1}}));
+   // A second source naming the same server (a resolved host name) adds no server.
+   serverInc(vlan10_, red1_);
+   serverDec(vlan10_, red1_);
+   serverInc(vlan10_, red2_);
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 2}}));
+   serverDec(vlan10_, red2_);
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 1}}));
+
+   TraceCapture trace;
+   serverDec(vlan10_, red1_);
+   EXPECT_EQ(counts(), (Counts{{"default", 0}}));
+   EXPECT_TRUE(trace.contains(" Removing red from activeVrfDir: Reference count = 0"));
+   EXPECT_TRUE(
+       trace.contains(" with intfId Vlan10virtual void Ip::Helper::DhcpRelay::"
+                      "DhcpVrfSelectSmv4::handleIntfsWithDhcpServer(const "
+                      "Platform::IntfId&) vrf blue"));
+}
+
+TEST_F(DhcpVrfSelectSmv4Test, AnInterfaceMovingVrfRaisesTheNewBeforeLoweringTheOld) {
+   Ptr<Ip::IpIntfStatus> status = statusIs(vlan10_, "blue");
+   // Hears the status first and adds a server, which reads the new VRF before the machine's
+   // own status reactor does: the interface must still move only once.
+   struct AddServerOnVrfChange : Ip::IpIntfStatus::Reactor {
+      void handleVrf() override {
+         if (notifier()->vrf() == VrfName("yellow"))
+            intfServerIpInc(servers, server("red", "10.0.0.2"));
+      }
+      Ptr<IntfServerIp> servers;
+   } early;
+   early.servers = serverDir_->drIntfServerIpIs(vlan10_);
+   early.notifierIs(status);
+   serverInc(vlan10_, red1_);
+   struct DirLog : VrfWithCountDir::Reactor {
+      void handleVrfCount(const VrfName& vrf) override {
+         seen.push_back((notifier()->vrfCount(vrf) ? "+" : "-") + vrf.str());
+      }
+      std::vector<std::string> seen;
+   } log;
+   log.notifierIs(active_);
+
+   status->vrfIs(VrfName("green"));
+   EXPECT_EQ(log.seen, (std::vector<std::string>{"+green", "-blue"}));
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"green", 1}, {"red", 1}}));
+   status->vrfIs(VrfName("red"));
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"red", 2}}));
+
+   TraceCapture trace;
+   status->vrfIs(VrfName("yellow"));
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"red", 2}, {"yellow", 1}}));
+   EXPECT_TRUE(trace.contains(" No change in VRF for interface Vlan10"));
+}
+
+TEST_F(DhcpVrfSelectSmv4Test, ALostServerSetLowersEveryVrfItNamed) {
+   statusIs(vlan10_, "blue");
+   statusIs(vlan20_, "blue");
+   serverInc(vlan10_, red1_);
+   serverInc(vlan10_, server("red", "10.0.0.1", "Loopback0"));
+   serverInc(vlan10_, server("green", "10.0.0.3"));
+   serverInc(vlan20_, red2_);
+   EXPECT_EQ(counts(), (Counts{{"blue", 2}, {"default", 0}, {"green", 1}, {"red", 3}}));
+
+   serverDir_->drIntfServerIpDel(vlan10_);
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 1}}));
+}
+
+TEST_F(DhcpVrfSelectSmv4Test, TheInterfaceVrfCountsOnlyWhileTheInterfaceHasAnIpStatus) {
+   serverInc(vlan10_, red1_);
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"red", 1}}));
+   statusIs(vlan10_, "blue");
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 1}}));
+
+   TraceCapture trace;
+   ipStatus_->ipIntfStatusDel(vlan10_);
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"red", 1}}));
+   EXPECT_TRUE(
+       trace.contains("remove currentVrf of Vlan10void Ip::Helper::DhcpRelay::"
+                      "DhcpVrfSelectSmv4::handleIpIntfStatus(const Platform::IntfId&) "
+                      "vrf blue"));
+
+   // Not counted without servers, and its VRF is read again when it gains one.
+   statusIs(vlan20_, "green");
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"red", 1}}));
+   serverInc(vlan20_, red1_);
+   EXPECT_EQ(counts(), (Counts{{"default", 0}, {"green", 1}, {"red", 2}}));
+}
+
+TEST_F(DhcpVrfSelectSmv4Test, StartUpRebuildsTheDirectoryFromCurrentState) {
+   sm_.reset();
+   active_->vrfCountIs(VrfName("stale"))->countIs(3);
+   active_->vrfCountIs(VrfName::defaultVrf())->countIs(7);
+   sm_ = std::make_unique<DhcpVrfSelectSmv4>(ipStatus_, serverDir_, active_);
+   statusIs(vlan10_, "blue");
+   serverInc(vlan10_, red1_);
+   serverInc(vlan10_, red1_);
+   EXPECT_EQ(counts(), (Counts{{"default", 7}, {"stale", 3}}));
+
+   sm_->handleInitialized();
+   sm_->handleInitialized();
+   EXPECT_EQ(counts(), (Counts{{"blue", 1}, {"default", 0}, {"red", 1}}));
+}
+
+TEST(ActiveVrfCountTest, ADecrementWithoutItsIncrementStopsTheAgent) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   Ptr<VrfWithCountDir> active = make<VrfWithCountDir>("ActiveVrfDirv4");
+   activeVrfInc(*active, VrfName("red"));
+   activeVrfDec(*active, VrfName("red"));
+   activeVrfDec(*active, VrfName::defaultVrf());
+   EXPECT_TRUE(active->vrfCount().empty());
+   // The trace line is what an operator finds in the log of the crash.
+   EXPECT_DEATH(
+       {
+          ::setenv("BLIPJET_DISABLE", "1", 1);
+          ::setenv("DHCP_RELAY_TRACE", "0", 1);
+          ::unsetenv("DHCP_RELAY_TRACE_FILE");
+          Platform::Trace::init("test");
+          activeVrfDec(*active, VrfName("red"));
+       },
+       "activeVrfDec\\(.*\\) Fail to remove red from activeVrfDir: \n(.|\n)*assertion failed");
+}
+
+}  // namespace
+}  // namespace Ip::Helper::DhcpRelay
