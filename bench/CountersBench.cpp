@@ -5,34 +5,14 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
+#include "bench/AllocationCounter.h"
 #include "codec/DhcpHdr.h"
 #include "counters/DhcpRelayCounters.h"
 #include "counters/DhcpRelayCountersSm.h"
 #include "platform/Clock.h"
-
-namespace {
-
-size_t allocations = 0;
-
-}  // namespace
-
-// Out of line, as in the library, so the compiler does not pair malloc with delete-expressions.
-[[gnu::noinline]] void* operator new(size_t size) {
-   ++allocations;
-   if (void* p = std::malloc(size ? size : 1))
-      return p;
-   throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept {
-   std::free(p);
-}
-[[gnu::noinline]] void operator delete(void* p, size_t) noexcept {
-   std::free(p);
-}
 
 namespace {
 
@@ -55,14 +35,14 @@ struct LocalStatus {
 void countRequests(benchmark::State& state, LocalStatus& local) {
    using namespace Ip::Helper::DhcpRelay;
    size_t i = 0;
-   const size_t before = allocations;
+   const size_t before = Bench::allocations();
    for (auto _ : state) {
       const IntfId& intf = local.intfs[i];
       pktReceived(*local.status, bootRequest, intf);
       pktForwarded(*local.status, bootRequest, intf);
       i = i + 1 == local.intfs.size() ? 0 : i + 1;
    }
-   state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations - before),
+   state.counters["allocs"] = benchmark::Counter(static_cast<double>(Bench::allocations() - before),
                                                  benchmark::Counter::kAvgIterations);
    benchmark::DoNotOptimize(local.status->totalRequestsForwarded());
 }

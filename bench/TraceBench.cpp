@@ -8,30 +8,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <new>
 #include <string>
 
+#include "bench/AllocationCounter.h"
 #include "platform/Trace.h"
-
-namespace {
-
-size_t allocations = 0;
-
-}  // namespace
-
-// Out of line, as in the library, so the compiler does not pair malloc with delete-expressions.
-[[gnu::noinline]] void* operator new(size_t size) {
-   ++allocations;
-   if (void* p = std::malloc(size ? size : 1))
-      return p;
-   throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept {
-   std::free(p);
-}
-[[gnu::noinline]] void operator delete(void* p, size_t) noexcept {
-   std::free(p);
-}
 
 namespace {
 
@@ -79,7 +59,7 @@ class Sinks {
 };
 
 void reportAllocations(benchmark::State& state, size_t before) {
-   state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations - before),
+   state.counters["allocs"] = benchmark::Counter(static_cast<double>(Bench::allocations() - before),
                                                  benchmark::Counter::kAvgIterations);
 }
 
@@ -88,7 +68,7 @@ void BM_TraceNotKept(benchmark::State& state) {
    const std::string name = "eth0";
    Address address{0x0a000001};
    int count = 0;
-   const size_t before = allocations;
+   const size_t before = Bench::allocations();
    for (auto _ : state) {
       TRACE(8, "interface ", name, " count ", count, " from ", address);
       benchmark::DoNotOptimize(++count);
@@ -102,7 +82,7 @@ void BM_TraceRingOnly(benchmark::State& state) {
    const std::string name = "eth0";
    Address address{0x0a000001};
    int count = 0;
-   const size_t before = allocations;
+   const size_t before = Bench::allocations();
    for (auto _ : state) {
       TRACE(6, name, count, address);
       benchmark::DoNotOptimize(++count);

@@ -19,32 +19,16 @@ std::string serverIdOf(const Bytes& msg) {
    return addr ? addr->toString() : "none";
 }
 
+// The names are behaviour (traces and the smart relay's DHCPREQUEST test read them);
+// the ends of the table and the values around it are where an off-by-one shows.
 TEST(DhcpOptionReadTest, MessageTypeNames) {
-   const char* names[] = {"DHCPUNKNOWN",
-                          "DHCPDISCOVER",
-                          "DHCPOFFER",
-                          "DHCPREQUEST",
-                          "DHCPDECLINE",
-                          "DHCPACK",
-                          "DHCPNAK",
-                          "DHCPRELEASE",
-                          "DHCPINFORM",
-                          "DHCPFORCERENEW",
-                          "DHCPLEASEQUERY",
-                          "DHCPLEASEUNASSIGNED",
-                          "DHCPLEASEUNKNOWN",
-                          "DHCPLEASEACTIVE",
-                          "DHCPBULKLEASEQUERY",
-                          "DHCPLEASEQUERYDONE",
-                          "DHCPACTIVELEASEQUERY",
-                          "DHCPLEASEQUERYSTATUS",
-                          "DHCPTLS",
-                          "DHCPUNKNOWN",
-                          "DHCPUNKNOWN"};
-   for (size_t type = 0; type < std::size(names); ++type) {
-      const size_t value = type == 20 ? 255 : type;
-      auto pkt = Pkt::copyOf(dhcpMessage({53, 1, static_cast<uint8_t>(value), 255}));
-      EXPECT_EQ(getDhcpMsgType(*pkt, 0), names[type]) << value;
+   const std::pair<uint8_t, const char*> cases[] = {
+       {0, "DHCPUNKNOWN"}, {1, "DHCPDISCOVER"}, {2, "DHCPOFFER"},
+       {3, "DHCPREQUEST"}, {5, "DHCPACK"},      {8, "DHCPINFORM"},
+       {18, "DHCPTLS"},    {19, "DHCPUNKNOWN"}, {255, "DHCPUNKNOWN"}};
+   for (const auto& [value, name] : cases) {
+      auto pkt = Pkt::copyOf(dhcpMessage({53, 1, value, 255}));
+      EXPECT_EQ(getDhcpMsgType(*pkt, 0), name) << int{value};
    }
 }
 
