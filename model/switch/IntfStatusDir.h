@@ -141,11 +141,23 @@ class DeviceNameConfig : public Platform::Entity {
    }
 
    // The kernel device of a system interface.
-   std::string deviceOf(const Platform::IntfId& intf) const;
+   std::string deviceOf(const Platform::IntfId& intf) const {
+      auto it = deviceName_.find(intf);
+      return it == deviceName_.end() ? intf.toString() : it->second;
+   }
    // The system interface whose kernel device this is; empty when no interface
    // maps to it (a device named like an interface that the file maps elsewhere,
    // or a name that is no valid interface name).
-   Platform::IntfId intfIdOf(const std::string& device) const;
+   Platform::IntfId intfIdOf(const std::string& device) const {
+      for (const auto& [intf, dev] : deviceName_) {
+         if (dev == device)
+            return intf;
+      }
+      auto id = Platform::IntfId::parse(device);
+      if (!id || deviceName_.count(*id))
+         return {};
+      return *id;
+   }
 
  private:
    std::map<Platform::IntfId, std::string> deviceName_;
