@@ -22,13 +22,16 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::MountMode;
 
-Agent::Agent(Platform::AgentContext& ctx) : ctx_(ctx) {}
+Agent::Agent(Platform::AgentContext& ctx, std::unique_ptr<DhcpPamFactory> pamFactory)
+    : ctx_(ctx), pamFactory_(std::move(pamFactory)) {}
 
 Agent::~Agent() {
    // The roots' machines were built after the directories they watch, so they go
    // first; the remaining members are then released in reverse build order.
-   if (dhcpRoot_)
+   if (dhcpRoot_) {
+      dhcpRoot_->dhcpRelaySmDel();
       dhcpRoot_->dhcpVrfSelectSmDel();
+   }
 }
 
 void Agent::doInit(Platform::StateStore& store) {
@@ -116,13 +119,28 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    activeVrfDirv4_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv4");
    dhcpRoot_->dhcpVrfSelectSmIs(entityManager.entityConst<Ip::Status>("ip/status"),
                                 dhcpRelayIntfServerIp_, activeVrfDirv4_);
+   dhcpRoot_->dhcpRelaySmIs({
+       .config = config,
+       .status = localDhcpRelayStatus_,
+       .ipStatus = entityManager.entityConst<Ip::Status>("ip/status"),
+       .vrfStatus = entityManager.entityConst<Ip::AllVrfStatusLocal>("ip/vrf/status/local"),
+       .deviceIntfStatusDir = entityManager.publishedAs<const Interface::DeviceNameConfig>(
+           "interface/config/deviceName"),
+       .packetQueues = dhcpPacketQueues_,
+       .activeVrfDir = activeVrfDirv4_,
+       .intfServerIpDir = dhcpRelayIntfServerIp_,
+       .clientContext = entityManager.entity<ClientContext>("ip/helper/dhcprelay/clientContext"),
+       .entityManager = &entityManager,
+       .intfStatusManagerRoot = intfStatusManagerRoot_.get(),
+       .pamFactory = pamFactory_.get(),
+   });
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
    dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");
 }
 
 std::unique_ptr<Platform::Agent> agentFactory(Platform::AgentContext& ctx) {
-   return std::make_unique<Agent>(ctx);
+   return std::make_unique<Agent>(ctx, std::make_unique<LinuxDhcpPamFactory>(ctx.loop));
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -15,6 +15,7 @@
 #include "platform/AgentHost.h"
 #include "platform/IntfStatusManager.h"
 #include "platform/TimerWheel.h"
+#include "relay4/DhcpPamFactory.h"
 #include "servers/DhcpRelayServerIpSm.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -27,7 +28,8 @@ class Agent : public Platform::Agent {
  public:
    static constexpr const char* kAgentName = "DhcpRelayAgent";
 
-   explicit Agent(Platform::AgentContext& ctx);
+   // `pamFactory` opens the relay's sockets; tests pass one that opens doubles.
+   Agent(Platform::AgentContext& ctx, std::unique_ptr<DhcpPamFactory> pamFactory);
    ~Agent() override;
 
    void doInit(Platform::StateStore& store) override;
@@ -61,6 +63,7 @@ class Agent : public Platform::Agent {
 
  private:
    Platform::AgentContext& ctx_;
+   std::unique_ptr<DhcpPamFactory> pamFactory_;
    Ptr<const KernelNetInfo::Status> kernelIntfDir_;
    std::unique_ptr<Platform::IntfStatusManagerRoot> intfStatusManagerRoot_;
    // The agent's one timer wheel is the host's: the event loop drives it.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Entity.h"
+#include "relay4/DhcpRelaySm.h"
 #include "servers/DhcpVrfSelectSmv4.h"
 
 // The roots own the state machines of their subsystem: deleting a root deletes
@@ -26,8 +27,23 @@ class Root : public Platform::Entity {
    }
    void dhcpVrfSelectSmDel() { dhcpVrfSelectSm_.reset(); }
 
+   DhcpRelaySm* dhcpRelaySm() const { return dhcpRelaySm_.get(); }
+   DhcpRelaySm* dhcpRelaySmIs(DhcpRelaySm::Inputs inputs) {
+      dhcpRelaySm_ = std::make_unique<DhcpRelaySm>(std::move(inputs));
+      dhcpRelaySm_->handleInitialized();
+      return dhcpRelaySm_.get();
+   }
+   void dhcpRelaySmDel() { dhcpRelaySm_.reset(); }
+
+   // The relay machine watches what the VRF selection derives, so it goes first.
+   ~Root() override {
+      dhcpRelaySmDel();
+      dhcpVrfSelectSmDel();
+   }
+
  private:
    std::unique_ptr<DhcpVrfSelectSmv4> dhcpVrfSelectSm_;
+   std::unique_ptr<DhcpRelaySm> dhcpRelaySm_;
 };
 
 class Rootv6 : public Platform::Entity {

@@ -13,6 +13,7 @@
 #include "platform/Dir.h"
 #include "platform/EventLoop.h"
 #include "platform/Trace.h"
+#include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
@@ -38,6 +39,11 @@ class AgentStartup : public ::testing::Test {
       }
    }
 
+   // The relay's sockets are doubles here: a unit test opens nothing on the host.
+   std::unique_ptr<Agent> newAgent() {
+      return std::make_unique<Agent>(ctx_, std::make_unique<DhcpRelay::Test::TestPamFactory>());
+   }
+
    void runPosted() {
       auto fns = std::move(posted_);
       posted_.clear();
@@ -54,14 +60,18 @@ class AgentStartup : public ::testing::Test {
    std::unique_ptr<Frontend::ConfigFrontEnd> config_;
 };
 
+TEST_F(AgentStartup, TheFactoryMakesTheRelayAgent) {
+   EXPECT_TRUE(dynamic_cast<Agent*>(agentFactory(ctx_).get()));
+}
+
 TEST_F(AgentStartup, BuildsTheGraphOnceEveryFrontEndHasPublished) {
    Platform::TraceCapture trace;
    publishFrontEnds(true);
    store_.frontEndPending(Frontend::ConfigFrontEnd::kName);
-   auto agent = agentFactory(ctx_);
+   auto agent = newAgent();
    agent->doInit(store_);
    runPosted();
-   auto* relay = static_cast<Agent*>(agent.get());
+   auto* relay = agent.get();
    EXPECT_FALSE(relay->objectGraphBuilt()) << "completed before the front end was ready";
 
    store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
@@ -105,10 +115,10 @@ TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
            "    information-option: true\n";
    }
    publishFrontEnds(true, path);
-   auto agent = agentFactory(ctx_);
+   auto agent = newAgent();
    agent->doInit(store_);
    runPosted();
-   auto* relay = static_cast<Agent*>(agent.get());
+   auto* relay = agent.get();
    ASSERT_TRUE(relay->objectGraphBuilt());
 
    auto servers = relay->dhcpRelayIntfServerIp()->drIntfServerIp(Platform::IntfId("Ethernet1"));
@@ -125,7 +135,7 @@ TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
 
 TEST_F(AgentStartup, MissingReadOnlyStateIsAFailedMount) {
    publishFrontEnds(false);
-   auto agent = agentFactory(ctx_);
+   auto agent = newAgent();
    agent->doInit(store_);
    EXPECT_DEATH(runPosted(), "status == Statebase::mountSuccess_");
 }

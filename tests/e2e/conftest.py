@@ -54,14 +54,19 @@ def netns():
 
 
 class Agent:
-    def __init__(self, tmp_path, config):
+    """The daemon, run inside its own network namespace (its default VRF), so that its
+    relay sockets and whatever it sends stay off the host."""
+
+    def __init__(self, tmp_path, config, namespace):
         self.tmp = tmp_path
+        self.namespace = namespace
         self.config = Path(config)
         self.socket = tmp_path / "ctl.sock"
         self.log = tmp_path / "agent.log"
         env = dict(os.environ, BLIPJETDIR=str(tmp_path), DHCP_RELAY_TRACE="2")
         self.proc = subprocess.Popen(
-            [str(AGENT), "--config", str(self.config), "--socket", str(self.socket)],
+            ["ip", "netns", "exec", namespace,
+             str(AGENT), "--config", str(self.config), "--socket", str(self.socket)],
             stdout=open(self.log, "w"), stderr=subprocess.STDOUT, env=env)
         deadline = time.monotonic() + 10
         while time.monotonic() < deadline:
@@ -104,11 +109,11 @@ class Agent:
 
 
 @pytest.fixture
-def agent(tmp_path):
+def agent(tmp_path, netns):
     started = []
 
     def start(config):
-        a = Agent(tmp_path, config)
+        a = Agent(tmp_path, config, netns(f"agent{len(started)}"))
         started.append(a)
         return a
 

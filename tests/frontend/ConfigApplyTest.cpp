@@ -90,26 +90,35 @@ std::string dump(const Targets& t) {
 
 // --- reactors that log every notification -------------------------------------------
 
-class RelayLog : public Relay::Config::Reactor {
+// Adds "<prefix><what>" to the log for every notification of its record.
+template <class Record>
+class Logger : public Record::Reactor {
  public:
-   RelayLog(Log& log, const Ptr<Relay::Config>& c) : log_(log) { notifierIs(c); }
-   void handleIntfConfig(const IntfId& i) override { add("relay.intfConfig " + i.toString()); }
-   void handleSmartRelayGlobal() override { add("relay.smartRelayGlobal"); }
-   void handleDscpV4() override { add("relay.dscpV4"); }
-   void handleDscpV6() override { add("relay.dscpV6"); }
-   void handleAlwaysOn() override { add("relay.alwaysOn"); }
-   void handleClientLinkLayerAddrOpt() override { add("relay.clientLinkLayerAddrOpt"); }
+   Logger(Log& log, const Ptr<Record>& r, std::string prefix)
+       : log_(log), prefix_(std::move(prefix)) {
+      this->notifierIs(r);
+   }
+
+ protected:
+   void add(const std::string& s) { log_.push_back(prefix_ + s); }
 
  private:
-   void add(std::string s) { log_.push_back(std::move(s)); }
    Log& log_;
+   std::string prefix_;
 };
 
-class IntfLog : public Relay::IntfConfig::Reactor {
- public:
-   IntfLog(Log& log, const Ptr<Relay::IntfConfig>& c) : log_(log), name_(c->intfId().toString()) {
-      notifierIs(c);
-   }
+struct RelayLog : Logger<Relay::Config> {
+   using Logger::Logger;
+   void handleIntfConfig(const IntfId& i) override { add("intfConfig " + i.toString()); }
+   void handleSmartRelayGlobal() override { add("smartRelayGlobal"); }
+   void handleDscpV4() override { add("dscpV4"); }
+   void handleDscpV6() override { add("dscpV6"); }
+   void handleAlwaysOn() override { add("alwaysOn"); }
+   void handleClientLinkLayerAddrOpt() override { add("clientLinkLayerAddrOpt"); }
+};
+
+struct IntfLog : Logger<Relay::IntfConfig> {
+   using Logger::Logger;
    void handleServerIp(const Relay::VrfIpSrcIntfSrcIp& k) override {
       add("serverIp " + k.toString());
    }
@@ -125,127 +134,79 @@ class IntfLog : public Relay::IntfConfig::Reactor {
    void handleCircuitId() override { add("circuitId"); }
    void handleVrf() override { add("vrf"); }
    void handleRouteInstall() override { add("routeInstall"); }
-
- private:
-   void add(const std::string& s) { log_.push_back(name_ + "." + s); }
-   Log& log_;
-   std::string name_;
 };
 
-class SnoopingLog : public Snooping::Config::Reactor {
- public:
-   SnoopingLog(Log& log, const Ptr<Snooping::Config>& c) : log_(log) { notifierIs(c); }
-   void handleEnabled() override { add("snooping.enabled"); }
-   void handleVlan(uint16_t v) override { add("snooping.vlan " + std::to_string(v)); }
-   void handleInformationOption() override { add("snooping.informationOption"); }
-   void handleCircuitIdTypeValid() override { add("snooping.circuitIdTypeValid"); }
-   void handleCircuitIdType() override { add("snooping.circuitIdType"); }
-   void handleCircuitIdFormatString() override { add("snooping.circuitIdFormatString"); }
-
- private:
-   void add(std::string s) { log_.push_back(std::move(s)); }
-   Log& log_;
+struct SnoopingLog : Logger<Snooping::Config> {
+   using Logger::Logger;
+   void handleEnabled() override { add("enabled"); }
+   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
+   void handleInformationOption() override { add("informationOption"); }
+   void handleCircuitIdTypeValid() override { add("circuitIdTypeValid"); }
+   void handleCircuitIdType() override { add("circuitIdType"); }
+   void handleCircuitIdFormatString() override { add("circuitIdFormatString"); }
 };
 
-class Snooping6Log : public Snooping::Dhcp6Config::Reactor {
- public:
-   Snooping6Log(Log& log, const Ptr<Snooping::Dhcp6Config>& c) : log_(log) { notifierIs(c); }
-   void handleEnabled() override { add("snooping6.enabled"); }
-   void handleVlan(uint16_t v) override { add("snooping6.vlan " + std::to_string(v)); }
-   void handleRemoteIdOption() override { add("snooping6.remoteIdOption"); }
-
- private:
-   void add(std::string s) { log_.push_back(std::move(s)); }
-   Log& log_;
+struct Snooping6Log : Logger<Snooping::Dhcp6Config> {
+   using Logger::Logger;
+   void handleEnabled() override { add("enabled"); }
+   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
+   void handleRemoteIdOption() override { add("remoteIdOption"); }
 };
 
-class AllVrfLog : public Ip::AllVrfStatusLocal::Reactor {
- public:
-   AllVrfLog(Log& log, const Ptr<Ip::AllVrfStatusLocal>& c) : log_(log) { notifierIs(c); }
-   void handleVrf(const VrfName& v) override { log_.push_back("vrfs.vrf " + v.str()); }
-
- private:
-   Log& log_;
+struct AllVrfLog : Logger<Ip::AllVrfStatusLocal> {
+   using Logger::Logger;
+   void handleVrf(const VrfName& v) override { add("vrf " + v.str()); }
 };
 
-class VrfLog : public Ip::VrfStatusLocal::Reactor {
- public:
-   VrfLog(Log& log, const Ptr<Ip::VrfStatusLocal>& c) : log_(log), name_(c->vrf().str()) {
-      notifierIs(c);
-   }
-   void handleNsName() override { log_.push_back("vrf " + name_ + ".nsName"); }
-   void handleState() override { log_.push_back("vrf " + name_ + ".state"); }
-
- private:
-   Log& log_;
-   std::string name_;
+struct VrfLog : Logger<Ip::VrfStatusLocal> {
+   using Logger::Logger;
+   void handleNsName() override { add("nsName"); }
+   void handleState() override { add("state"); }
 };
 
-class HostnameLog : public System::NetStatus::Reactor {
- public:
-   HostnameLog(Log& log, const Ptr<System::NetStatus>& c) : log_(log) { notifierIs(c); }
-   void handleHostname() override { log_.push_back("netStatus.hostname"); }
-   void handleDomainName() override { log_.push_back("netStatus.domainName"); }
-
- private:
-   Log& log_;
+struct HostnameLog : Logger<System::NetStatus> {
+   using Logger::Logger;
+   void handleHostname() override { add("hostname"); }
+   void handleDomainName() override { add("domainName"); }
 };
 
-class MacLog : public EntityMib::Status::Reactor {
- public:
-   MacLog(Log& log, const Ptr<EntityMib::Status>& c) : log_(log) { notifierIs(c); }
-   void handleSystemMacAddr() override { log_.push_back("entityMib.systemMacAddr"); }
-
- private:
-   Log& log_;
+struct MacLog : Logger<EntityMib::Status> {
+   using Logger::Logger;
+   void handleSystemMacAddr() override { add("systemMacAddr"); }
 };
 
-class BridgingLog : public Bridging::Config::Reactor {
- public:
-   BridgingLog(Log& log, const Ptr<Bridging::Config>& c) : log_(log) { notifierIs(c); }
+struct BridgingLog : Logger<Bridging::Config> {
+   using Logger::Logger;
    void handleSwitchIntfConfig(const IntfId& i) override {
-      log_.push_back("bridging.switchIntfConfig " + i.toString());
+      add("switchIntfConfig " + i.toString());
    }
-
- private:
-   Log& log_;
 };
 
-class PortLog : public Bridging::SwitchIntfConfig::Reactor {
- public:
-   PortLog(Log& log, const Ptr<Bridging::SwitchIntfConfig>& c)
-       : log_(log), name_(c->intfId().toString()) {
-      notifierIs(c);
-   }
+struct PortLog : Logger<Bridging::SwitchIntfConfig> {
+   using Logger::Logger;
    void handleSwitchportMode() override { add("switchportMode"); }
    void handleAccessVlan() override { add("accessVlan"); }
    void handleNativeVlan() override { add("nativeVlan"); }
    void handleAllowedVlans(uint16_t v) override { add("allowedVlans " + std::to_string(v)); }
-
- private:
-   void add(const std::string& s) { log_.push_back(name_ + "." + s); }
-   Log& log_;
-   std::string name_;
 };
 
 // Watches every record the targets hold at construction time.
 class Watch {
  public:
    explicit Watch(const Targets& t) {
-      keep(std::make_unique<RelayLog>(log, t.relay));
+      keep(std::make_unique<RelayLog>(log, t.relay, "relay."));
       for (const auto& [id, c] : t.relay->intfConfig())
-         keep(std::make_unique<IntfLog>(log, c));
-      keep(std::make_unique<SnoopingLog>(log, t.snooping));
-      keep(std::make_unique<Snooping6Log>(log, t.snooping6));
-      keep(std::make_unique<AllVrfLog>(log, t.vrfs));
+         keep(std::make_unique<IntfLog>(log, c, id.toString() + "."));
+      keep(std::make_unique<SnoopingLog>(log, t.snooping, "snooping."));
+      keep(std::make_unique<Snooping6Log>(log, t.snooping6, "snooping6."));
+      keep(std::make_unique<AllVrfLog>(log, t.vrfs, "vrfs."));
       for (const auto& [vrf, s] : t.vrfs->vrf())
-         keep(std::make_unique<VrfLog>(log, s));
-      keep(std::make_unique<HostnameLog>(log, t.netStatus));
-      keep(std::make_unique<MacLog>(log, t.entityMib));
-      keep(std::make_unique<BridgingLog>(log, t.bridging));
-      for (const auto& [id, p] : t.bridging->switchIntfConfig()) {
-         keep(std::make_unique<PortLog>(log, p));
-      }
+         keep(std::make_unique<VrfLog>(log, s, "vrf " + vrf.str() + "."));
+      keep(std::make_unique<HostnameLog>(log, t.netStatus, "netStatus."));
+      keep(std::make_unique<MacLog>(log, t.entityMib, "entityMib."));
+      keep(std::make_unique<BridgingLog>(log, t.bridging, "bridging."));
+      for (const auto& [id, p] : t.bridging->switchIntfConfig())
+         keep(std::make_unique<PortLog>(log, p, id.toString() + "."));
    }
 
    Log log;

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,16 +20,14 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/TimerWheel.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Frontend {
 namespace {
 
 using nlohmann::json;
 
-class ControlServerTest : public testing::Test {
+class ControlServerTest : public Platform::TestNet::LoopTest {
  protected:
    void SetUp() override {
       char tmpl[] = "/tmp/ctl-test-XXXXXX";
@@ -48,7 +45,7 @@ class ControlServerTest : public testing::Test {
 
    ControlServer& server() {
       if (servers_.empty()) {
-         auto s = std::make_unique<ControlServer>(*loop_, path_);
+         auto s = std::make_unique<ControlServer>(loop_, path_);
          s->handlerIs("echo", [](const json& request) { return request; });
          s->handlerIs("refuse", [](const json&) -> json { throw ControlError("not today"); });
          s->handlerIs("crash", [](const json&) -> json { throw std::runtime_error("bug"); });
@@ -63,13 +60,6 @@ class ControlServerTest : public testing::Test {
    void startServer() {
       std::string error;
       ASSERT_TRUE(server().start(error)) << error;
-   }
-
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 5.0;
-      while (!done() && clock_.now() < limit)
-         loop_->runOnce(20);
-      return done();
    }
 
    int rawSocket() {
@@ -143,10 +133,6 @@ class ControlServerTest : public testing::Test {
       return r->at("error").get<std::string>();
    }
 
-   Platform::MonotonicClock clock_;
-   Platform::UtcClock utc_;
-   Platform::TimerWheel wheel_{clock_, utc_};
-   std::unique_ptr<Platform::EventLoop> loop_ = std::make_unique<Platform::EventLoop>(wheel_);
    std::string dir_;
    std::string path_;
    std::vector<std::unique_ptr<ControlServer>> servers_;
@@ -171,7 +157,7 @@ TEST_F(ControlServerTest, AnswersPipelinedAndSplitRequestsInOrder) {
 
    // A request arriving in pieces is answered once, when its newline arrives.
    sendAll(fd, R"({"cmd": "ec)");
-   loop_->runOnce(0);
+   loop_.runOnce(0);
    sendAll(fd, "ho\", \"id\": \"split\"}\r\n");
    auto r = reply(fd);
    ASSERT_TRUE(r);
@@ -247,7 +233,7 @@ TEST_F(ControlServerTest, LargeRepliesSurvivePartialWritesAndClientsThatLeave) {
    // Leaving mid-reply must not raise SIGPIPE in the agent or leak the connection.
    int leaver = client();
    sendAll(leaver, json{{"cmd", "big"}, {"size", size}}.dump() + "\n");
-   loop_->runOnce(0);
+   loop_.runOnce(0);
    closeClient(leaver);
    // Leaving with requests still unread.
    int quitter = client();
@@ -270,7 +256,7 @@ TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreRefusedWithAReason) {
    std::vector<int> open;
    for (size_t i = 0; i < ControlServer::kMaxConnections; ++i) {
       open.push_back(client());
-      loop_->runOnce(0);  // accepts, keeping the listen backlog short
+      loop_.runOnce(0);  // accepts, keeping the listen backlog short
    }
    ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == open.size(); }));
    int extra = client();
@@ -296,7 +282,7 @@ TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
    EXPECT_EQ(st.st_mode & 07777, 0700u);
 
    int fd = client();
-   loop_->runOnce(0);
+   loop_.runOnce(0);
    servers_.clear();
    EXPECT_FALSE(std::filesystem::exists(path_));
    EXPECT_TRUE(closedByServer(fd));
@@ -319,7 +305,7 @@ TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
    ASSERT_TRUE(reply(fd));
 
    {
-      ControlServer second(*loop_, path_);
+      ControlServer second(loop_, path_);
       std::string error;
       EXPECT_FALSE(second.start(error));
       EXPECT_NE(error.find("already running"), std::string::npos) << error;
@@ -353,7 +339,7 @@ TEST_F(ControlServerTest, NeverRemovesFilesItDoesNotOwn) {
    EXPECT_TRUE(std::filesystem::exists(path_));
 
    std::string tooLong = "/tmp/" + std::string(200, 'x');
-   ControlServer unbindable(*loop_, tooLong);
+   ControlServer unbindable(loop_, tooLong);
    EXPECT_FALSE(unbindable.start(error));
    EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
 }

@@ -73,30 +73,19 @@ TEST(StatusTest, EveryCounterChangeNotifiesItsHandlerThenTheGenericOne) {
    EXPECT_EQ(status->totalRequestsReceived(), 7u);
 }
 
-TEST(StatusTest, CopyAndResetCoverEveryCounter) {
-   Ptr<Status> from = Platform::make<Status>("from");
-   uint64_t n = 1;
-#define BUMP(name, Name) from->name##Is(n++);
+// Copying is covered with the relay's counter copy, which is built on countersIs.
+TEST(StatusTest, ResetClearsAndNotifiesEveryCounter) {
+   Ptr<Status> status = Platform::make<Status>("status");
+#define BUMP(name, Name) status->name##Is(1);
    DHCP_RELAY_STATUS_COUNTERS(BUMP)
 #undef BUMP
-   Ptr<Status> to = Platform::make<Status>("to");
-   to->countersIs(*from);
-   EXPECT_EQ(counters(*to), counters(*from));
-
    StatusLog r;
-   r.notifierIs(to);
-   to->countersReset();
-   for (const auto& [name, v] : counters(*to))
+   r.notifierIs(status);
+   status->countersReset();
+   for (const auto& [name, v] : counters(*status))
       EXPECT_EQ(v, 0u) << name;
    // One per-counter and one generic notification for each counter.
-   EXPECT_EQ(r.log.size(), 2 * counters(*to).size());
-
-   Ptr<IntfStatus> a = from->intfStatusIs(IntfId("Ethernet1"));
-   a->requestsDroppedInc();
-   a->repliesForwardedIs(9);
-   Ptr<IntfStatus> b = to->intfStatusIs(IntfId("Ethernet1"));
-   b->countersIs(*a);
-   EXPECT_EQ(counters(*b), counters(*a));
+   EXPECT_EQ(r.log.size(), 2 * counters(*status).size());
 }
 
 TEST(StatusTest, IntfStatusIsCreatesOnceAndSurvivesAHandlerThatDeletesIt) {

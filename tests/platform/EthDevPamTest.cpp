@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -15,81 +14,16 @@
 #include "platform/EthDevTestPam.h"
 #include "platform/LinuxEthDevPam.h"
 #include "tests/platform/PacketTestNet.h"
+#include "tests/platform/TestFrames.h"
 
 namespace Platform {
 namespace {
 
-using PacketTest::Bytes;
+using namespace TestFrames;
 
 Bytes bytesOf(const Pkt& pkt) {
    return {pkt.span().begin(), pkt.span().end()};
 }
-
-void put16(Bytes& b, uint16_t v) {
-   b.push_back(static_cast<uint8_t>(v >> 8));
-   b.push_back(static_cast<uint8_t>(v));
-}
-
-void put32(Bytes& b, uint32_t v) {
-   put16(b, static_cast<uint16_t>(v >> 16));
-   put16(b, static_cast<uint16_t>(v));
-}
-
-// Broadcast from the far end's MAC; each tag is TPID << 16 | TCI, outermost first.
-Bytes eth(uint16_t type, std::initializer_list<uint32_t> tags = {}) {
-   Bytes b(6, 0xff);
-   b.insert(b.end(), {0x02, 0, 0, 0, 0, 0x0b});
-   for (uint32_t tag : tags)
-      put32(b, tag);
-   put16(b, type);
-   return b;
-}
-
-// UDP-shaped transport: two ports, length, checksum, then the marker that tells frames
-// apart and some payload.
-void transport(Bytes& b, uint16_t srcPort, uint16_t dstPort, uint32_t marker) {
-   put16(b, srcPort);
-   put16(b, dstPort);
-   put16(b, 8 + 4 + 24);
-   put16(b, 0);
-   put32(b, marker);
-   b.insert(b.end(), 24, 0);
-}
-
-// 0.0.0.0 -> 255.255.255.255 with `optionWords` words of IP options (NOPs).
-Bytes ipv4(uint8_t proto, uint16_t srcPort, uint16_t dstPort, uint32_t marker,
-           uint8_t optionWords = 0, uint16_t fragment = 0) {
-   Bytes b{static_cast<uint8_t>(0x45 + optionWords), 0};
-   put16(b, static_cast<uint16_t>(20 + 4 * optionWords + 36));
-   put16(b, 1);
-   put16(b, fragment);
-   b.insert(b.end(), {64, proto, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255});
-   b.insert(b.end(), 4 * optionWords, 1);
-   transport(b, srcPort, dstPort, marker);
-   return b;
-}
-
-// fe80::b -> ff02::1:2, the transport directly after the fixed header.
-Bytes ipv6(uint8_t nextHeader, uint16_t srcPort, uint16_t dstPort, uint32_t marker) {
-   Bytes b{0x60, 0, 0, 0};
-   put16(b, 36);
-   b.insert(b.end(), {nextHeader, 1, 0xfe, 0x80});
-   b.insert(b.end(), 13, 0);
-   b.insert(b.end(), {0x0b, 0xff, 0x02});
-   b.insert(b.end(), 11, 0);
-   b.insert(b.end(), {1, 0, 2});
-   transport(b, srcPort, dstPort, marker);
-   return b;
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-   a.insert(a.end(), b.begin(), b.end());
-   return a;
-}
-
-constexpr uint16_t kIpv4 = 0x0800;
-constexpr uint16_t kIpv6 = 0x86dd;
-constexpr uint8_t kUdp = 17;
 
 struct Captured {
    Bytes frame;

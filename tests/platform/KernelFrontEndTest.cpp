@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,11 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
 #include "platform/IntfStatusManager.h"
-#include "platform/TimerWheel.h"
 #include "platform/Trace.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
@@ -35,14 +32,7 @@ Ip6Prefix v6(const char* text) {
    return *Ip6Prefix::parse(text);
 }
 
-int shell(const std::string& command) {
-   return std::system((command + " >/dev/null 2>&1").c_str());
-}
-
-std::string uniquePrefix() {
-   static int serial = 0;
-   return "t" + std::to_string(::getpid()) + "-" + std::to_string(++serial) + "-";
-}
+using TestNet::shell;
 
 // Every notification of the IPv4 status, as "<interface> <what changed>".
 struct IpLog : Ip::Status::Reactor {
@@ -78,7 +68,7 @@ class StateLog : public Ip::VrfStatusLocal::Reactor {
 };
 
 // The records the configuration front end publishes, as it publishes them.
-class ConfiguredStoreTest : public testing::Test {
+class ConfiguredStoreTest : public TestNet::LoopTest {
  protected:
    ConfiguredStoreTest() {
       store_.publish("ip/vrf/status/local", vrfs_);
@@ -103,10 +93,6 @@ class ConfiguredStoreTest : public testing::Test {
       return d;
    }
 
-   MonotonicClock clock_;
-   UtcClock utc_;
-   TimerWheel wheel_{clock_, utc_};
-   EventLoop loop_{wheel_};
    StateStore store_{[this](std::function<void()> fn) { loop_.post(std::move(fn)); }};
    Ptr<Ip::AllVrfStatusLocal> vrfs_ = make<Ip::AllVrfStatusLocal>("local");
    Ptr<Interface::DeviceNameConfig> deviceNames_ = make<Interface::DeviceNameConfig>("deviceName");
@@ -125,14 +111,12 @@ class KernelFrontEndTest : public ConfiguredStoreTest {
    };
 
    void SetUp() override {
-      prefix_ = uniquePrefix();
       nsDir_ = fs::temp_directory_path() / (prefix_ + "netns");
       fs::create_directory(nsDir_);
    }
    void TearDown() override {
       frontEnd_.reset();
-      for (const std::string& ns : namespaces_)
-         shell("ip netns del " + ns);
+      LoopTest::TearDown();
       fs::remove_all(nsDir_);
    }
 
@@ -157,18 +141,10 @@ class KernelFrontEndTest : public ConfiguredStoreTest {
    Ptr<Ip6::IntfStatus> ip6(const char* intf) { return frontEnd_->ip6Status()->intf(IntfId(intf)); }
    // Derived status is brought up to date at the end of the turn the tables changed in.
    void turn() { loop_.runOnce(0); }
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 5.0;
-      while (!done() && clock_.now() < limit)
-         loop_.runOnce(50);
-      return done();
-   }
 
-   std::string prefix_;
    fs::path nsDir_;
    Names following_;
    int followerStarts_ = 0;
-   std::vector<std::string> namespaces_;  // real ones, for the tests run as root
    std::unique_ptr<KernelFrontEnd> frontEnd_;
 };
 
@@ -330,8 +306,7 @@ class KernelFrontEndRootTest : public KernelFrontEndTest {
          GTEST_SKIP() << "network namespaces need root";
       // Only a namespace of the test's own is followed, not the host's.
       vrfs_->vrfDel(VrfName::defaultVrf());
-      ns_ = prefix_ + "ns";
-      namespaces_.push_back(ns_);
+      ns_ = nsOwn(prefix_ + "ns");
       vrfIs("red", ns_);
       frontEnd_ = std::make_unique<KernelFrontEnd>(loop_, store_);
    }
@@ -366,18 +341,14 @@ TEST_F(KernelFrontEndRootTest, FollowsANamespaceFromItsCreationToItsDeletion) {
 }
 
 TEST_F(KernelFrontEndRootTest, NamespaceChurnLeavesNoDescriptorOpen) {
-   auto openDescriptors = [] {
-      auto it = fs::directory_iterator("/proc/self/fd");
-      return std::distance(it, fs::directory_iterator());
-   };
-   const auto before = openDescriptors();
+   const auto before = TestNet::openFdCount();
    for (int i = 0; i < 100; ++i) {
       ASSERT_EQ(shell("ip netns add " + ns_), 0) << i;
       ASSERT_TRUE(red(State::active)) << i;
       ASSERT_EQ(shell("ip netns del " + ns_), 0) << i;
       ASSERT_TRUE(red(State::inactive)) << i;
    }
-   EXPECT_EQ(openDescriptors(), before);
+   EXPECT_EQ(TestNet::openFdCount(), before);
 }
 
 // --- the agent's side: interface status from the same tables ---------------------------

@@ -6,15 +6,13 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "platform/Clock.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
@@ -67,36 +65,15 @@ struct TableLog : Status::Reactor {
    void handleInterfaceByIndex(uint32_t ifindex) override { changed.push_back(ifindex); }
 };
 
-// Namespaces are named after the process and a counter, so parallel runs and leftovers of a
-// crashed run never collide, and are deleted whatever the test's outcome.
-class KernelTableFollowerTest : public testing::Test {
+class KernelTableFollowerTest : public TestNet::NetnsTest {
  protected:
-   void SetUp() override {
-      if (::geteuid() != 0)
-         GTEST_SKIP() << "network namespaces need root";
-   }
-
    void TearDown() override {
       followers_.clear();
-      for (const auto& ns : namespaces_)
-         ip("netns del " + ns);
+      NetnsTest::TearDown();
    }
 
-   std::string newNs(const std::string& tag) {
-      static int serial = 0;
-      std::string ns =
-          "t" + std::to_string(::getpid()) + "-" + std::to_string(++serial) + "-" + tag;
-      namespaces_.push_back(ns);
-      EXPECT_EQ(ip("netns add " + ns), 0);
-      EXPECT_EQ(ipIn(ns, "link set lo up"), 0);
-      return ns;
-   }
-
-   static int ip(const std::string& args) {
-      return std::system(("ip " + args + " >/dev/null 2>&1").c_str());
-   }
    static int ipIn(const std::string& ns, const std::string& args) {
-      return ip("-n " + ns + " " + args);
+      return TestNet::ip("-n " + ns + " " + args);
    }
 
    KernelTableFollower& follow(const std::string& ns, const Ptr<Status>& table) {
@@ -107,23 +84,9 @@ class KernelTableFollowerTest : public testing::Test {
       return *followers_.back();
    }
 
-   // Turns the loop until done() holds, for at most five seconds; never sleeps.
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 5.0;
-      while (!done() && clock_.now() < limit)
-         loop_.runOnce(20);
-      return done();
-   }
-
    // What `ip` reads, with running as "up, and the operational state up or unknown".
    static Texts kernelView(const std::string& ns) {
-      std::string text;
-      if (FILE* p = ::popen(("ip -j -n " + ns + " addr show 2>/dev/null").c_str(), "r")) {
-         char chunk[4096];
-         while (size_t n = std::fread(chunk, 1, sizeof(chunk), p))
-            text.append(chunk, n);
-         ::pclose(p);
-      }
+      const std::string text = TestNet::output("ip -j -n " + ns + " addr show 2>/dev/null");
       auto doc = nlohmann::json::parse(text, nullptr, false);
       if (!doc.is_array())
          return {"unreadable: " + text};
@@ -158,16 +121,11 @@ class KernelTableFollowerTest : public testing::Test {
       return nullptr;
    }
 
-   MonotonicClock clock_;
-   UtcClock utc_;
-   TimerWheel wheel_{clock_, utc_};
-   EventLoop loop_{wheel_};
    std::vector<std::unique_ptr<KernelTableFollower>> followers_;
-   std::vector<std::string> namespaces_;
 };
 
 TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
-   const std::string ns = newNs("order");
+   const std::string ns = nsAdd("order");
    ASSERT_EQ(ipIn(ns, "link add v0 address 02:00:00:00:00:01 type veth peer name v1"), 0);
    ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
    auto table = make<Status>();
@@ -185,10 +143,9 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
    EXPECT_EQ(texts(v0->ipv4()), (Texts{"192.0.2.1/24"}));
 
    // Secondaries stay behind every primary, whatever order they came in.
-   ASSERT_EQ(
-       std::system(
-           ("ip netns exec " + ns + " sysctl -qw net.ipv4.conf.all.promote_secondaries=1").c_str()),
-       0);
+   ASSERT_EQ(TestNet::shell("ip netns exec " + ns +
+                            " sysctl -qw net.ipv4.conf.all.promote_secondaries=1"),
+             0);
    for (const char* a : {"192.0.2.2/24", "192.0.2.3/24", "198.51.100.1/30"})
       ASSERT_EQ(ipIn(ns, std::string("addr add ") + a + " dev v0"), 0);
    const Texts added{"192.0.2.1/24", "198.51.100.1/30", "192.0.2.2/24", "192.0.2.3/24"};
@@ -209,7 +166,7 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
 }
 
 TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
-   const std::string ns = newNs("link");
+   const std::string ns = nsAdd("link");
    ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
    auto table = make<Status>();
    follow(ns, table);
@@ -245,8 +202,8 @@ TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
 }
 
 TEST_F(KernelTableFollowerTest, DeviceMovedToAnotherNamespaceChangesTables) {
-   const std::string a = newNs("a");
-   const std::string b = newNs("b");
+   const std::string a = nsAdd("a");
+   const std::string b = nsAdd("b");
    ASSERT_EQ(ipIn(a, "link add v0 type veth peer name v1"), 0);
    auto tableA = make<Status>();
    auto tableB = make<Status>();
@@ -267,7 +224,7 @@ TEST_F(KernelTableFollowerTest, DeviceMovedToAnotherNamespaceChangesTables) {
 }
 
 TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
-   const std::string ns = newNs("lost");
+   const std::string ns = nsAdd("lost");
    ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
    ASSERT_EQ(ipIn(ns, "link add w0 type veth peer name w1"), 0);
    ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
@@ -310,7 +267,7 @@ TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
 }
 
 TEST_F(KernelTableFollowerTest, RestartKeepsTheTableAndStopClearsIt) {
-   const std::string ns = newNs("stop");
+   const std::string ns = nsAdd("stop");
    auto table = make<Status>();
    KernelTableFollower missing(loop_, ns + "-missing", table);
    std::string error;

@@ -4,16 +4,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/TimerWheel.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
@@ -21,22 +17,12 @@ namespace {
 namespace fs = std::filesystem;
 using Events = std::vector<std::pair<std::string, bool>>;
 
-int shell(const std::string& command) {
-   return std::system((command + " >/dev/null 2>&1").c_str());
-}
+using TestNet::shell;
 
-// Every name a test creates starts with this run's prefix, so parallel runs and the
-// leftovers of a crashed one never collide, and events about other processes'
-// namespaces are told apart.
-std::string uniquePrefix() {
-   static int serial = 0;
-   return "t" + std::to_string(::getpid()) + "-" + std::to_string(++serial) + "-";
-}
-
-class NamespaceWatcherTest : public testing::Test {
+// The tests that need root say so themselves.
+class NamespaceWatcherTest : public TestNet::LoopTest {
  protected:
    void SetUp() override {
-      prefix_ = uniquePrefix();
       base_ = fs::temp_directory_path() / (prefix_ + "dir");
       fs::create_directory(base_);
    }
@@ -45,8 +31,7 @@ class NamespaceWatcherTest : public testing::Test {
       watcher_.reset();
       for (const std::string& mountPoint : mounts_)
          shell("umount -l " + mountPoint);
-      for (const std::string& ns : namespaces_)
-         shell("ip netns del " + ns);
+      LoopTest::TearDown();
       fs::remove_all(base_);
    }
 
@@ -64,32 +49,14 @@ class NamespaceWatcherTest : public testing::Test {
       ASSERT_TRUE(watcher_->start(error)) << error;
    }
 
-   bool addNamespace(const std::string& ns) {
-      namespaces_.push_back(ns);
-      return shell("ip netns add " + ns) == 0;
-   }
-
-   // Turns the loop until done() holds, for at most five seconds of kernel time.
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 5.0;
-      while (!done() && clock_.now() < limit)
-         loop_.runOnce(50);
-      return done();
-   }
    // Lets every event already queued be handled.
    void settle() {
       for (int i = 0; i < 3; ++i)
          loop_.runOnce(20);
    }
 
-   std::string prefix_;
    fs::path base_;
-   std::vector<std::string> namespaces_;
    std::vector<std::string> mounts_;
-   MonotonicClock clock_;
-   UtcClock utc_;
-   TimerWheel wheel_{clock_, utc_};
-   EventLoop loop_{wheel_};
    std::unique_ptr<NamespaceWatcher> watcher_;
    Events events_;
 };
@@ -102,11 +69,11 @@ TEST_F(NamespaceWatcherTest, FollowsIpNetnsAddAndDelete) {
    if (::geteuid() != 0)
       GTEST_SKIP() << "network namespaces need root";
    const std::string before = prefix_ + "before", added = prefix_ + "added";
-   ASSERT_TRUE(addNamespace(before));
+   ASSERT_EQ(nsAdd("before"), before);
    watch(NamespaceWatcher::kNetNsDir);
    EXPECT_EQ(events_, (Events{{before, true}}));
 
-   ASSERT_TRUE(addNamespace(added));
+   ASSERT_EQ(nsAdd("added"), added);
    ASSERT_TRUE(turnUntil([&] { return watcher_->exists(added); }));
    ASSERT_EQ(shell("ip netns del " + before), 0);
    ASSERT_TRUE(turnUntil([&] { return !watcher_->exists(before); }));
@@ -120,8 +87,7 @@ TEST_F(NamespaceWatcherTest, FollowsIpNetnsAddAndDelete) {
 TEST_F(NamespaceWatcherTest, FileCountsOnlyWhileANamespaceIsMountedOnIt) {
    if (::geteuid() != 0)
       GTEST_SKIP() << "mounts need root";
-   const std::string ns = prefix_ + "ns";
-   ASSERT_TRUE(addNamespace(ns));
+   const std::string ns = nsAdd("ns");
    watch(base_.string());
    const std::string file = (base_ / "x").string();
    std::fclose(std::fopen(file.c_str(), "w"));

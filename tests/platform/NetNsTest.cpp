@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
-#include <vector>
+
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
@@ -20,30 +20,14 @@ ino_t currentNetNs() {
    return netNsInode("/proc/thread-self/ns/net");
 }
 
-// Each test gets a namespace of its own, named after the process so that parallel runs
-// (ctest -j) and leftovers of a crashed run never collide.
-class NetNsTest : public testing::Test {
+class NetNsTest : public TestNet::NetnsTest {
  protected:
    void SetUp() override {
-      static int serial = 0;
-      name_ = "relaytest-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
-      if (::geteuid() != 0)
-         GTEST_SKIP() << "network namespaces need root";
-      ASSERT_EQ(ip("netns add " + name_), 0);
-      created_ = true;
+      NetnsTest::SetUp();
+      if (!IsSkipped())
+         name_ = nsAdd("ns");
    }
-
-   void TearDown() override {
-      if (created_)
-         ip("netns del " + name_);
-   }
-
-   int ip(const std::string& args) {
-      return std::system(("ip " + args + " >/dev/null 2>&1").c_str());
-   }
-
    std::string name_;
-   bool created_ = false;
 };
 
 TEST_F(NetNsTest, GuardEntersTheNamespaceAndComesBack) {

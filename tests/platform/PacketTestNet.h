@@ -4,39 +4,26 @@
 // socket to play the far end, for tests of the agent's packet sockets.
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
-#include <net/if.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <functional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/NetNs.h"
-#include "platform/TimerWheel.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform::PacketTest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline int ip(const std::string& args) {
-   return std::system(("ip " + args + " >/dev/null 2>&1").c_str());
-}
-
-inline uint32_t ifindexOf(const std::string& ns, const std::string& device) {
-   NetNsGuard guard(ns);
-   return guard.ok() ? ::if_nametoindex(device.c_str()) : 0;
-}
+using TestNet::ifindexOf;
+using TestNet::ip;
 
 // The far end: bound to one device, it keeps every frame the device receives (not the ones
 // it sends) and sends frames as they are.
@@ -95,25 +82,16 @@ class PeerSocket {
    std::vector<Bytes> frames_;
 };
 
-// Namespaces A and B, named after the process and a serial so that parallel runs and the
-// leftovers of a crashed run never collide, joined by veth a0 (in A) and b0 (in B), both
-// up. Everything the test creates lives inside them and goes with them in TearDown.
-class VethTest : public testing::Test {
+// Namespaces A and B joined by veth a0 (in A) and b0 (in B), both up. Everything the test
+// creates lives inside them and goes with them.
+class VethTest : public TestNet::NetnsTest {
  protected:
-   static constexpr uint8_t kMacA[6] = {0x02, 0, 0, 0, 0, 0x0a};
-   static constexpr uint8_t kMacB[6] = {0x02, 0, 0, 0, 0, 0x0b};
-
    void SetUp() override {
-      if (::geteuid() != 0)
-         GTEST_SKIP() << "network namespaces need root";
-      static int serial = 0;
-      const std::string base = "t" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
-      nsA_ = base + "-a";
-      nsB_ = base + "-b";
-      for (const std::string& ns : {nsA_, nsB_}) {
-         ASSERT_EQ(ip("netns add " + ns), 0) << ns;
-         created_.push_back(ns);
-      }
+      NetnsTest::SetUp();
+      if (IsSkipped())
+         return;
+      nsA_ = nsAdd("a");
+      nsB_ = nsAdd("b");
       ASSERT_EQ(ip("-n " + nsA_ + " link add a0 address 02:00:00:00:00:0a type veth peer name b0" +
                    " address 02:00:00:00:00:0b netns " + nsB_),
                 0);
@@ -123,28 +101,9 @@ class VethTest : public testing::Test {
       ASSERT_NE(ifindexA_, 0u);
    }
 
-   void TearDown() override {
-      for (const std::string& ns : created_)
-         ip("netns del " + ns);
-   }
-
-   // Turns the loop until done() holds, for at most five seconds: waiting on the kernel,
-   // never sleeping.
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 5.0;
-      while (!done() && clock_.now() < limit)
-         loop_.runOnce(20);
-      return done();
-   }
-
    std::string nsA_;
    std::string nsB_;
    uint32_t ifindexA_ = 0;
-   std::vector<std::string> created_;
-   MonotonicClock clock_;
-   UtcClock utc_;
-   TimerWheel wheel_{clock_, utc_};
-   EventLoop loop_{wheel_};
 };
 
 }  // namespace Platform::PacketTest

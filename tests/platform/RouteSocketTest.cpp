@@ -1,42 +1,35 @@
 #include "platform/RouteSocket.h"
 
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include "platform/NetNs.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
+
+using TestNet::ip;
+using TestNet::output;
 
 IpGenAddr addr(const char* text) {
    return *IpGenAddr::parse(text);
 }
 
 // Two namespaces joined by a veth pair: "a" holds va (192.0.2.1, 2001:db8:1::1), "b" holds
-// vb (192.0.2.2, 2001:db8:1::2). Named after the process and deleted whatever the outcome.
-class RouteSocketTest : public testing::Test {
+// vb (192.0.2.2, 2001:db8:1::2).
+class RouteSocketTest : public TestNet::NetnsTest {
  protected:
    void SetUp() override {
-      if (::geteuid() != 0)
-         GTEST_SKIP() << "network namespaces need root";
-      static int serial = 0;
-      const std::string prefix = "t" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
-      a_ = prefix + "-ra";
-      b_ = prefix + "-rb";
-      for (const auto& ns : {a_, b_}) {
-         created_.push_back(ns);
-         ASSERT_EQ(ip("netns add " + ns), 0);
-         ASSERT_EQ(ip("-n " + ns + " link set lo up"), 0);
-      }
+      NetnsTest::SetUp();
+      if (IsSkipped())
+         return;
+      a_ = nsAdd("ra");
+      b_ = nsAdd("rb");
       ASSERT_EQ(ip("-n " + a_ + " link add va type veth peer name vb netns " + b_), 0);
       for (const auto& [ns, dev, last] : {std::tuple{a_, "va", "1"}, std::tuple{b_, "vb", "2"}}) {
          const std::string in = "-n " + ns + " ";
@@ -44,31 +37,10 @@ class RouteSocketTest : public testing::Test {
          ASSERT_EQ(ip(in + "addr add 2001:db8:1::" + last + "/64 dev " + dev + " nodad"), 0);
          ASSERT_EQ(ip(in + "link set " + dev + " up"), 0);
       }
-      NetNsGuard guard(a_);
-      ASSERT_TRUE(guard.ok());
-      va_ = if_nametoindex("va");
+      va_ = TestNet::ifindexOf(a_, "va");
       ASSERT_NE(va_, 0u);
    }
 
-   void TearDown() override {
-      for (const auto& ns : created_)
-         ip("netns del " + ns);
-   }
-
-   static int ip(const std::string& args) {
-      return std::system(("ip " + args + " >/dev/null 2>&1").c_str());
-   }
-
-   static std::string output(const std::string& command) {
-      std::string out;
-      if (FILE* p = ::popen(command.c_str(), "r")) {
-         char chunk[256];
-         while (size_t n = std::fread(chunk, 1, sizeof(chunk), p))
-            out.append(chunk, n);
-         ::pclose(p);
-      }
-      return out;
-   }
    std::string dhcpRoutes(const std::string& ns, const char* family) {
       return output("ip -n " + ns + " " + family + " route show proto dhcp");
    }
@@ -81,7 +53,6 @@ class RouteSocketTest : public testing::Test {
    }
 
    std::string a_, b_;
-   std::vector<std::string> created_;
    uint32_t va_ = 0;
 };
 

@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -19,6 +18,7 @@
 #include "platform/Trace.h"
 #include "platform/UdpTestPam.h"
 #include "tests/platform/PacketTestNet.h"
+#include "tests/platform/TestFrames.h"
 
 namespace Platform {
 namespace {
@@ -244,16 +244,6 @@ struct PeerRx {
    int tos = -1;
 };
 
-size_t openFds() {
-   size_t n = 0;
-   if (DIR* dir = ::opendir("/proc/self/fd")) {
-      while (::readdir(dir))
-         ++n;
-      ::closedir(dir);
-   }
-   return n;
-}
-
 class LinuxUdpPamTest : public PacketTest::VethTest {
  protected:
    void TearDown() override {
@@ -344,36 +334,6 @@ class LinuxUdpPamTest : public PacketTest::VethTest {
    std::vector<Ptr<LinuxUdpPam>> pams_;
 };
 
-// A client's first DHCPDISCOVER as it leaves the client: without an address of its own, so
-// the frame is built by hand (a socket would put an address of the namespace there).
-Bytes clientBroadcastFrame(const Bytes& payload) {
-   Bytes f(14 + 20 + 8 + payload.size());
-   std::memset(f.data(), 0xff, 6);
-   f[6] = 0x02;
-   f[12] = 0x08;
-   uint8_t* ip = f.data() + 14;
-   const size_t ipLen = 20 + 8 + payload.size();
-   ip[0] = 0x45;
-   ip[2] = static_cast<uint8_t>(ipLen >> 8);
-   ip[3] = static_cast<uint8_t>(ipLen);
-   ip[8] = 64;
-   ip[9] = IPPROTO_UDP;
-   std::memset(ip + 16, 0xff, 4);  // from 0.0.0.0 to 255.255.255.255
-   uint32_t sum = 0;
-   for (size_t i = 0; i < 20; i += 2)
-      sum += uint32_t{ip[i]} << 8 | ip[i + 1];
-   sum = ~((sum & 0xffff) + (sum >> 16)) & 0xffff;
-   ip[10] = static_cast<uint8_t>(sum >> 8);
-   ip[11] = static_cast<uint8_t>(sum);
-   uint8_t* udp = ip + 20;
-   udp[1] = 68;
-   udp[3] = 67;
-   udp[4] = static_cast<uint8_t>((8 + payload.size()) >> 8);
-   udp[5] = static_cast<uint8_t>(8 + payload.size());  // checksum 0: none, allowed over IPv4
-   std::memcpy(udp + 8, payload.data(), payload.size());
-   return f;
-}
-
 TEST_F(LinuxUdpPamTest, ReceivesAClientBroadcastFromAddressZero) {
    sh("-n " + nsA_ + " addr add 10.77.0.1/24 dev a0");
    pam(false, 67);
@@ -381,7 +341,10 @@ TEST_F(LinuxUdpPamTest, ReceivesAClientBroadcastFromAddressZero) {
    discover[0] = 1;
    PacketTest::PeerSocket client(loop_, nsB_, "b0");
    ASSERT_TRUE(client.ok());
-   ASSERT_TRUE(client.send(clientBroadcastFrame(discover)));
+   // As it leaves the client: without an address of its own, so the frame is built by hand (a
+   // socket would put an address of the namespace there).
+   using namespace TestFrames;
+   ASSERT_TRUE(client.send(eth(kIpv4) + ipv4(kUdp, 68, 67, discover)));
 
    ASSERT_TRUE(turnUntil([&] { return !consumer(0).got.empty(); }));
    const UdpDatagram& d = consumer(0).got[0];
@@ -602,7 +565,7 @@ TEST_F(LinuxUdpPamTest, AMissingNamespaceOpensNothing) {
    ASSERT_TRUE(bindsIn(""));  // a port free in the agent's own namespace
    const uint16_t port = ntohs(any.sin_port);
 
-   const size_t fdsBefore = openFds();
+   const size_t fdsBefore = TestNet::openFdCount();
    auto sock = make<LinuxUdpPam>("UdpSocket-missing", loop_);
    const std::string missing = nsA_ + "-missing";
    sock->netNsIs(missing);
@@ -610,7 +573,7 @@ TEST_F(LinuxUdpPamTest, AMissingNamespaceOpensNothing) {
    sock->modeIs(UdpPam::modeOpen);
    EXPECT_FALSE(sock->active());
    EXPECT_NE(sock->error().find("/run/netns/" + missing), std::string::npos) << sock->error();
-   EXPECT_EQ(openFds(), fdsBefore);
+   EXPECT_EQ(TestNet::openFdCount(), fdsBefore);
    EXPECT_TRUE(bindsIn(""));
 
    // In a namespace that exists, the socket opens there and only there.
@@ -626,7 +589,7 @@ TEST_F(LinuxUdpPamTest, AMissingNamespaceOpensNothing) {
    sock->modeIs(UdpPam::modeOpen);
    EXPECT_EQ(sock->error(),
              "bind 192.0.2.77 port " + std::to_string(port) + ": " + std::strerror(EADDRNOTAVAIL));
-   EXPECT_EQ(openFds(), fdsBefore);
+   EXPECT_EQ(TestNet::openFdCount(), fdsBefore);
 }
 
 }  // namespace

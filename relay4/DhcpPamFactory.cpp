@@ -1,0 +1,21 @@
+#include "relay4/DhcpPamFactory.h"
+
+#include "platform/LinuxRawTxPam.h"
+#include "platform/LinuxUdpPam.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+Platform::Ptr<Platform::UdpPam> LinuxDhcpPamFactory::udpPam(const std::string& name) {
+   return Platform::make<Platform::LinuxUdpPam>(name, loop_);
+}
+
+Platform::Ptr<Platform::RawTxPam> LinuxDhcpPamFactory::rawTxPam(const std::string& name) {
+   return Platform::make<Platform::LinuxRawTxPam>(name);
+}
+
+std::unique_ptr<Platform::RouteSocket> LinuxDhcpPamFactory::routeSocket(const std::string& nsName,
+                                                                        std::string& error) {
+   return Platform::RouteSocket::open(nsName, error);
+}
+
+}  // namespace Ip::Helper::DhcpRelay

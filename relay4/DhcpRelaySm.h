@@ -1,0 +1,189 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <unordered_map>
+
+#include "codec/DhcpHdr.h"
+#include "model/ClientContext.h"
+#include "model/Config.h"
+#include "model/DhcpPacketQueues.h"
+#include "model/IntfServerIpDir.h"
+#include "model/Status.h"
+#include "model/VrfIpPair.h"
+#include "model/VrfWithCountDir.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/IpStatus.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/IntfId.h"
+#include "platform/IntfStatusManager.h"
+#include "platform/Pkt.h"
+#include "platform/RouteSocket.h"
+#include "platform/StateStore.h"
+#include "relay4/DhcpPamFactory.h"
+#include "relay4/DhcpVrfSm.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+// The DHCPv4 relay's central machine. It follows the relay configuration, the interfaces'
+// IP status and the VRFs, and keeps current what the packet paths read: which relay
+// interface owns an address in a VRF (intfLookupTbl), one socket machine per VRF in use
+// (dhcpVrfSm) and one IntfStatus per relay interface. Every datagram the VRF sockets
+// receive comes back here through doProcessPacket.
+//
+// Notifications are ignored until handleInitialized, which replays the current state
+// through the same handlers.
+class DhcpRelaySm {
+ public:
+   static constexpr uint8_t kHopsMax = 254;
+
+   // What the machine reads and writes; all must be set.
+   struct Inputs {
+      Ptr<const Config> config;
+      // The agent-local status the packet paths count into.
+      Ptr<Status> status;
+      Ptr<const Ip::Status> ipStatus;
+      Ptr<const Ip::AllVrfStatusLocal> vrfStatus;
+      Ptr<const Interface::DeviceNameConfig> deviceIntfStatusDir;
+      Ptr<const DhcpPacketQueues> packetQueues;
+      Ptr<const VrfWithCountDir> activeVrfDir;
+      Ptr<const IntfServerIpDir> intfServerIpDir;
+      Ptr<ClientContext> clientContext;
+      Platform::StateStore* entityManager = nullptr;
+      Platform::IntfStatusManagerRoot* intfStatusManagerRoot = nullptr;
+      DhcpPamFactory* pamFactory = nullptr;
+   };
+
+   // Per relay interface (one IntfConfig): follows its configuration and, while the
+   // interface has IP status, its addresses and VRF.
+   class KelDrIntfConfig;
+
+   explicit DhcpRelaySm(Inputs inputs);
+   virtual ~DhcpRelaySm();
+   DhcpRelaySm(const DhcpRelaySm&) = delete;
+   DhcpRelaySm& operator=(const DhcpRelaySm&) = delete;
+
+   void handleInitialized();
+
+   // Reactor entry points.
+   void onIntfConfig(const Platform::IntfId& intf);
+   void handleIpIntfStatus(const Platform::IntfId& intf);
+   void handleAddrChange(const Platform::IntfId& intf) { handleIpIntfStatus(intf); }
+   void handleSecondaryChange(const Platform::IntfId& intf) { handleIpIntfStatus(intf); }
+   void handleVrf(const Platform::IntfId& intf);
+   void handleAllVrfStatus(const Platform::VrfName& vrf);
+   void handleVrfStatus(const Platform::VrfName& vrf);
+   void handleActiveVrfDir(const Platform::VrfName& vrf);
+   void handleVrfAdd(const Platform::VrfName& vrf);
+   void handleVrfDel(const Platform::VrfName& vrf);
+   // Packets handed over by DHCP snooping; their path is built with the snooping queues.
+   virtual void handleSnoopingToRelayPacket() {}
+
+   // Every DHCPv4 datagram a VRF socket receives: the checks common to all messages, then
+   // the request or reply path by the BOOTP op. `intf` is empty for a message from a device
+   // that is no switch interface.
+   virtual void doProcessPacket(Platform::Pkt& pkt, Platform::IpAddr srcIp, Platform::IpAddr dstIp,
+                                const Platform::IntfId& intf, const Platform::VrfName& vrf);
+
+   // Queries for the packet paths.
+   const Ptr<const Config>& dhcpRelayConfig() const { return in_.config; }
+   const Ptr<const Ip::Status>& ipStatus() const { return in_.ipStatus; }
+   const Ptr<Status>& status() const { return in_.status; }
+   const Ptr<ClientContext>& dhcpClientContext() const { return in_.clientContext; }
+   const Ptr<const IntfServerIpDir>& intfServerIpDir() const { return in_.intfServerIpDir; }
+   // The relay interface owning the address in the VRF; empty when none does.
+   Platform::IntfId intfLookupTbl(const VrfIpPair& key) const;
+   const std::unordered_map<VrfIpPair, Platform::IntfId>& intfLookupTbl() const {
+      return intfLookupTbl_;
+   }
+   DhcpVrfSm* dhcpVrfSm(const Platform::VrfName& vrf) const;
+   const std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSm>>& dhcpVrfSm() const {
+      return dhcpVrfSm_;
+   }
+   KelDrIntfConfig* kelDrIntfConfig(const Platform::IntfId& intf) const;
+   // The interface's VRF from its IP status; empty without one.
+   Platform::VrfName vrfNameFromIntfId(const Platform::IntfId& intf) const;
+
+ protected:
+   // The request path: a BOOTREQUEST that passed the common checks. It chooses between
+   // handleRequest and handleRenew.
+   virtual void doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
+                                 Platform::IpAddr srcIp, Platform::IpAddr dstIp,
+                                 const Platform::IntfId& intf);
+   // A client request: one copy per configured server, same-VRF servers first.
+   virtual void handleRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
+                              const Platform::IntfId& intf);
+   // A client's unicast renewal to the relay's own address on its link: forwarded to the
+   // server recorded in the client's cross-VRF binding.
+   virtual void handleRenew(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
+                            const Platform::IntfId& intf);
+   // A server reply received in `vrf`: sent to the client as a whole frame.
+   virtual void handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
+                            const Platform::VrfName& vrf, Platform::IpAddr srcIp);
+
+   // Where the kernel of the VRF's namespace sends a packet to `server`. Virtual so that
+   // tests without namespaces can answer for the kernel.
+   virtual std::optional<Platform::EgressRoute> egressRoute(DhcpVrfSm& sm, Platform::IpAddr server);
+
+   // Counts a copy relayed from `addr` as coming from outside the interface's subnets or
+   // from another VRF than the server's.
+   void checkAddrBelongsToIntf(Status& status, const Platform::IntfId& intf, Platform::IpAddr addr,
+                               const Platform::VrfName& vrf) const;
+   // Whether a configured source interface can carry requests to a server in `vrf`.
+   bool sourceIntfActive(const Platform::IntfId& srcIntf, const Ip::Status& ipStatus,
+                         const Platform::VrfName& vrf) const;
+   // Turns the DHCP payload into an Ethernet/IPv4/UDP frame for the client, in place in the
+   // packet's head room. False, packet unusable for sending, when it cannot.
+   bool buildReplyPkt(Platform::Pkt& pkt, const Platform::EthAddr& srcMac, Platform::IpAddr srcIp);
+
+ private:
+   // The gateway address smart relay chose for this client; nullopt while the interface
+   // runs no smart-relay machine, which is the case for every interface for now.
+   std::optional<Platform::IpAddrWithMask> smartRelayGateway(const Platform::IntfId& intf,
+                                                             const DhcpHdr& hdr) const;
+   // The primary address of the interface a route leaves by; zero when it has none.
+   Platform::IpAddr getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const;
+   // The kernel device of a system interface in the VRF's namespace.
+   Ptr<const KernelNetInfo::KernelIntf> kernelIntfOf(const DhcpVrfSm& sm,
+                                                     const Platform::IntfId& intf) const;
+   // One copy of a request to a server in the client's own VRF; true when sent.
+   bool relayToOwnVrfServer(DhcpHdr& hdr, Platform::Pkt& pkt, const Platform::IntfId& intf,
+                            const IntfConfig& config, const Ip::IpIntfStatus& intfStatus,
+                            const VrfIpSrcIntfSrcIp& server, uint8_t hops, bool& optionAdded);
+   class ConfigReactor;
+   class IpStatusReactor;
+   class AllVrfStatusReactor;
+   class VrfStatusReactor;
+   class ActiveVrfDirReactor;
+   class VrfWithCountReactor;
+   class PacketQueuesReactor;
+   class IpIntfStatusReactor;
+
+   void intfLookupTblIs(const VrfIpPair& key, const Platform::IntfId& intf);
+   void intfLookupTblDel(const VrfIpPair& key);
+   void dhcpVrfSmIs(const Platform::VrfName& vrf, const Platform::NamespaceName& nsName);
+   void dhcpVrfSmDel(const Platform::VrfName& vrf);
+   void updateIntfStatus(const Platform::IntfId& intf);
+   // Whether the VRF's namespace can hold sockets now.
+   bool vrfUsable(const Platform::VrfName& vrf) const;
+   bool vrfNeeded(const Platform::VrfName& vrf) const;
+
+   Inputs in_;
+   bool initialized_ = false;
+   // Outputs of parseInfoOpt, kept so that their capacity is reused from reply to reply.
+   std::string replyCircuitId_;
+   std::string replyRemoteId_;
+   std::string replyVrfName_;
+   std::unordered_map<VrfIpPair, Platform::IntfId> intfLookupTbl_;
+   std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSm>> dhcpVrfSm_;
+   std::map<Platform::IntfId, std::unique_ptr<KelDrIntfConfig>> kelDrIntfConfig_;
+   std::map<Platform::VrfName, std::unique_ptr<VrfStatusReactor>> vrfStatusReactor_;
+   std::map<Platform::VrfName, std::unique_ptr<VrfWithCountReactor>> vrfWithCountReactor_;
+   std::unique_ptr<ConfigReactor> configReactor_;
+   std::unique_ptr<IpStatusReactor> ipStatusReactor_;
+   std::unique_ptr<AllVrfStatusReactor> allVrfStatusReactor_;
+   std::unique_ptr<ActiveVrfDirReactor> activeVrfDirReactor_;
+   std::unique_ptr<PacketQueuesReactor> packetQueuesReactor_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

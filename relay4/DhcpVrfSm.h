@@ -1,0 +1,82 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "model/Config.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/KernelNetInfo.h"
+#include "platform/IntfStatusManager.h"
+#include "platform/RawTxPam.h"
+#include "platform/RouteSocket.h"
+#include "platform/StateStore.h"
+#include "platform/UdpPam.h"
+#include "platform/VrfName.h"
+#include "relay4/DhcpPamFactory.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+class DhcpRelaySm;
+
+// Everything the DHCPv4 relay needs to take packets off and put packets on the wire in one
+// VRF: the server-port UDP socket, a raw transmit socket and a netlink route socket, all in
+// the VRF's namespace, and the namespace's kernel table that turns the arrival ifindex of
+// a datagram into a switch interface. Every received datagram goes to
+// DhcpRelaySm::doProcessPacket. Initialised on construction; handleDel undoes it.
+class DhcpVrfSm {
+ public:
+   static constexpr uint16_t kServerPort = 67;
+
+   DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
+             const Ptr<const Config>& config,
+             const Ptr<const Interface::DeviceNameConfig>& deviceIntfStatusDir,
+             Platform::IntfStatusManagerRoot& netNsIntfStatusManagerRoot,
+             Platform::StateStore& entityManager, DhcpPamFactory& pamFactory,
+             DhcpRelaySm& dhcpRelaySm);
+   ~DhcpVrfSm();
+   DhcpVrfSm(const DhcpVrfSm&) = delete;
+   DhcpVrfSm& operator=(const DhcpVrfSm&) = delete;
+
+   void handleInitialized();
+   void handleDscp();
+   void handleReadableCount();
+   void handleDel();
+
+   const Platform::VrfName& vrfName() const { return vrfName_; }
+   const Platform::NamespaceName& nsName() const { return nsName_; }
+   bool initialized() const { return initialized_; }
+   const Ptr<Platform::UdpPam>& udpPam() const { return udpPam_; }
+   const Ptr<Platform::RawTxPam>& rawTxPam() const { return rawTxPam_; }
+   const Ptr<const Config>& dhcpRelayConfig() const { return dhcpRelayConfig_; }
+   // The namespace's route socket; null when it could not be opened (traced).
+   Platform::RouteSocket* netlinkSocket() const { return netlinkSocket_.get(); }
+   // The namespace's kernel devices by ifindex.
+   const Ptr<const KernelNetInfo::Status>& kernelTable() const { return kniRoot_; }
+   Platform::IntfStatusManager* intfStatusManager() const { return intfStatusManager_; }
+
+ private:
+   class ConfigReactor;
+   class UdpPamReactor;
+   class RawTxPamReactor;
+
+   const Platform::VrfName vrfName_;
+   const Platform::NamespaceName nsName_;
+   Ptr<const Config> dhcpRelayConfig_;
+   Ptr<const Interface::DeviceNameConfig> deviceIntfStatusDir_;
+   Platform::IntfStatusManagerRoot& netNsIntfStatusManagerRoot_;
+   Platform::StateStore& entityManager_;
+   DhcpPamFactory& pamFactory_;
+   DhcpRelaySm& dhcpRelaySm_;
+
+   Platform::IntfStatusManager* intfStatusManager_ = nullptr;
+   Ptr<const KernelNetInfo::Status> kniRoot_;
+   Ptr<Platform::UdpPam> udpPam_;
+   Ptr<Platform::RawTxPam> rawTxPam_;
+   std::unique_ptr<Platform::RouteSocket> netlinkSocket_;
+   std::unique_ptr<ConfigReactor> configReactor_;
+   std::unique_ptr<UdpPamReactor> udpPamReactor_;
+   std::unique_ptr<RawTxPamReactor> rawTxPamReactor_;
+   bool initialized_ = false;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "model/ClientContext.h"
+#include "model/Config.h"
+#include "model/DhcpPacketQueues.h"
+#include "model/IntfServerIpDir.h"
+#include "model/Status.h"
+#include "model/VrfWithCountDir.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/IpStatus.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/IntfStatusManager.h"
+#include "platform/KernelFrontEnd.h"
+#include "platform/RawTxTestPam.h"
+#include "platform/StateStore.h"
+#include "platform/UdpTestPam.h"
+#include "relay4/DhcpRelaySm.h"
+
+namespace Ip::Helper::DhcpRelay::Test {
+
+using Platform::IntfId;
+using Platform::IpAddr;
+using Platform::make;
+using Platform::NamespaceName;
+using Platform::VrfName;
+
+// Socket doubles, kept by name so that a test can reach the ones a machine opened.
+class TestPamFactory : public DhcpPamFactory {
+ public:
+   Ptr<Platform::UdpPam> udpPam(const std::string& name) override {
+      return udp[name] = make<Platform::UdpTestPam>(name);
+   }
+   Ptr<Platform::RawTxPam> rawTxPam(const std::string& name) override {
+      return raw[name] = make<Platform::RawTxTestPam>(name);
+   }
+   std::unique_ptr<Platform::RouteSocket> routeSocket(const std::string&,
+                                                      std::string& error) override {
+      error = "no netlink in unit tests";
+      return nullptr;
+   }
+
+   std::map<std::string, Ptr<Platform::UdpTestPam>> udp;
+   std::map<std::string, Ptr<Platform::RawTxTestPam>> raw;
+};
+
+// Records what reaches the packet paths that the relay machine hands over to.
+class ProbeRelaySm : public DhcpRelaySm {
+ public:
+   struct Received {
+      std::vector<uint8_t> bytes;
+      IpAddr src, dst;
+      IntfId intf;
+      VrfName vrf;
+   };
+
+   using DhcpRelaySm::DhcpRelaySm;
+
+   void doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp, const IntfId& intf,
+                        const VrfName& vrf) override {
+      received.push_back({{pkt.span().begin(), pkt.span().end()}, srcIp, dstIp, intf, vrf});
+      if (processPackets)
+         DhcpRelaySm::doProcessPacket(pkt, srcIp, dstIp, intf, vrf);
+   }
+
+   bool processPackets = false;
+   std::vector<Received> received;
+   int requests = 0;
+   int replies = 0;
+
+ protected:
+   void doProcessRequest(DhcpVrfSm&, DhcpHdr&, Platform::Pkt&, IpAddr, IpAddr,
+                         const IntfId&) override {
+      ++requests;
+   }
+   void handleReply(DhcpVrfSm&, DhcpHdr&, Platform::Pkt&, const VrfName&, IpAddr) override {
+      ++replies;
+   }
+};
+
+// The records a relay machine reads, with a store and interface status managers that need
+// no kernel: kernel tables are written by the tests as the follower would.
+class RelayTestBed {
+ public:
+   RelayTestBed() {
+      store.publish("ip/vrf/status/local", vrfs);
+      store.publish("interface/config/deviceName", deviceNames);
+      vrfIs("default", "default", true);
+      managers = std::make_unique<Platform::IntfStatusManagerRoot>(store, allIntfStatus,
+                                                                   allIntfStatusLocal);
+   }
+
+   Ptr<Ip::VrfStatusLocal> vrfIs(const std::string& vrf, const std::string& ns, bool active) {
+      auto status = vrfs->vrfIs(VrfName(vrf));
+      status->nsNameIs(NamespaceName(ns));
+      status->stateIs(active ? Ip::VrfStatusLocal::State::active
+                             : Ip::VrfStatusLocal::State::inactive);
+      return status;
+   }
+   void activeVrfIs(const std::string& vrf, uint32_t count) {
+      activeVrfDir->vrfCountIs(VrfName(vrf))->countIs(count);
+   }
+   Ptr<KernelNetInfo::KernelIntf> device(const std::string& ns, uint32_t ifindex,
+                                         const std::string& name) {
+      auto d = Platform::kernelTableOf(store, ns)->interfaceByIndexIs(ifindex);
+      d->deviceNameIs(name);
+      return d;
+   }
+   std::unique_ptr<ProbeRelaySm> relaySm() {
+      return std::make_unique<ProbeRelaySm>(DhcpRelaySm::Inputs{
+          config, status, ipStatus, vrfs, deviceNames, packetQueues, activeVrfDir, intfServerIpDir,
+          clientContext, &store, managers.get(), &pams});
+   }
+
+   Platform::StateStore store{[](std::function<void()>) {}};
+   Ptr<Ip::AllVrfStatusLocal> vrfs = make<Ip::AllVrfStatusLocal>("local");
+   Ptr<Interface::DeviceNameConfig> deviceNames = make<Interface::DeviceNameConfig>("devices");
+   Ptr<Interface::AllIntfStatusDir> allIntfStatus = make<Interface::AllIntfStatusDir>("all");
+   Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocal =
+       make<Interface::AllIntfStatusLocalDir>("local");
+   std::unique_ptr<Platform::IntfStatusManagerRoot> managers;
+   Ptr<Config> config = make<Config>("config");
+   Ptr<Status> status = make<Status>("status");
+   Ptr<Ip::Status> ipStatus = make<Ip::Status>("ip");
+   Ptr<DhcpPacketQueues> packetQueues = make<DhcpPacketQueues>("queues");
+   Ptr<VrfWithCountDir> activeVrfDir = make<VrfWithCountDir>("activeVrfDirv4");
+   Ptr<IntfServerIpDir> intfServerIpDir = make<IntfServerIpDir>("servers");
+   Ptr<ClientContext> clientContext = make<ClientContext>("clients");
+   TestPamFactory pams;
+};
+
+}  // namespace Ip::Helper::DhcpRelay::Test
