@@ -308,9 +308,11 @@ void DhcpRelaySm::handleActiveVrfDir(const VrfName& vrf) {
       handleVrfDel(vrf);
 }
 
+// The default VRF is entered with count 0 and always has relay sockets; any other
+// VRF has them while something counts on it.
 bool DhcpRelaySm::vrfNeeded(const VrfName& vrf) const {
    Ptr<VrfWithCount> count = in_.activeVrfDir->vrfCount(vrf);
-   return count && count->count() > 0;
+   return count && (vrf.isDefault() || count->count() > 0);
 }
 
 bool DhcpRelaySm::vrfUsable(const VrfName& vrf) const {

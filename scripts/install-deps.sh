@@ -14,6 +14,8 @@ packages=(
    libgtest-dev libgmock-dev libbenchmark-dev
    # tests and the lab
    python3 python3-pytest iproute2 procps
+   # real DHCP peers and packet tools for the namespace lab (tests/e2e/lab.py)
+   isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
 )
 
 missing=()

@@ -1,0 +1,609 @@
+"""A DHCP lab in network namespaces, with ISC dhcpd and dhclient as real peers.
+
+    client --veth-- relay --veth-- server (bridge) --veth-- server2
+                      |
+                      +---veth---- red
+
+Every namespace is named `<prefix>-<role>`, so nothing here touches the host's
+devices or addresses and all traffic stays between the namespaces. The relay
+agent runs inside the relay namespace (`ip netns exec`), so its default VRF is
+that namespace; `red` is the namespace a cross-VRF server lives in.
+
+The server side is one bridged link (the bridge lives in the server namespace),
+so both servers are one hop from the relay's Ethernet2 and the relay's view stays
+a plain veth.
+
+`close()` stops every process started in the lab's namespaces and deletes them;
+it is safe to call twice and after a half-built lab.
+
+Run as a program, this module drives a lab from a shell (scripts/lab.sh):
+    lab.py --prefix P --dir D up | dhcpd ROLE [--direct] [--second-pool]
+                                 | client [--timeout S] | agent-config | down
+"""
+
+import argparse
+import itertools
+import json
+import os
+import re
+import signal
+import struct
+import subprocess
+import sys
+import textwrap
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+CLIENT_SCRIPT = HERE / "dhclient-script"
+PYTHON = "/usr/bin/python3"  # the Debian one: it has scapy
+
+# Kernel device names, the same in every lab (they live in different namespaces).
+CLIENT_DEV = "c0"          # client -> relay
+RELAY_CLIENT_DEV = "r0"    # relay  -> client      (system name Ethernet1)
+RELAY_SERVER_DEV = "r1"    # relay  -> server link (system name Ethernet2)
+RELAY_RED_DEV = "r2"       # relay  -> red         (system name Ethernet3)
+SERVER_BRIDGE = "br0"
+SERVER_DEV = "s0"          # server's bridge port towards the relay
+SERVER_PEER_DEV = "s1"     # server's bridge port towards server2
+SERVER2_DEV = "s2"
+RED_DEV = "e0"
+
+# Documentation ranges (RFC 5737); the relay's secondary client subnet is from the
+# benchmark range (RFC 2544), which is reserved for tests like this one too.
+CLIENT_NET = "192.0.2.0/24"
+RELAY_CLIENT_IP = "192.0.2.1"
+SECONDARY_NET = "198.18.0.0/24"
+RELAY_SECONDARY_IP = "198.18.0.1"
+SERVER_NET = "198.51.100.0/24"
+RELAY_SERVER_IP = "198.51.100.1"
+SERVER_IP = "198.51.100.2"
+SERVER2_IP = "198.51.100.3"
+RED_NET = "203.0.113.0/24"
+RELAY_RED_IP = "203.0.113.1"
+RED_IP = "203.0.113.2"
+
+# Each server leases from its own part of the pool, so a lease names its server.
+POOLS = {
+    "server": {CLIENT_NET: ("192.0.2.100", "192.0.2.149"),
+               SECONDARY_NET: ("198.18.0.100", "198.18.0.149")},
+    "server2": {CLIENT_NET: ("192.0.2.150", "192.0.2.199"),
+                SECONDARY_NET: ("198.18.0.150", "198.18.0.199")},
+    # dhcpd on the client link itself (no relay): the lab's self-check.
+    "direct": {CLIENT_NET: ("192.0.2.200", "192.0.2.249")},
+}
+
+ROLES = ("client", "relay", "server", "server2", "red")
+
+
+def run(*args, check=True, **kw):
+    res = subprocess.run([str(a) for a in args], capture_output=True, text=True, **kw)
+    if check and res.returncode != 0:
+        raise RuntimeError(f"{' '.join(map(str, args))} failed ({res.returncode}): {res.stderr}")
+    return res
+
+
+def wait_for(check, timeout, what):
+    """Polls `check` until it returns something true; the kernel and the daemons
+    report readiness only through files and logs."""
+    deadline = time.monotonic() + timeout
+    while True:
+        got = check()
+        if got:
+            return got
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"timed out after {timeout}s waiting for {what}")
+        time.sleep(0.05)
+
+
+def _netmask(cidr):
+    bits = int(cidr.split("/")[1])
+    mask = (0xFFFFFFFF << (32 - bits)) & 0xFFFFFFFF
+    return ".".join(str((mask >> s) & 0xFF) for s in (24, 16, 8, 0))
+
+
+def _subnet(cidr, body=""):
+    net = cidr.split("/")[0]
+    return f"subnet {net} netmask {_netmask(cidr)} {{{body}}}\n"
+
+
+def _hex_bytes(text):
+    """dhcpd's binary-to-ascii(16, 8, ":", ...) drops leading zeros ("a:1")."""
+    return bytes(int(b, 16) for b in text.split(":")) if text else b""
+
+
+# Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the
+# log shows what the server got from the relay: giaddr and the option 82
+# sub-options it knows (agent.circuit-id is 1, agent.remote-id 2,
+# agent.link-selection 5). Values are hex so any byte survives syslog text. dhcpd
+# also evaluates them once at start-up, with no packet: the outer `if` keeps that
+# quiet.
+DHCPD_LOG = textwrap.dedent("""\
+    if exists dhcp-message-type {
+       log(info, concat("lab: seen giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),
+                        " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),
+                        " type=", binary-to-ascii(10, 8, "", option dhcp-message-type)));
+       if exists agent.circuit-id {
+          log(info, concat("lab: circuit-id=",
+                           binary-to-ascii(16, 8, ":", option agent.circuit-id)));
+       }
+       if exists agent.remote-id {
+          log(info, concat("lab: remote-id=", binary-to-ascii(16, 8, ":", option agent.remote-id)));
+       }
+       if exists agent.link-selection {
+          log(info, concat("lab: link-selection=",
+                           binary-to-ascii(10, 8, ".", option agent.link-selection)));
+       }
+    }
+    """)
+
+
+@dataclass
+class Seen:
+    """One packet as dhcpd logged it."""
+    giaddr: str
+    chaddr: str
+    msg_type: int
+    circuit_id: bytes = None
+    remote_id: bytes = None
+    link_selection: str = None
+
+
+class Dhcpd:
+    def __init__(self, lab, role, ns, dev, pools):
+        self.role = role
+        self.ns = ns
+        base = lab.dir / f"dhcpd-{role}"
+        self.conf = base.with_suffix(".conf")
+        self.leases = base.with_suffix(".leases")
+        self.pidfile = base.with_suffix(".pid")
+        self.log = base.with_suffix(".log")
+        text = ("authoritative;\nddns-update-style none;\n"
+                "default-lease-time 600;\nmax-lease-time 600;\n" + DHCPD_LOG)
+        for cidr in (SERVER_NET, CLIENT_NET, SECONDARY_NET):
+            body = ""
+            if cidr in pools:
+                lo, hi = pools[cidr]
+                router = RELAY_CLIENT_IP if cidr == CLIENT_NET else RELAY_SECONDARY_IP
+                body = f" range {lo} {hi}; option routers {router}; "
+            text += _subnet(cidr, body)
+        self.conf.write_text(text)
+        self.leases.write_text("")
+        self.proc = lab.spawn(ns, [lab.binary("/usr/sbin/dhcpd"), "-4", "-f", "-d",
+                                   "-cf", self.conf, "-lf", self.leases, "-pf",
+                                   self.pidfile, dev], self.log)
+        wait_for(self._ready, 10, f"dhcpd in {ns}")
+
+    def _ready(self):
+        if self.proc.poll() is not None:
+            raise RuntimeError(f"dhcpd exited ({self.proc.returncode}):\n{self.log_text()}")
+        return "Server starting service." in self.log_text()
+
+    def log_text(self):
+        return self.log.read_text(errors="replace") if self.log.exists() else ""
+
+    def seen(self):
+        """What dhcpd logged per packet, in order."""
+        out = []
+        for line in self.log_text().splitlines():
+            m = re.search(r"lab: (seen giaddr|circuit-id|remote-id|link-selection)=(\S*)"
+                          r"(?: chaddr=(\S*) type=(\d*))?", line)
+            if not m:
+                continue
+            key, value = m.group(1), m.group(2)
+            if key == "seen giaddr":
+                chaddr = ":".join(f"{b:02x}" for b in _hex_bytes(m.group(3)))
+                out.append(Seen(giaddr=value, chaddr=chaddr, msg_type=int(m.group(4) or 0)))
+            elif out:
+                if key == "circuit-id":
+                    out[-1].circuit_id = _hex_bytes(value)
+                elif key == "remote-id":
+                    out[-1].remote_id = _hex_bytes(value)
+                else:
+                    out[-1].link_selection = value
+        return out
+
+    def acks(self):
+        """(address, interface-or-relay) of every DHCPACK the server sent."""
+        return re.findall(r"DHCPACK on (\S+) to \S+ .*?via (\S+)", self.log_text())
+
+
+@dataclass
+class Lease:
+    ip: str
+    server: str
+    mask: str
+    routers: str = None
+    vars: dict = field(default_factory=dict)
+
+
+class Capture:
+    """tcpdump on one device of one namespace, written to a pcap file and read back
+    with scapy once stopped."""
+
+    def __init__(self, lab, ns, dev, bpf, promisc):
+        self.pcap = lab.dir / f"cap-{ns}-{dev}-{len(lab.procs)}.pcap"
+        self.log = self.pcap.with_suffix(".log")
+        # -U and --immediate-mode write each packet as it comes (without the latter,
+        # packets wait in the kernel ring block and stop() loses them). -p by default:
+        # a promiscuous bridge device hands every frame it forwards up to the local
+        # stack, where dhcpd's packet socket would answer packets meant for others.
+        argv = [lab.binary("/usr/bin/tcpdump"), "-i", dev, "-n", "-U", "--immediate-mode",
+                "-w", self.pcap]
+        self.proc = lab.spawn(ns, argv + ([] if promisc else ["-p"]) + bpf.split(), self.log)
+        wait_for(self._ready, 10, f"tcpdump on {ns}/{dev}")
+
+    def _ready(self):
+        if self.proc.poll() is not None:
+            raise RuntimeError(f"tcpdump exited: {self.log.read_text()}")
+        return "listening on" in self.log.read_text()
+
+    def packets(self):
+        """What was captured so far (tcpdump -U flushes per packet; a record caught
+        half-written counts as not there yet)."""
+        from scapy.all import rdpcap  # all: registers the link layers pcap names
+        from scapy.error import Scapy_Exception
+        try:
+            return list(rdpcap(str(self.pcap)))
+        except (Scapy_Exception, EOFError, struct.error):
+            return []
+
+    def wait(self, check, timeout=10, what="packets"):
+        """Polls until `check(packets)` is true; returns the packets."""
+        return wait_for(lambda: check(self.packets()) and self.packets(), timeout, what)
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGINT)
+            self.proc.wait(timeout=10)
+        return self.packets()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        if self.proc.poll() is None:
+            self.proc.kill()
+            self.proc.wait()
+
+
+def dhcp_type(pkt):
+    """The DHCP message type of a scapy packet (1 DISCOVER ... 8 INFORM), or None."""
+    from scapy.layers.dhcp import DHCP
+    if DHCP not in pkt:
+        return None
+    for opt in pkt[DHCP].options:
+        if isinstance(opt, tuple) and opt[0] == "message-type":
+            return opt[1]
+    return None
+
+
+class Lab:
+    """The namespaces and the peers in them.
+
+    `make_ns(role) -> name` creates a namespace (tests pass conftest's `netns`
+    factory, so its clean-up covers the lab too); without it the lab creates
+    `<prefix>-<role>` itself. `build=False` attaches to a lab an earlier process
+    built (the shell entry point runs one step per process)."""
+
+    def __init__(self, workdir, prefix=None, make_ns=None, build=True):
+        self.dir = Path(workdir)
+        self.dir.mkdir(parents=True, exist_ok=True)
+        self.prefix = prefix
+        self.procs = []
+        self.servers = {}
+        self._apparmor = self._confined_binaries()
+        if make_ns is None:
+            def make_ns(role):
+                name = f"{prefix}-{role}"
+                run("ip", "netns", "add", name)
+                run("ip", "-n", name, "link", "set", "lo", "up")
+                return name
+        if not build:
+            self.ns = {r: f"{prefix}-{r}" for r in ROLES}
+            return
+        self.ns = {}
+        try:
+            for role in ROLES:
+                self.ns[role] = make_ns(role)
+            self._wire()
+        except BaseException:
+            self.close()
+            raise
+
+    # --- topology ----------------------------------------------------------------
+
+    def ip(self, role, *args):
+        return run("ip", "-n", self.ns[role], *args)
+
+    def _veth(self, a, a_dev, b, b_dev):
+        # Created inside `a` with its peer moved straight to `b`: the pair never
+        # exists in the host's namespace, not even for a moment.
+        self.ip(a, "link", "add", a_dev, "type", "veth", "peer", b_dev, "netns", self.ns[b])
+        self.ip(a, "link", "set", a_dev, "up")
+        self.ip(b, "link", "set", b_dev, "up")
+
+    def _wire(self):
+        self._veth("relay", RELAY_CLIENT_DEV, "client", CLIENT_DEV)
+        self._veth("relay", RELAY_SERVER_DEV, "server", SERVER_DEV)
+        self._veth("relay", RELAY_RED_DEV, "red", RED_DEV)
+        self._veth("server2", SERVER2_DEV, "server", SERVER_PEER_DEV)
+
+        self.ip("server", "link", "add", SERVER_BRIDGE, "type", "bridge", "stp_state", "0",
+                "forward_delay", "0")
+        for dev in (SERVER_DEV, SERVER_PEER_DEV):
+            self.ip("server", "link", "set", dev, "master", SERVER_BRIDGE)
+        self.ip("server", "link", "set", SERVER_BRIDGE, "up")
+        # dhcpd reads with a packet socket that matches only the UDP port, so a
+        # unicast the bridge floods while it has not learned the MACs yet reaches
+        # both servers and both answer. Static entries keep each unicast on its way.
+        for role, dev, port in (("relay", RELAY_SERVER_DEV, SERVER_DEV),
+                                ("server2", SERVER2_DEV, SERVER_PEER_DEV)):
+            mac = json.loads(self.ip(role, "-j", "link", "show", "dev", dev).stdout)[0]["address"]
+            run("bridge", "-n", self.ns["server"], "fdb", "replace", mac, "dev", port, "master",
+                "static")
+
+        self.ip("relay", "addr", "add", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
+        self.ip("relay", "addr", "add", f"{RELAY_SERVER_IP}/24", "dev", RELAY_SERVER_DEV)
+        self.ip("relay", "addr", "add", f"{RELAY_RED_IP}/24", "dev", RELAY_RED_DEV)
+        self.ip("server", "addr", "add", f"{SERVER_IP}/24", "dev", SERVER_BRIDGE)
+        self.ip("server2", "addr", "add", f"{SERVER2_IP}/24", "dev", SERVER2_DEV)
+        self.ip("red", "addr", "add", f"{RED_IP}/24", "dev", RED_DEV)
+        for role in ("server", "server2"):
+            for net in (CLIENT_NET, SECONDARY_NET):
+                self.ip(role, "route", "add", net, "via", RELAY_SERVER_IP)
+        self.ip("red", "route", "add", "default", "via", RELAY_RED_IP)
+        run("ip", "netns", "exec", self.ns["relay"], "sysctl", "-qw", "net.ipv4.ip_forward=1")
+
+    def add_secondary(self):
+        """The relay's secondary address on the client link (smart relay, giaddr
+        rotation)."""
+        self.ip("relay", "addr", "add", f"{RELAY_SECONDARY_IP}/24", "dev", RELAY_CLIENT_DEV)
+
+    def agent_config(self, path=None, **relay_settings):
+        """Writes the agent's YAML for this lab: Ethernet1 faces the client with
+        `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-"; by
+        default the server is `server`), Ethernet2 the servers, Ethernet3 red."""
+        settings = {"servers": [{"address": SERVER_IP}]}
+        settings.update({k.replace("_", "-"): v for k, v in relay_settings.items()})
+        path = Path(path or self.dir / "relay.yaml")
+        lines = [f"vrfs:\n  red: {self.ns['red']}\n",
+                 "system:\n  hostname: lab-relay\n  bridge-mac: 02:00:00:00:01:00\n",
+                 f"devices:\n  Ethernet1: {RELAY_CLIENT_DEV}\n  Ethernet2: {RELAY_SERVER_DEV}\n"
+                 f"  Ethernet3: {RELAY_RED_DEV}\n",
+                 "interfaces:\n  Ethernet1:\n"]
+        for key, value in settings.items():
+            lines.append(f"    {key}: {_yaml(value)}\n")
+        path.write_text("".join(lines))
+        return path
+
+    # --- processes ---------------------------------------------------------------
+
+    @staticmethod
+    def _confined_binaries():
+        """Binaries an AppArmor profile confines in enforce mode. The Debian profiles
+        for dhcpd, dhclient and tcpdump allow only their /etc and /var paths, so a
+        lab file elsewhere would be refused; see binary()."""
+        try:
+            text = Path("/sys/kernel/security/apparmor/profiles").read_text()
+        except OSError:
+            return set()
+        return {m.group(1) for m in re.finditer(r"^(\S+) \(enforce\)", text, re.M)}
+
+    def binary(self, path):
+        """AppArmor attaches a profile by the executable's path, so a copy in the lab
+        directory runs the same program unconfined and may read the lab's files."""
+        if not any(Path(p).name == Path(path).name for p in self._apparmor):
+            return path
+        copy = self.dir / Path(path).name
+        if not copy.exists():
+            copy.write_bytes(Path(path).read_bytes())
+            copy.chmod(0o755)
+        return copy
+
+    def spawn(self, role_or_ns, argv, log):
+        ns = self.ns.get(role_or_ns, role_or_ns)
+        proc = subprocess.Popen(["ip", "netns", "exec", ns, *map(str, argv)],
+                                stdout=open(log, "w"), stderr=subprocess.STDOUT,
+                                stdin=subprocess.DEVNULL, start_new_session=True)
+        self.procs.append(proc)
+        return proc
+
+    def start_dhcpd(self, role="server", second_pool=False):
+        """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, or
+        "direct" on the relay namespace's client link (no relay in between)."""
+        pools = dict(POOLS[role])
+        if not second_pool:
+            pools.pop(SECONDARY_NET, None)
+        if role == "direct":
+            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools)
+        else:
+            dev = SERVER_BRIDGE if role == "server" else SERVER2_DEV
+            d = Dhcpd(self, role, self.ns[role], dev, pools)
+        self.servers[role] = d
+        return d
+
+    def dhclient(self, timeout=10):
+        """Runs dhclient once in the client namespace; returns the Lease it bound, or
+        None if none was bound within `timeout` seconds. The client keeps the
+        address on its interface; call again for another DORA."""
+        n = len(self.procs)
+        result = self.dir / f"dhclient-{n}.result"
+        conf = self.dir / f"dhclient-{n}.conf"
+        # dhclient gives up after `timeout`; retry 1 keeps the DISCOVERs coming.
+        conf.write_text(f"timeout {max(1, int(timeout))};\nretry 1;\ninitial-interval 1;\n"
+                        "request subnet-mask, routers, domain-name-servers;\n")
+        if not os.access(CLIENT_SCRIPT, os.X_OK):
+            raise RuntimeError(f"{CLIENT_SCRIPT} is not executable")
+        proc = self.spawn("client", [
+            self.binary("/usr/sbin/dhclient"), "-4", "-1", "-d", "-v", "-cf", conf,
+            "-lf", self.dir / f"dhclient-{n}.leases", "-pf", self.dir / f"dhclient-{n}.pid",
+            "-sf", CLIENT_SCRIPT, "-e", f"LAB_RESULT={result}", CLIENT_DEV],
+            self.dir / f"dhclient-{n}.log")
+
+        def done():
+            if "reason=BOUND" in (result.read_text() if result.exists() else ""):
+                return "bound"
+            return "exited" if proc.poll() is not None else None
+        try:
+            wait_for(done, timeout + 5, "dhclient")
+        except TimeoutError:
+            pass
+        finally:
+            self._stop(proc)
+        for record in reversed(self.client_reports(result)):
+            if record.get("reason") == "BOUND":
+                return Lease(ip=record["new_ip_address"],
+                             server=record.get("new_dhcp_server_identifier"),
+                             mask=record.get("new_subnet_mask"),
+                             routers=record.get("new_routers"), vars=record)
+        return None
+
+    @staticmethod
+    def client_reports(result):
+        """Every call of dhclient-script, as a dict of what it was told."""
+        if not result.exists():
+            return []
+        records = []
+        for block in result.read_text().split("\n\n"):
+            rec = dict(line.split("=", 1) for line in block.splitlines() if "=" in line)
+            if rec:
+                records.append(rec)
+        return records
+
+    def scapy(self, role, code, timeout=20):
+        """Runs a scapy snippet inside `role`'s namespace (`from scapy.all import *`
+        done); returns its stdout."""
+        prog = "from scapy.all import *\nconf.verb = 0\n" + textwrap.dedent(code)
+        res = run("ip", "netns", "exec", self.ns[role], PYTHON, "-c", prog, check=False,
+                  timeout=timeout)
+        if res.returncode != 0:
+            raise RuntimeError(f"scapy in {role} failed:\n{res.stderr}")
+        return res.stdout
+
+    def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, options=()):
+        """A broadcast DHCPDISCOVER from the client namespace; `options` are extra
+        scapy DHCP options, e.g. [("relay_agent_information", b"...")]."""
+        opts = [("message-type", "discover"), *options, "end"]
+        self.scapy("client", f"""
+            p = (Ether(src={mac!r}, dst="ff:ff:ff:ff:ff:ff") /
+                 IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
+                 BOOTP(chaddr=mac2str({mac!r}), xid={xid}, flags=0x8000) / DHCP(options={opts!r}))
+            sendp(p, iface={CLIENT_DEV!r})
+            """)
+
+    def capture(self, role, dev, bpf="udp port 67 or udp port 68", promisc=False):
+        """Starts capturing what `dev` receives and sends;
+        `with lab.capture(...) as cap: ...; pkts = cap.stop()` (or cap.wait(...))."""
+        return Capture(self, self.ns[role], dev, bpf, promisc)
+
+    def _stop(self, proc):
+        if proc.poll() is None:
+            proc.terminate()
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
+
+    def close(self):
+        """Stops what the lab started, then anything else still in its namespaces
+        (a daemon that forked), then deletes the namespaces."""
+        for proc in self.procs:
+            self._stop(proc)
+        for name in self.ns.values():
+            def left():
+                return run("ip", "netns", "pids", name, check=False).stdout.split()
+            for pid in left():
+                try:
+                    os.kill(int(pid), signal.SIGKILL)
+                except (ProcessLookupError, ValueError):
+                    pass
+            # SIGKILL lands asynchronously; deleting the name first would leave the
+            # namespace alive, unnamed, until the last process in it is gone.
+            try:
+                wait_for(lambda: not left(), 5, f"processes in {name} to end")
+            except TimeoutError:
+                pass
+            run("ip", "netns", "del", name, check=False)
+
+
+_lab_numbers = itertools.count()
+
+try:
+    import pytest
+except ImportError:  # the shell entry point needs no pytest
+    pytest = None
+
+if pytest:
+    @pytest.fixture
+    def lab(netns, tmp_path):
+        """A built lab (import it into a test module: `from lab import lab`); its
+        namespaces carry conftest's run prefix and go, with every process in them,
+        when the test ends however it ends."""
+        # pytest runs finalizers on Ctrl-C but dies on SIGTERM (a CI timeout) with
+        # daemons and namespaces left behind; make SIGTERM an interrupt too.
+        if signal.getsignal(signal.SIGTERM) is signal.SIG_DFL:
+            signal.signal(signal.SIGTERM, signal.default_int_handler)
+        n = next(_lab_numbers)
+        built = Lab(tmp_path / f"lab{n}", make_ns=lambda role: netns(f"l{n}-{role}"))
+        yield built
+        built.close()
+
+
+def _yaml(value):
+    if isinstance(value, bool):
+        return "true" if value else "false"
+    if isinstance(value, (list, tuple)):
+        return "[" + ", ".join(_yaml(v) for v in value) + "]"
+    if isinstance(value, dict):
+        return "{" + ", ".join(f"{k}: {_yaml(v)}" for k, v in value.items()) + "}"
+    if isinstance(value, str):
+        return '"' + value.replace("\\", "\\\\").replace('"', '\\"') + '"'
+    return str(value)
+
+
+def main(argv):
+    p = argparse.ArgumentParser(description="one step of a namespace DHCP lab")
+    p.add_argument("--prefix", required=True)
+    p.add_argument("--dir", required=True)
+    sub = p.add_subparsers(dest="step", required=True)
+    sub.add_parser("up")
+    d = sub.add_parser("dhcpd")
+    d.add_argument("role", choices=sorted(POOLS))
+    d.add_argument("--second-pool", action="store_true")
+    c = sub.add_parser("client")
+    c.add_argument("--timeout", type=int, default=10)
+    sub.add_parser("agent-config")
+    sub.add_parser("names")
+    sub.add_parser("down")
+    args = p.parse_args(argv)
+
+    lab = Lab(args.dir, prefix=args.prefix, build=args.step == "up")
+    if args.step == "dhcpd":
+        # Outlives this process; `down` stops it with everything else in the lab.
+        d = lab.start_dhcpd(args.role, second_pool=args.second_pool)
+        print(f"dhcpd ({args.role}) serving in {d.ns}; log {d.log}")
+    elif args.step == "client":
+        lease = lab.dhclient(args.timeout)
+        if lease is None:
+            print("no lease", file=sys.stderr)
+            return 1
+        print(f"lease {lease.ip}/{lease.mask} from {lease.server} router {lease.routers}")
+        for d in sorted(lab.dir.glob("dhcpd-*.log")):
+            for line in d.read_text(errors="replace").splitlines():
+                if "lab:" in line or "DHCPACK" in line:
+                    print(f"  {d.stem}: {line}")
+    elif args.step == "agent-config":
+        print(lab.agent_config())
+    elif args.step == "names":
+        for role, name in lab.ns.items():
+            print(f"{role}={name}")
+    elif args.step == "down":
+        lab.close()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
