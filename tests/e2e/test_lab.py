@@ -3,6 +3,7 @@ other, crafted packets go where the relay tests will need them, dhcpd reports th
 relay agent information it saw, and nothing outlives the lab."""
 
 import os
+import re
 import subprocess
 import time
 from pathlib import Path
@@ -140,10 +141,15 @@ def test_agent_accepts_the_lab_configuration(lab):
     assert (res.returncode, res.stdout.strip()) == (0, "ok"), res.stderr + cfg.read_text()
 
 
-def test_shell_entry_point_runs_a_client_and_cleans_up():
+@pytest.mark.skipif(not AGENT.exists(), reason="dhcp-relay-agent not built")
+def test_shell_entry_point_relays_a_client_and_cleans_up():
     prefix = f"{RUN_PREFIX}-sh"
     res = subprocess.run([str(TOP / "scripts" / "lab.sh")], capture_output=True, text=True,
-                         timeout=120, env=dict(os.environ, LAB_PREFIX=prefix))
+                         timeout=120,
+                         env=dict(os.environ, LAB_PREFIX=prefix, LAB_BUILD=str(AGENT.parent)))
     assert res.returncode == 0, res.stdout + res.stderr
-    assert "lease 192.0.2.2" in res.stdout
+    # A lease from the server's pool, through the agent, which then stops cleanly.
+    assert re.search(r"^lease 192\.0\.2\.1\d\d/.* router 192\.0\.2\.1$", res.stdout, re.M), res.stdout
+    assert "DHCPACK on 192.0.2.1" in res.stdout and "via 192.0.2.1" in res.stdout
+    assert "agent stopped cleanly" in res.stdout
     assert lab_namespaces(prefix) == []
