@@ -72,6 +72,8 @@ POOLS = {
                 SECONDARY_NET: ("198.18.0.150", "198.18.0.199")},
     # dhcpd on the client link itself (no relay): the lab's self-check.
     "direct": {CLIENT_NET: ("192.0.2.200", "192.0.2.249")},
+    # dhcpd in red, reached across VRFs (see Lab.split_red_vrf).
+    "red": {CLIENT_NET: ("192.0.2.50", "192.0.2.99")},
 }
 
 ROLES = ("client", "relay", "server", "server2", "red")
@@ -116,10 +118,13 @@ def _hex_bytes(text):
 # Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the
 # log shows what the server got from the relay: giaddr and the option 82
 # sub-options it knows (agent.circuit-id is 1, agent.remote-id 2,
-# agent.link-selection 5). Values are hex so any byte survives syslog text. dhcpd
-# also evaluates them once at start-up, with no packet: the outer `if` keeps that
-# quiet.
+# agent.link-selection 5; dhcpd has no names for 11, server identifier override
+# (RFC 5107), and 151, virtual subnet selection (RFC 6607), so they get some here).
+# Values are hex so any byte survives syslog text. dhcpd also evaluates them once at
+# start-up, with no packet: the outer `if` keeps that quiet.
 DHCPD_LOG = textwrap.dedent("""\
+    option agent.lab-server-id-override code 11 = ip-address;
+    option agent.lab-vss code 151 = string;
     if exists dhcp-message-type {
        log(info, concat("lab: seen giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),
                         " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),
@@ -135,6 +140,13 @@ DHCPD_LOG = textwrap.dedent("""\
           log(info, concat("lab: link-selection=",
                            binary-to-ascii(10, 8, ".", option agent.link-selection)));
        }
+       if exists agent.lab-server-id-override {
+          log(info, concat("lab: server-id-override=",
+                           binary-to-ascii(10, 8, ".", option agent.lab-server-id-override)));
+       }
+       if exists agent.lab-vss {
+          log(info, concat("lab: vss=", binary-to-ascii(16, 8, ":", option agent.lab-vss)));
+       }
     }
     """)
 
@@ -148,10 +160,12 @@ class Seen:
     circuit_id: bytes = None
     remote_id: bytes = None
     link_selection: str = None
+    server_id_override: str = None
+    vss: bytes = None  # type byte, then the VPN identifier
 
 
 class Dhcpd:
-    def __init__(self, lab, role, ns, dev, pools):
+    def __init__(self, lab, role, ns, dev, pools, extra=""):
         self.role = role
         self.ns = ns
         base = lab.dir / f"dhcpd-{role}"
@@ -160,8 +174,8 @@ class Dhcpd:
         self.pidfile = base.with_suffix(".pid")
         self.log = base.with_suffix(".log")
         text = ("authoritative;\nddns-update-style none;\n"
-                "default-lease-time 600;\nmax-lease-time 600;\n" + DHCPD_LOG)
-        for cidr in (SERVER_NET, CLIENT_NET, SECONDARY_NET):
+                "default-lease-time 600;\nmax-lease-time 600;\n" + extra + DHCPD_LOG)
+        for cidr in (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET):
             body = ""
             if cidr in pools:
                 lo, hi = pools[cidr]
@@ -187,7 +201,8 @@ class Dhcpd:
         """What dhcpd logged per packet, in order."""
         out = []
         for line in self.log_text().splitlines():
-            m = re.search(r"lab: (seen giaddr|circuit-id|remote-id|link-selection)=(\S*)"
+            m = re.search(r"lab: (seen giaddr|circuit-id|remote-id|link-selection|"
+                          r"server-id-override|vss)=(\S*)"
                           r"(?: chaddr=(\S*) type=(\d*))?", line)
             if not m:
                 continue
@@ -200,6 +215,10 @@ class Dhcpd:
                     out[-1].circuit_id = _hex_bytes(value)
                 elif key == "remote-id":
                     out[-1].remote_id = _hex_bytes(value)
+                elif key == "vss":
+                    out[-1].vss = _hex_bytes(value)
+                elif key == "server-id-override":
+                    out[-1].server_id_override = value
                 else:
                     out[-1].link_selection = value
         return out
@@ -300,6 +319,7 @@ class Lab:
                 run("ip", "netns", "add", name)
                 run("ip", "-n", name, "link", "set", "lo", "up")
                 return name
+        self._make_ns = make_ns
         if not build:
             self.ns = {r: f"{prefix}-{r}" for r in ROLES}
             return
@@ -361,14 +381,26 @@ class Lab:
         rotation)."""
         self.ip("relay", "addr", "add", f"{RELAY_SECONDARY_IP}/24", "dev", RELAY_CLIENT_DEV)
 
+    def split_red_vrf(self):
+        """Moves the relay's red-side device (Ethernet3) into a namespace of its own,
+        "redvrf", which agent_config() then names as the agent's VRF red: a server in
+        red is then reachable from the client's VRF only across VRFs, as on a router
+        whose VRF red holds Ethernet3."""
+        self.ns["redvrf"] = self._make_ns("redvrf")
+        # A device moved to another namespace loses its addresses and goes down.
+        self.ip("relay", "link", "set", RELAY_RED_DEV, "netns", self.ns["redvrf"])
+        self.ip("redvrf", "addr", "add", f"{RELAY_RED_IP}/24", "dev", RELAY_RED_DEV)
+        self.ip("redvrf", "link", "set", RELAY_RED_DEV, "up")
+
     def agent_config(self, path=None, **relay_settings):
         """Writes the agent's YAML for this lab: Ethernet1 faces the client with
         `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-"; by
-        default the server is `server`), Ethernet2 the servers, Ethernet3 red."""
+        default the server is `server`), Ethernet2 the servers, Ethernet3 red. VRF
+        red is the red namespace, or "redvrf" after split_red_vrf()."""
         settings = {"servers": [{"address": SERVER_IP}]}
         settings.update({k.replace("_", "-"): v for k, v in relay_settings.items()})
         path = Path(path or self.dir / "relay.yaml")
-        lines = [f"vrfs:\n  red: {self.ns['red']}\n",
+        lines = [f"vrfs:\n  red: {self.ns.get('redvrf', self.ns['red'])}\n",
                  "system:\n  hostname: lab-relay\n  bridge-mac: 02:00:00:00:01:00\n",
                  f"devices:\n  Ethernet1: {RELAY_CLIENT_DEV}\n  Ethernet2: {RELAY_SERVER_DEV}\n"
                  f"  Ethernet3: {RELAY_RED_DEV}\n",
@@ -410,24 +442,27 @@ class Lab:
         self.procs.append(proc)
         return proc
 
-    def start_dhcpd(self, role="server", second_pool=False):
-        """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, or
-        "direct" on the relay namespace's client link (no relay in between)."""
+    def start_dhcpd(self, role="server", second_pool=False, extra=""):
+        """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, "red"
+        behind the relay's Ethernet3, or "direct" on the relay namespace's client link
+        (no relay in between). `extra` goes into dhcpd.conf as it is."""
         pools = dict(POOLS[role])
         if not second_pool:
             pools.pop(SECONDARY_NET, None)
         if role == "direct":
-            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools)
+            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools, extra)
         else:
-            dev = SERVER_BRIDGE if role == "server" else SERVER2_DEV
-            d = Dhcpd(self, role, self.ns[role], dev, pools)
+            dev = {"server": SERVER_BRIDGE, "server2": SERVER2_DEV, "red": RED_DEV}[role]
+            d = Dhcpd(self, role, self.ns[role], dev, pools, extra)
         self.servers[role] = d
         return d
 
-    def dhclient(self, timeout=10):
+    def dhclient(self, timeout=10, until="BOUND"):
         """Runs dhclient once in the client namespace; returns the Lease it bound, or
         None if none was bound within `timeout` seconds. The client keeps the
-        address on its interface; call again for another DORA."""
+        address on its interface; call again for another DORA. With until="RENEW"
+        dhclient runs on past BOUND until its first renewal (at the T1 the server
+        gave) and the Lease is the renewed one."""
         n = len(self.procs)
         result = self.dir / f"dhclient-{n}.result"
         conf = self.dir / f"dhclient-{n}.conf"
@@ -443,8 +478,8 @@ class Lab:
             self.dir / f"dhclient-{n}.log")
 
         def done():
-            if "reason=BOUND" in (result.read_text() if result.exists() else ""):
-                return "bound"
+            if f"reason={until}" in (result.read_text() if result.exists() else ""):
+                return "done"
             return "exited" if proc.poll() is not None else None
         try:
             wait_for(done, timeout + 5, "dhclient")
@@ -453,7 +488,7 @@ class Lab:
         finally:
             self._stop(proc)
         for record in reversed(self.client_reports(result)):
-            if record.get("reason") == "BOUND":
+            if record.get("reason") == until:
                 return Lease(ip=record["new_ip_address"],
                              server=record.get("new_dhcp_server_identifier"),
                              mask=record.get("new_subnet_mask"),
