@@ -25,6 +25,13 @@ done
 if [ "${#missing[@]}" -gt 0 ]; then
    echo "installing: ${missing[*]}"
    export DEBIAN_FRONTEND=noninteractive
+   # The DHCP server package would start its service on the host; the tests run their
+   # own servers inside network namespaces, so no service starts during the install.
+   if [ ! -e /usr/sbin/policy-rc.d ]; then
+      printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
+      chmod +x /usr/sbin/policy-rc.d
+      trap 'rm -f /usr/sbin/policy-rc.d' EXIT
+   fi
    apt-get update -qq
    apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
