@@ -29,6 +29,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/InetHeaders.h"
+
 namespace {
 
 constexpr size_t kEth = 14, kIp = 20, kUdp = 8;
@@ -58,15 +60,6 @@ uint64_t nowNs() {
    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
 }
 
-uint16_t ipChecksum(const uint8_t* p, size_t len) {
-   uint32_t sum = 0;
-   for (size_t i = 0; i + 1 < len; i += 2)
-      sum += (p[i] << 8) | p[i + 1];
-   while (sum >> 16)
-      sum = (sum & 0xffff) + (sum >> 16);
-   return static_cast<uint16_t>(~sum);
-}
-
 // The DISCOVER every client sends; only the MACs and the xid change per send. The
 // UDP checksum stays 0 ("no checksum", RFC 768), so the IP header never changes.
 void buildTemplate(uint8_t* f) {
@@ -80,7 +73,7 @@ void buildTemplate(uint8_t* f) {
    ip[8] = 64;  // TTL
    ip[9] = IPPROTO_UDP;
    std::memset(&ip[16], 0xff, 4);  // 255.255.255.255, from 0.0.0.0
-   uint16_t sum = htons(ipChecksum(ip, kIp));
+   uint16_t sum = htons(Platform::inetChecksum(Platform::inetSum({ip, kIp})));
    std::memcpy(&ip[10], &sum, 2);
    uint8_t* udp = ip + kIp;
    udp[1] = 68;

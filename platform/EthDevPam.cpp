@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/InetHeaders.h"
 #include "platform/Trace.h"
 
 namespace Platform {
@@ -9,7 +10,6 @@ namespace Platform {
 namespace {
 
 // The shortest frame a device takes: both MAC addresses and the ethertype.
-constexpr size_t kEthHeaderBytes = 14;
 
 }  // namespace
 

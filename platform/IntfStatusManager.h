@@ -55,6 +55,9 @@ class IntfStatusManagerRoot {
    IntfStatusManagerRoot(const IntfStatusManagerRoot&) = delete;
    IntfStatusManagerRoot& operator=(const IntfStatusManagerRoot&) = delete;
 
+   // Each interface's VRF and kernel ifindex, as the managers keep them.
+   const Ptr<Interface::AllIntfStatusLocalDir>& intfStatusLocal() const { return intfStatusLocal_; }
+
    // Creates the manager of a namespace ("" and "default": the agent's own), or returns it.
    IntfStatusManager* intfStatusManager(const std::string& nsName);
    // Deletes the manager and the entries it wrote.

@@ -17,6 +17,7 @@
 #include "platform/Assert.h"
 #include "platform/ByteCursor.h"
 #include "platform/EventLoop.h"
+#include "platform/InetHeaders.h"
 #include "platform/NetNs.h"
 #include "platform/Trace.h"
 
@@ -29,7 +30,7 @@ constexpr uint16_t kEthTypeIpv6 = 0x86dd;
 constexpr uint16_t kEthTypeVlan = 0x8100;
 constexpr uint16_t kVlanIdMask = 0x0fff;
 constexpr uint32_t kEthTypeOffset = 12;
-constexpr uint32_t kUntaggedL3 = 14;
+constexpr uint32_t kUntaggedL3 = kEthHeaderBytes;
 constexpr uint32_t kTaggedL3 = 18;
 constexpr uint8_t kIpProtoUdp = 17;
 

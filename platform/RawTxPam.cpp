@@ -1,5 +1,6 @@
 #include "platform/RawTxPam.h"
 
+#include "platform/InetHeaders.h"
 #include "platform/NetNs.h"
 #include "platform/Trace.h"
 
@@ -8,7 +9,6 @@ namespace Platform {
 namespace {
 
 // The shortest frame a device takes: both MAC addresses and the ethertype.
-constexpr size_t kEthHeaderBytes = 14;
 
 }  // namespace
 

@@ -5,6 +5,7 @@
 #include "counters/DhcpRelayCounters.h"
 #include "platform/Assert.h"
 #include "platform/ByteCursor.h"
+#include "platform/InetHeaders.h"
 #include "platform/Trace.h"
 #include "relay4/DhcpRelaySm.h"
 
@@ -17,25 +18,13 @@ using Platform::VrfName;
 
 namespace {
 
-constexpr size_t kEthHeader = 14;
-constexpr size_t kIpHeader = 20;
-constexpr size_t kUdpHeader = 8;
+using Platform::inetChecksum;
+using Platform::inetSum;
+constexpr size_t kEthHeader = Platform::kEthHeaderBytes;
+constexpr size_t kIpHeader = Platform::kIpv4HeaderBytes;
+constexpr size_t kUdpHeader = Platform::kUdpHeaderBytes;
 constexpr size_t kFrameHeaders = kEthHeader + kIpHeader + kUdpHeader;
 constexpr uint16_t kClientPort = 68;
-
-uint32_t sum16(std::span<const uint8_t> bytes, uint32_t sum = 0) {
-   for (size_t i = 0; i + 1 < bytes.size(); i += 2)
-      sum += static_cast<uint32_t>(bytes[i] << 8 | bytes[i + 1]);
-   if (bytes.size() % 2)
-      sum += static_cast<uint32_t>(bytes.back() << 8);
-   return sum;
-}
-
-uint16_t fold(uint32_t sum) {
-   while (sum >> 16)
-      sum = (sum & 0xffff) + (sum >> 16);
-   return static_cast<uint16_t>(~sum);
-}
 
 }  // namespace
 
@@ -80,13 +69,14 @@ bool DhcpRelaySm::buildReplyPkt(Pkt& pkt, const Platform::EthAddr& srcMac, IpAdd
    out.write16(0);  // UDP checksum, below
 
    uint8_t* frame = pkt.data();
-   const uint16_t ipSum = fold(sum16(pkt.sub(kEthHeader, kIpHeader)));
+   const uint16_t ipSum = inetChecksum(inetSum(pkt.sub(kEthHeader, kIpHeader)));
    frame[kEthHeader + 10] = static_cast<uint8_t>(ipSum >> 8);
    frame[kEthHeader + 11] = static_cast<uint8_t>(ipSum);
    // RFC 768: the pseudo-header is source, destination, zero, protocol and UDP length.
-   uint32_t pseudo = sum16(pkt.sub(kEthHeader + 12, 8));
+   uint32_t pseudo = inetSum(pkt.sub(kEthHeader + 12, 8));
    pseudo += 17 + static_cast<uint32_t>(kUdpHeader + dhcpBytes);
-   uint16_t udpSum = fold(sum16(pkt.sub(kEthHeader + kIpHeader, kUdpHeader + dhcpBytes), pseudo));
+   uint16_t udpSum =
+       inetChecksum(inetSum(pkt.sub(kEthHeader + kIpHeader, kUdpHeader + dhcpBytes), pseudo));
    if (udpSum == 0)
       udpSum = 0xffff;  // 0 means "no checksum" (RFC 768)
    frame[kEthHeader + kIpHeader + 6] = static_cast<uint8_t>(udpSum >> 8);

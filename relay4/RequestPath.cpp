@@ -355,14 +355,13 @@ bool DhcpRelaySm::sourceIntfActive(const IntfId& srcIntf, const Ip::Status& ipSt
 
 Ptr<const KernelNetInfo::KernelIntf> DhcpRelaySm::kernelIntfOf(const DhcpVrfSm& sm,
                                                                const IntfId& intf) const {
-   if (!sm.kernelTable())
+   // The namespace's interface status manager keeps each interface's ifindex, so a
+   // packet needs two map lookups, not a walk over the namespace's devices.
+   Ptr<Interface::IntfStatusLocal> local =
+       in_.intfStatusManagerRoot->intfStatusLocal()->intfStatusLocal(intf);
+   if (!sm.kernelTable() || !local || local->vrf() != sm.vrfName())
       return nullptr;
-   const std::string device = in_.deviceIntfStatusDir->deviceOf(intf);
-   for (const auto& [ifindex, kernelIntf] : sm.kernelTable()->interfaceByIndex()) {
-      if (kernelIntf->deviceName() == device)
-         return kernelIntf;
-   }
-   return nullptr;
+   return sm.kernelTable()->interfaceByIndex(local->ifindex());
 }
 
 }  // namespace Ip::Helper::DhcpRelay
