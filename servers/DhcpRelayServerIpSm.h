@@ -6,8 +6,8 @@
 #include "model/Config.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "model/Namelook.h"
 #include "platform/IntfId.h"
+#include "platform/Namelook.h"
 #include "servers/IntfConfigServerIpSm.h"
 
 namespace Ip::Helper::DhcpRelay {

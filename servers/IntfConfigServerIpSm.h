@@ -5,9 +5,13 @@
 #include "model/Config.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "model/Namelook.h"
+#include "platform/Namelook.h"
 
 namespace Ip::Helper::DhcpRelay {
+
+using Platform::ResolutionRecord;
+using Platform::ResolutionRecordDir;
+using Platform::ResolutionRequestDir;
 
 // Holds one reference in the interface's IntfServerIp for each server address configured on
 // the interface. Lives exactly as long as the interface's IntfConfig. Servers configured by

@@ -13,7 +13,6 @@
 #include "model/DhcpPacketQueues.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "model/Namelook.h"
 #include "model/Status.h"
 #include "model/VrfIpPair.h"
 #include "model/VrfIpSrcIntfSrcIp.h"
@@ -28,6 +27,7 @@
 #include "model/switch/MlagStatus.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
+#include "platform/Namelook.h"
 #include "platform/StateStore.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -38,6 +38,9 @@ using Platform::IntfId;
 using Platform::IpAddr;
 using Platform::IpGenAddr;
 using Platform::Ptr;
+using Platform::ResolutionRecord;
+using Platform::ResolutionRecordDir;
+using Platform::ResolutionRequestDir;
 using Platform::VrfName;
 
 IpGenAddr ip(const char* text) {

@@ -8,18 +8,16 @@
 #include "platform/Entity.h"
 #include "platform/IpAddr.h"
 
-namespace Ip::Helper::DhcpRelay {
+namespace Platform {
 
-using Platform::Ptr;
-
-// Hostnames the relay wants resolved, each with the number of users asking: the
+// Host names the agent wants resolved, each with the number of users asking: the
 // resolver keeps resolving a name until its last user is gone.
-class ResolutionRequestDir : public Platform::Entity {
+class ResolutionRequestDir : public Entity {
  public:
-   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRequestDir")
+   PLATFORM_ENTITY_TYPE("Platform::ResolutionRequestDir")
    using Entity::Entity;
 
-   class Reactor : public Platform::ReactorOf<const ResolutionRequestDir> {
+   class Reactor : public ReactorOf<const ResolutionRequestDir> {
     public:
       virtual void handleRequest(const std::string& /*hostname*/) {}
    };
@@ -40,31 +38,31 @@ class ResolutionRequestDir : public Platform::Entity {
 };
 
 // The IPv4 addresses one hostname currently resolves to.
-class ResolutionRecord : public Platform::Entity {
+class ResolutionRecord : public Entity {
  public:
-   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRecord")
+   PLATFORM_ENTITY_TYPE("Platform::ResolutionRecord")
    using Entity::Entity;
 
-   class Reactor : public Platform::ReactorOf<const ResolutionRecord> {
+   class Reactor : public ReactorOf<const ResolutionRecord> {
     public:
-      virtual void handleIpAddress(Platform::IpAddr /*addr*/) {}
+      virtual void handleIpAddress(IpAddr /*addr*/) {}
    };
 
    const std::string& hostname() const { return name(); }
-   const std::set<Platform::IpAddr>& ipAddress() const { return ipAddress_; }
-   void ipAddressIs(Platform::IpAddr a) { setEntryIs(ipAddress_, a, &Reactor::handleIpAddress); }
-   void ipAddressDel(Platform::IpAddr a) { setEntryDel(ipAddress_, a, &Reactor::handleIpAddress); }
+   const std::set<IpAddr>& ipAddress() const { return ipAddress_; }
+   void ipAddressIs(IpAddr a) { setEntryIs(ipAddress_, a, &Reactor::handleIpAddress); }
+   void ipAddressDel(IpAddr a) { setEntryDel(ipAddress_, a, &Reactor::handleIpAddress); }
 
  private:
-   std::set<Platform::IpAddr> ipAddress_;
+   std::set<IpAddr> ipAddress_;
 };
 
-class ResolutionRecordDir : public Platform::Entity {
+class ResolutionRecordDir : public Entity {
  public:
-   PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::ResolutionRecordDir")
+   PLATFORM_ENTITY_TYPE("Platform::ResolutionRecordDir")
    using Entity::Entity;
 
-   class Reactor : public Platform::ReactorOf<const ResolutionRecordDir> {
+   class Reactor : public ReactorOf<const ResolutionRecordDir> {
     public:
       virtual void handleRecord(const std::string& /*hostname*/) {}
    };
@@ -85,4 +83,4 @@ class ResolutionRecordDir : public Platform::Entity {
    std::map<std::string, Ptr<ResolutionRecord>> record_;
 };
 
-}  // namespace Ip::Helper::DhcpRelay
+}  // namespace Platform
