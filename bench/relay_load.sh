@@ -16,6 +16,8 @@
 #   LOAD_CLIENTS    simulated clients, one MAC each (default: 65536)
 #   AGENT_CPU       core the agent is pinned to (default: 0)
 #   LOAD_CPU        core of the load tool and the reflector (default: 1)
+#   LOAD_PERF       file: record a call-graph profile of the agent during the load with
+#                   `perf record` (Debian linux-perf); read it with `perf report -i FILE`
 set -euo pipefail
 
 top="$(cd "$(dirname "$0")/.." && pwd)"
@@ -26,6 +28,7 @@ window="${LOAD_WINDOW:-64}"
 clients="${LOAD_CLIENTS:-65536}"
 agent_cpu="${AGENT_CPU:-0}"
 load_cpu="${LOAD_CPU:-1}"
+perf_file="${LOAD_PERF:-}"
 
 for b in dhcp-relay-agent tools/dhcp-relay-ctl bench/dhcp-loadgen bench/dhcp-reflector; do
    [ -x "$build/$b" ] || { echo "missing $build/$b: build it first" >&2; exit 1; }
@@ -90,10 +93,16 @@ ip netns exec "$ns_client" "$build/bench/dhcp-loadgen" --dev c0 --duration 0.5 -
    --clients 1024 --drain-ms 500 >/dev/null
 
 echo "== load: $duration s, window $window, $clients clients"
+perf_pid=
+if [ -n "$perf_file" ]; then
+   perf record -q -g -F 2999 -p "$agent_pid" -o "$perf_file" -- sleep "$duration" &
+   perf_pid=$!
+fi
 before="$(cpu_ticks "$agent_pid")"
 result="$(ip netns exec "$ns_client" taskset -c "$load_cpu" "$build/bench/dhcp-loadgen" --dev c0 \
    --duration "$duration" --window "$window" --clients "$clients")"
 after="$(cpu_ticks "$agent_pid")"
+[ -z "$perf_pid" ] || wait "$perf_pid"
 echo "$result" | tr ' ' '\n' | sed 's/^/   /'
 
 answered="$(echo "$result" | sed -n 's/.*answered=\([0-9]*\).*/\1/p')"

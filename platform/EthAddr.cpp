@@ -1,7 +1,5 @@
 #include "platform/EthAddr.h"
 
-#include <cstdio>
-
 namespace Platform {
 
 namespace {
@@ -47,11 +45,17 @@ std::optional<EthAddr> EthAddr::parse(std::string_view text) {
    return parseGrouped(text, 4, '.');
 }
 
+uint64_t EthAddr::bits48() const {
+   uint64_t bits = 0;
+   for (const uint8_t b : bytes_)
+      bits = bits << 8 | b;
+   return bits;
+}
+
 std::string EthAddr::toString() const {
-   char buf[18];
-   std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", bytes_[0], bytes_[1], bytes_[2],
-                 bytes_[3], bytes_[4], bytes_[5]);
-   return buf;
+   std::string text;
+   appendMacText(text, bits48());
+   return text;
 }
 
 }  // namespace Platform

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/TraceArg.h"
+
 namespace Platform {
 
 // Ethernet address as its 6 wire bytes.
@@ -26,6 +28,9 @@ class EthAddr {
    bool isZero() const { return *this == EthAddr(); }
    bool isBroadcast() const { return *this == EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}); }
    std::string toString() const;
+   TraceArg traceArg() const { return TraceArg::ofMac(bits48()); }
+   // The address as a number, the first byte most significant.
+   uint64_t bits48() const;
 
    constexpr auto operator<=>(const EthAddr&) const = default;
 

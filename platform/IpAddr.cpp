@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <charconv>
-#include <cstdio>
 
 #include "platform/Assert.h"
 
@@ -31,10 +30,9 @@ std::optional<IpAddr> IpAddr::parse(std::string_view text) {
 }
 
 std::string IpAddr::toString() const {
-   char buf[INET_ADDRSTRLEN];
-   std::snprintf(buf, sizeof(buf), "%u.%u.%u.%u", value_ >> 24, (value_ >> 16) & 0xff,
-                 (value_ >> 8) & 0xff, value_ & 0xff);
-   return buf;
+   std::string text;
+   appendIp4Text(text, value_);
+   return text;
 }
 
 IpAddrWithMask::IpAddrWithMask(IpAddr address, uint8_t maskLen)

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/TraceArg.h"
+
 namespace Platform {
 
 // IPv4 address, kept in host order so masks and comparisons are plain integer
@@ -27,6 +29,7 @@ class IpAddr {
    uint32_t toNetwork() const;
    constexpr bool isZero() const { return value_ == 0; }
    std::string toString() const;
+   TraceArg traceArg() const { return TraceArg::ofIp4(value_); }
 
    constexpr auto operator<=>(const IpAddr&) const = default;
 
@@ -50,7 +53,10 @@ class IpAddrWithMask {
    IpAddr mask() const;
    IpAddr subnet() const { return IpAddr(address_.value() & mask().value()); }
    bool contains(IpAddr a) const { return (a.value() & mask().value()) == subnet().value(); }
+   // The subnet with its length and no host bits ("10.1.2.0/24" for "10.1.2.3/24").
+   IpAddrWithMask prefix() const { return IpAddrWithMask(subnet(), maskLen_); }
    std::string toString() const;
+   TraceArg traceArg() const { return TraceArg::ofIp4WithMask(address_.value(), maskLen_); }
 
    constexpr auto operator<=>(const IpAddrWithMask&) const = default;
 

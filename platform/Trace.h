@@ -40,51 +40,11 @@
 #include <type_traits>
 #include <vector>
 
+#include "platform/TraceArg.h"
+
 namespace Platform {
 
 constexpr int kTraceLevelMax = 9;
-
-// One piece of a line before any formatting: what the ring stores and the text sink formats.
-struct TraceArg {
-   enum class Kind : uint8_t { Signed, Unsigned, Real, Bool, Text };
-
-   Kind kind;
-   union {
-      int64_t signedValue;
-      uint64_t unsignedValue;
-      double realValue;
-      bool boolValue;
-      const char* text;
-   };
-   size_t textSize;
-
-   static TraceArg ofSigned(int64_t v) {
-      TraceArg a{Kind::Signed, {}, 0};
-      a.signedValue = v;
-      return a;
-   }
-   static TraceArg ofUnsigned(uint64_t v) {
-      TraceArg a{Kind::Unsigned, {}, 0};
-      a.unsignedValue = v;
-      return a;
-   }
-   static TraceArg ofReal(double v) {
-      TraceArg a{Kind::Real, {}, 0};
-      a.realValue = v;
-      return a;
-   }
-   static TraceArg ofBool(bool v) {
-      TraceArg a{Kind::Bool, {}, 0};
-      a.boolValue = v;
-      return a;
-   }
-   static TraceArg ofText(std::string_view v) {
-      TraceArg a{Kind::Text, {}, v.size()};
-      a.text = v.data();
-      return a;
-   }
-   std::string_view textView() const { return {text, textSize}; }
-};
 
 // A TRACE call site, one function-local static each, constant-initialised so that reaching it
 // costs no guard. The ring registers it in its file once, so records carry only the id; the
@@ -124,6 +84,16 @@ void emit(TraceSite& site, int level, std::initializer_list<TraceArg> pieces);
 
 namespace Detail {
 
+// Types that know their trace piece (addresses) or hold their text (names) are passed
+// without building a string.
+template <class T>
+concept HasTraceArg = requires(const T& v) {
+   { v.traceArg() } -> std::same_as<TraceArg>;
+};
+template <class T>
+concept HasStrView = requires(const T& v) {
+   { v.str() } -> std::convertible_to<std::string_view>;
+};
 template <class T>
 concept HasMemberToString = requires(const T& v) {
    { v.toString() } -> std::convertible_to<std::string>;
@@ -137,7 +107,11 @@ concept HasFreeToString = requires(const T& v) {
 // returns because both calls are in the same full expression.
 template <class T>
 decltype(auto) piece(const T& v) {
-   if constexpr (HasMemberToString<T>) {
+   if constexpr (HasTraceArg<T>) {
+      return v.traceArg();
+   } else if constexpr (HasStrView<T>) {
+      return std::string_view(v.str());
+   } else if constexpr (HasMemberToString<T>) {
       return std::string(v.toString());
    } else if constexpr (HasFreeToString<T>) {
       return std::string(toString(v));
@@ -148,7 +122,9 @@ decltype(auto) piece(const T& v) {
 
 template <class T>
 TraceArg arg(const T& v) {
-   if constexpr (std::is_same_v<T, bool>) {
+   if constexpr (std::is_same_v<T, TraceArg>) {
+      return v;
+   } else if constexpr (std::is_same_v<T, bool>) {
       return TraceArg::ofBool(v);
    } else if constexpr (std::is_same_v<T, char>) {
       return TraceArg::ofText({&v, 1});

@@ -35,6 +35,10 @@ enum Tag : uint8_t {
    kTagTrue = 5,
    kTagText = 6,
    kTagTextCut = 7,
+   // Since version 2.
+   kTagIp4 = 8,
+   kTagMac = 9,
+   kTagIp4WithMask = 10,
 };
 
 struct RecordHeader {
@@ -274,6 +278,15 @@ void TraceRingWriter::append(TraceSite& site, int level, std::span<const TraceAr
          case TraceArg::Kind::Real:
             p = put(put(p, kTagReal), piece.realValue);
             break;
+         case TraceArg::Kind::Ip4:
+            p = put(put(p, kTagIp4), piece.unsignedValue);
+            break;
+         case TraceArg::Kind::Ip4WithMask:
+            p = put(put(p, kTagIp4WithMask), piece.unsignedValue);
+            break;
+         case TraceArg::Kind::Mac:
+            p = put(put(p, kTagMac), piece.unsignedValue);
+            break;
          case TraceArg::Kind::Bool:
             p = put(p, piece.boolValue ? kTagTrue : kTagFalse);
             break;
@@ -364,7 +377,8 @@ class Decoder {
          problem("not a trace ring file (bad magic)");
          return false;
       }
-      if (h_.version != TraceRingHeader::kVersion) {
+      // Each version only adds piece tags, so a reader reads every earlier file.
+      if (h_.version == 0 || h_.version > TraceRingHeader::kVersion) {
          problem("trace ring version " + std::to_string(h_.version) + ", this reader knows " +
                  std::to_string(TraceRingHeader::kVersion));
          return false;
@@ -434,7 +448,10 @@ class Decoder {
          switch (tag) {
             case kTagSigned:
             case kTagUnsigned:
-            case kTagReal: {
+            case kTagReal:
+            case kTagIp4:
+            case kTagIp4WithMask:
+            case kTagMac: {
                if (end - p < 8)
                   return false;
                uint64_t raw;
@@ -444,6 +461,19 @@ class Decoder {
                   piece = TraceArg::ofSigned(static_cast<int64_t>(raw));
                } else if (tag == kTagUnsigned) {
                   piece = TraceArg::ofUnsigned(raw);
+               } else if (tag == kTagIp4) {
+                  if (raw > UINT32_MAX)
+                     return false;
+                  piece = TraceArg::ofIp4(static_cast<uint32_t>(raw));
+               } else if (tag == kTagIp4WithMask) {
+                  if ((raw >> 32) > 32)
+                     return false;
+                  piece = TraceArg::ofIp4WithMask(static_cast<uint32_t>(raw),
+                                                  static_cast<uint8_t>(raw >> 32));
+               } else if (tag == kTagMac) {
+                  if (raw >> 48)
+                     return false;
+                  piece = TraceArg::ofMac(raw);
                } else {
                   double d;
                   std::memcpy(&d, &raw, sizeof(d));

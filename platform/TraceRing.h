@@ -39,7 +39,7 @@ namespace Platform {
 
 struct TraceRingHeader {
    static constexpr char kMagic[8] = {'B', 'L', 'I', 'P', 'J', 'E', 'T', '\0'};
-   static constexpr uint32_t kVersion = 1;
+   static constexpr uint32_t kVersion = 2;
    static constexpr uint32_t kSize = 4096;
 
    char magic[8];

@@ -51,6 +51,17 @@ void appendPiece(std::string& out, const TraceArg& piece) {
       case TraceArg::Kind::Text:
          appendEscaped(out, piece.textView());
          return;
+      case TraceArg::Kind::Ip4:
+         appendIp4Text(out, static_cast<uint32_t>(piece.unsignedValue));
+         return;
+      case TraceArg::Kind::Ip4WithMask:
+         appendIp4Text(out, static_cast<uint32_t>(piece.unsignedValue));
+         out += '/';
+         appendNumber(out, piece.unsignedValue >> 32);
+         return;
+      case TraceArg::Kind::Mac:
+         appendMacText(out, piece.unsignedValue);
+         return;
    }
 }
 

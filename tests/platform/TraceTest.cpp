@@ -21,6 +21,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/EthAddr.h"
+#include "platform/IntfId.h"
+#include "platform/IpAddr.h"
 #include "platform/TraceRing.h"
 
 namespace TraceTestSubjects {
@@ -172,7 +175,9 @@ TEST_F(TraceTest, PiecesOfEveryKind) {
    TRACE_PLAIN(9, "lit|", text, "|", std::string_view("view"), "|", true, "|", false, "|", -42, "|",
                uint8_t{200}, "|", int8_t{-5}, "|", UINT64_MAX, "|", INT64_MIN, "|", 600.0, "|", 0.5,
                "|", 0.1, "|", 1e21, "|", 0.25f, "|", 'c', "|", null, "|", Color::Blue, "|",
-               Port{67}, "|", Address{});
+               Port{67}, "|", Address{}, "|", *IpAddr::parse("192.0.2.255"), "|",
+               *IpAddrWithMask::parse("198.18.0.1/15"), "|", *EthAddr::parse("02:0a:b0:ff:00:01"),
+               "|", IntfId("Ethernet7"));
    TRACE_PLAIN(0,
                "a\nb\tc\x7f"
                "d\xc3\xa9");
@@ -180,7 +185,8 @@ TEST_F(TraceTest, PiecesOfEveryKind) {
    EXPECT_EQ(capture.lines(),
              (std::vector<std::string>{
                  "lit|str|view|true|false|-42|200|-5|18446744073709551615|-9223372036854775808|"
-                 "600|0.5|0.1|1e+21|0.25|c|(null)|7|port 67|10.0.0.1",
+                 "600|0.5|0.1|1e+21|0.25|c|(null)|7|port 67|10.0.0.1|192.0.2.255|198.18.0.1/15|"
+                 "02:0a:b0:ff:00:01|Ethernet7",
                  "a\\x0ab\\x09c\\x7fd\xc3\xa9", ""}));
 }
 
@@ -326,7 +332,9 @@ TEST_F(TraceTest, RingReadsBackAsTheTextLines) {
    TraceCapture capture;
    RelaySm().handleReadable(-1);
    RelaySm::doPlain();
-   TRACE(9, "every kind ", true, uint8_t{1}, -2.5, "\x01", Port{547}, std::string(""), 'z');
+   TRACE(9, "every kind ", true, uint8_t{1}, -2.5, "\x01", Port{547}, std::string(""), 'z',
+         IpAddr(), *IpAddr::parse("255.255.255.255"), *EthAddr::parse("ff:ff:ff:ff:ff:fe"),
+         IpAddrWithMask(IpAddr(), 32));
    TRACE_PLAIN(0);
    const TraceRingContents contents = closeAndDecode();
 
