@@ -103,6 +103,9 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    dhcpRoot_ = Platform::make<Root>("DhcpRoot");
    namelookRecord_ = Platform::make<ResolutionRecordDir>("NamelookRecord");
    namelookRequest_ = Platform::make<ResolutionRequestDir>("NamelookRequest");
+   namelookSm_ = std::make_unique<Platform::NamelookSm>(namelookRecord_, namelookRequest_,
+                                                        ctx_.loop, *timerWheel_);
+   namelookSm_->handleInitialized();
    dhcpPacketQueues_ = Platform::make<DhcpPacketQueues>("DhcpPacketQueues");
    dhcp6PacketQueues_ = Platform::make<DhcpPacketQueues>("Dhcp6PacketQueues");
    dhcpRelayIntfServerIp_ = Platform::make<IntfServerIpDir>("DhcpRelayIntfServerIp");
@@ -133,6 +136,7 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
        .entityManager = &entityManager,
        .intfStatusManagerRoot = intfStatusManagerRoot_.get(),
        .pamFactory = pamFactory_.get(),
+       .timerWheel = timerWheel_,
    });
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");

@@ -14,6 +14,7 @@
 #include "platform/AgentHost.h"
 #include "platform/IntfStatusManager.h"
 #include "platform/Namelook.h"
+#include "platform/NamelookSm.h"
 #include "platform/TimerWheel.h"
 #include "relay4/DhcpPamFactory.h"
 #include "servers/DhcpRelayServerIpSm.h"
@@ -47,6 +48,7 @@ class Agent : public Platform::Agent {
    const Ptr<Root>& dhcpRoot() const { return dhcpRoot_; }
    const Ptr<ResolutionRecordDir>& namelookRecord() const { return namelookRecord_; }
    const Ptr<ResolutionRequestDir>& namelookRequest() const { return namelookRequest_; }
+   Platform::NamelookSm* namelookSm() const { return namelookSm_.get(); }
    const Ptr<DhcpPacketQueues>& dhcpPacketQueues() const { return dhcpPacketQueues_; }
    const Ptr<DhcpPacketQueues>& dhcp6PacketQueues() const { return dhcp6PacketQueues_; }
    const Ptr<IntfServerIpDir>& dhcpRelayIntfServerIp() const { return dhcpRelayIntfServerIp_; }
@@ -72,6 +74,7 @@ class Agent : public Platform::Agent {
    Ptr<Root> dhcpRoot_;
    Ptr<ResolutionRecordDir> namelookRecord_;
    Ptr<ResolutionRequestDir> namelookRequest_;
+   std::unique_ptr<Platform::NamelookSm> namelookSm_;
    Ptr<DhcpPacketQueues> dhcpPacketQueues_;
    Ptr<DhcpPacketQueues> dhcp6PacketQueues_;
    Ptr<IntfServerIpDir> dhcpRelayIntfServerIp_;

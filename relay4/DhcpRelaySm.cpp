@@ -14,6 +14,7 @@ class DhcpRelaySm::ConfigReactor : public Config::Reactor {
  public:
    ConfigReactor(DhcpRelaySm& sm, const Ptr<const Config>& config) : sm_(sm) { notifierIs(config); }
    void handleIntfConfig(const IntfId& intf) override { sm_.onIntfConfig(intf); }
+   void handleSmartRelayGlobal() override { sm_.handleSmartRelayGlobal(); }
 
  private:
    DhcpRelaySm& sm_;
@@ -121,6 +122,14 @@ class DhcpRelaySm::KelDrIntfConfig : public IntfConfig::Reactor {
          return;
       ipIntfStatus_ = status ? std::make_unique<IpIntfStatusReactor>(sm_, status) : nullptr;
    }
+   void handleSmartRelay() override { sm_.handleSmartRelay(notifier()->intfId()); }
+
+   DhcpSmartRelayIntfSm* smartRelaySm() const { return smartRelaySm_.get(); }
+   void smartRelaySmIs(Platform::TimerWheel& wheel, const Ptr<Status>& status) {
+      smartRelaySm_ = std::make_unique<DhcpSmartRelayIntfSm>(wheel, status, ipIntfStatus());
+      smartRelaySm_->handleInitialized();
+   }
+   void smartRelaySmDel() { smartRelaySm_.reset(); }
 
    // The VRF the interface's rows are under.
    VrfName vrf;
@@ -128,6 +137,7 @@ class DhcpRelaySm::KelDrIntfConfig : public IntfConfig::Reactor {
  private:
    DhcpRelaySm& sm_;
    std::unique_ptr<IpIntfStatusReactor> ipIntfStatus_;
+   std::unique_ptr<DhcpSmartRelayIntfSm> smartRelaySm_;
 };
 
 DhcpRelaySm::DhcpRelaySm(Inputs inputs) : in_(std::move(inputs)) {
@@ -173,8 +183,12 @@ void DhcpRelaySm::onIntfConfig(const IntfId& intf) {
          TRACE(3, " relay configured on interface ", intf);
          reactor = std::make_unique<KelDrIntfConfig>(*this, config);
       }
-   } else if (kelDrIntfConfig_.erase(intf)) {
+   } else if (auto node = kelDrIntfConfig_.extract(intf)) {
       TRACE(3, " relay no longer configured on interface ", intf);
+      if (node.mapped()->smartRelaySm()) {
+         TRACE(2, " delete smart relay SM for interface ", intf);
+         node.mapped()->smartRelaySmDel();
+      }
    }
    handleIpIntfStatus(intf);
    updateIntfStatus(intf);
@@ -209,8 +223,10 @@ void DhcpRelaySm::handleIpIntfStatus(const IntfId& intf) {
       return;
    Ptr<Ip::IpIntfStatus> status = in_.ipStatus->ipIntfStatus(intf);
    reactor->ipIntfStatusIs(status);
-   if (!status)
+   if (!status) {
+      handleSmartRelay(intf);
       return;
+   }
    reactor->vrf = status->vrf();
    const VrfName& vrf = reactor->vrf;
    const IpAddr primary = status->activeAddrWithMask().address();
@@ -222,6 +238,45 @@ void DhcpRelaySm::handleIpIntfStatus(const IntfId& intf) {
       TRACE(4, " adding secondary ip ( ", secondary.address(), ":vrf=", vrf, " ) to lookup table");
       intfLookupTblIs(genVrfIpPair(vrf, secondary.address()), intf);
    }
+   handleSmartRelay(intf);
+}
+
+void DhcpRelaySm::handleSmartRelayGlobal() {
+   if (!initialized_)
+      return;
+   for (const auto& [intf, reactor] : kelDrIntfConfig_)
+      handleSmartRelay(intf);
+}
+
+void DhcpRelaySm::handleSmartRelay(const IntfId& intf) {
+   if (!initialized_)
+      return;
+   KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
+   if (!reactor)
+      return;
+   const Ptr<const Ip::IpIntfStatus> status = reactor->ipIntfStatus();
+   const bool wanted =
+       status && (reactor->intfConfig()->smartRelay() || in_.config->smartRelayGlobal());
+   DhcpSmartRelayIntfSm* current = reactor->smartRelaySm();
+   if (current && (!wanted || current->ipIntfStatus() != status)) {
+      TRACE(2, " delete smart relay SM for interface ", intf);
+      reactor->smartRelaySmDel();
+      current = nullptr;
+   }
+   if (wanted && !current) {
+      PLATFORM_ASSERT(in_.timerWheel, "DhcpRelaySm inputs: timerWheel");
+      TRACE(2, " create smart relay SM for interface ", intf);
+      reactor->smartRelaySmIs(*in_.timerWheel, in_.status);
+   }
+}
+
+DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySm(const IntfId& intf) const {
+   KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
+   return reactor ? smartRelaySm(*reactor) : nullptr;
+}
+
+DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySm(const KelDrIntfConfig& reactor) {
+   return reactor.smartRelaySm();
 }
 
 void DhcpRelaySm::handleVrf(const IntfId& intf) {

@@ -20,7 +20,9 @@
 #include "platform/Pkt.h"
 #include "platform/RouteSocket.h"
 #include "platform/StateStore.h"
+#include "platform/TimerWheel.h"
 #include "relay4/DhcpPamFactory.h"
+#include "relay4/DhcpSmartRelayIntfSm.h"
 #include "relay4/DhcpVrfSm.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -52,6 +54,8 @@ class DhcpRelaySm {
       Platform::StateStore* entityManager = nullptr;
       Platform::IntfStatusManagerRoot* intfStatusManagerRoot = nullptr;
       DhcpPamFactory* pamFactory = nullptr;
+      // The agent's wheel; needed once an interface runs smart relay.
+      Platform::TimerWheel* timerWheel = nullptr;
    };
 
    // Per relay interface (one IntfConfig): follows its configuration and, while the
@@ -71,6 +75,10 @@ class DhcpRelaySm {
    void handleAddrChange(const Platform::IntfId& intf) { handleIpIntfStatus(intf); }
    void handleSecondaryChange(const Platform::IntfId& intf) { handleIpIntfStatus(intf); }
    void handleVrf(const Platform::IntfId& intf);
+   void handleSmartRelayGlobal();
+   // Creates or deletes the interface's smart-relay machine: it runs while smart relay is on
+   // for the interface (its own flag or the global one) and the interface has IP status.
+   void handleSmartRelay(const Platform::IntfId& intf);
    void handleAllVrfStatus(const Platform::VrfName& vrf);
    void handleVrfStatus(const Platform::VrfName& vrf);
    void handleActiveVrfDir(const Platform::VrfName& vrf);
@@ -101,6 +109,9 @@ class DhcpRelaySm {
       return dhcpVrfSm_;
    }
    KelDrIntfConfig* kelDrIntfConfig(const Platform::IntfId& intf) const;
+   // The interface's smart-relay machine; null while it runs none.
+   DhcpSmartRelayIntfSm* smartRelaySm(const Platform::IntfId& intf) const;
+   static DhcpSmartRelayIntfSm* smartRelaySm(const KelDrIntfConfig& reactor);
    // The interface's VRF from its IP status; empty without one.
    Platform::VrfName vrfNameFromIntfId(const Platform::IntfId& intf) const;
 
@@ -137,19 +148,17 @@ class DhcpRelaySm {
    bool buildReplyPkt(Platform::Pkt& pkt, const Platform::EthAddr& srcMac, Platform::IpAddr srcIp);
 
  private:
-   // The gateway address smart relay chose for this client; nullopt while the interface
-   // runs no smart-relay machine, which is the case for every interface for now.
-   std::optional<Platform::IpAddrWithMask> smartRelayGateway(const Platform::IntfId& intf,
-                                                             const DhcpHdr& hdr) const;
    // The primary address of the interface a route leaves by; zero when it has none.
    Platform::IpAddr getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const;
    // The kernel device of a system interface in the VRF's namespace.
    Ptr<const KernelNetInfo::KernelIntf> kernelIntfOf(const DhcpVrfSm& sm,
                                                      const Platform::IntfId& intf) const;
-   // One copy of a request to a server in the client's own VRF; true when sent.
+   // One copy of a request to a server in the client's own VRF, from the client's gateway
+   // address unless the server entry names another source; true when sent.
    bool relayToOwnVrfServer(DhcpHdr& hdr, Platform::Pkt& pkt, const Platform::IntfId& intf,
-                            const IntfConfig& config, const Ip::IpIntfStatus& intfStatus,
-                            const VrfIpSrcIntfSrcIp& server, uint8_t hops, bool& optionAdded);
+                            const IntfConfig& config, const VrfIpSrcIntfSrcIp& server,
+                            const Platform::IpAddrWithMask& gateway, uint8_t hops,
+                            bool& optionAdded);
    class ConfigReactor;
    class IpStatusReactor;
    class AllVrfStatusReactor;

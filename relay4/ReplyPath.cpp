@@ -162,9 +162,14 @@ void DhcpRelaySm::handleReply(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const VrfName&
       pktDropped(status, bootReply, clientIntf);
       return;
    }
-   // Smart relay would forget the client's state here; no interface runs it yet.
    const IpAddr clientSideAddr = clientIntf == intf ? giaddr : serverIdOverride;
    const Platform::EthAddr chaddr = hdr.chaddr();
+   // A server answered from the client's current gateway address: the client needs to
+   // move on no further, and its next DISCOVER starts over on the primary.
+   if (DhcpSmartRelayIntfSm* smart = smartRelaySm(clientIntf)) {
+      TRACE(6, " deleting client state for ", chaddr);
+      smart->dsrClientStateDel(chaddr);
+   }
    if (!buildReplyPkt(pkt, device->mac(), clientSideAddr)) {
       pktDropped(status, bootReply, clientIntf);
       return;

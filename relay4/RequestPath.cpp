@@ -94,15 +94,11 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
    handleRequest(sm, hdr, pkt, intf);
 }
 
-std::optional<Platform::IpAddrWithMask> DhcpRelaySm::smartRelayGateway(const IntfId&,
-                                                                       const DhcpHdr&) const {
-   return std::nullopt;
-}
-
 void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& intf) {
    Status& status = *in_.status;
    Ptr<IntfConfig> config = in_.config->intfConfig(intf);
-   if (!config || !kelDrIntfConfig(intf)) {
+   KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
+   if (!config || !reactor) {
       TRACE(5, " receiving DHCP request packets on", intf,
             " non-configured interface. Dropping it.");
       pktDropped(status, bootRequest, intf);
@@ -116,8 +112,14 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
    }
    // Set on every copy rather than incremented, so that each server sees the same count.
    const uint8_t hops = static_cast<uint8_t>(hdr.hops() + 1);
-   const std::optional<Platform::IpAddrWithMask> smart = smartRelayGateway(intf, hdr);
-   const Platform::IpAddrWithMask gateway = smart ? *smart : intfStatus->activeAddrWithMask();
+   Platform::IpAddrWithMask gateway = intfStatus->activeAddrWithMask();
+   if (DhcpSmartRelayIntfSm* smart = smartRelaySm(*reactor)) {
+      const std::optional<Platform::IpAddrWithMask> chosen =
+          smart->smartRelayRequest(intf, hdr.chaddr(), hdr.ciaddr(), pkt);
+      if (!chosen)
+         return;
+      gateway = *chosen;
+   }
    if (gateway.address().isZero()) {
       TRACE(5, " No valid IP address found on client interface ( ", intf, " ). Dropping packet");
       pktDropped(status, bootRequest, intf);
@@ -134,7 +136,7 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
          crossVrf = true;
          continue;
       }
-      if (relayToOwnVrfServer(hdr, pkt, intf, *config, *intfStatus, server, hops, ownOption))
+      if (relayToOwnVrfServer(hdr, pkt, intf, *config, server, gateway, hops, ownOption))
          pktForwarded(status, bootRequest, intf);
       else
          pktDropped(status, bootRequest, intf);
@@ -224,8 +226,8 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
 }
 
 bool DhcpRelaySm::relayToOwnVrfServer(DhcpHdr& hdr, Pkt& pkt, const IntfId& intf,
-                                      const IntfConfig& config, const Ip::IpIntfStatus& intfStatus,
-                                      const VrfIpSrcIntfSrcIp& server, uint8_t hops,
+                                      const IntfConfig& config, const VrfIpSrcIntfSrcIp& server,
+                                      const Platform::IpAddrWithMask& gateway, uint8_t hops,
                                       bool& ownOption) {
    DhcpVrfSm* sm = dhcpVrfSm(server.vrf);
    if (!sm || !sm->udpPam() || !server.ip.isV4()) {
@@ -233,8 +235,7 @@ bool DhcpRelaySm::relayToOwnVrfServer(DhcpHdr& hdr, Pkt& pkt, const IntfId& intf
       return false;
    }
    const IpAddr serverIp = server.ip.v4();
-   const Platform::IpAddrWithMask& primary = intfStatus.activeAddrWithMask();
-   IpAddr giaddr = primary.address();
+   IpAddr giaddr = gateway.address();
    IpAddr linkSelection;
    if (!server.srcIntf.empty()) {
       // The server answers to the source interface's subnet unless told the client's,
@@ -253,7 +254,7 @@ bool DhcpRelaySm::relayToOwnVrfServer(DhcpHdr& hdr, Pkt& pkt, const IntfId& intf
          return false;
       }
       giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
-      linkSelection = primary.subnet();
+      linkSelection = gateway.subnet();
       TRACE(6, "giaddr is updated to", giaddr);
    } else if (server.srcIp.isV4()) {
       giaddr = server.srcIp.v4();

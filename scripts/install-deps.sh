@@ -10,12 +10,14 @@ fi
 packages=(
    # build
    cmake ninja-build g++ ccache pkg-config clang-format
-   libyaml-cpp-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev
+   libyaml-cpp-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev libc-ares-dev
    libgtest-dev libgmock-dev libbenchmark-dev
    # tests and the lab
    python3 python3-pytest iproute2 procps
    # real DHCP peers and packet tools for the namespace lab (tests/e2e/lab.py)
    isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
+   # a DNS server for the host-name resolution tests (the -base package has no service)
+   dnsmasq-base
 )
 
 missing=()

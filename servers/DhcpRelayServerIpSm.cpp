@@ -17,6 +17,31 @@ class DhcpRelayServerIpSm::ConfigReactor : public Config::Reactor {
    DhcpRelayServerIpSm& sm_;
 };
 
+class DhcpRelayServerIpSm::RecordDirReactor : public ResolutionRecordDir::Reactor {
+ public:
+   RecordDirReactor(DhcpRelayServerIpSm& sm, const Ptr<const ResolutionRecordDir>& dir) : sm_(sm) {
+      notifierIs(dir);
+   }
+   void handleRecord(const std::string& hostname) override { sm_.handleNamelookRecord(hostname); }
+
+ private:
+   DhcpRelayServerIpSm& sm_;
+};
+
+class DhcpRelayServerIpSm::HostnameMapReactor : public HostnameToIntfNameMap::Reactor {
+ public:
+   HostnameMapReactor(DhcpRelayServerIpSm& sm, const Ptr<const HostnameToIntfNameMap>& map)
+       : sm_(sm) {
+      notifierIs(map);
+   }
+   void handleHostnameToIntfName(const std::string& hostname) override {
+      sm_.handleNamelookRecord(hostname);
+   }
+
+ private:
+   DhcpRelayServerIpSm& sm_;
+};
+
 DhcpRelayServerIpSm::DhcpRelayServerIpSm(const Ptr<const Config>& config,
                                          const Ptr<ResolutionRequestDir>& namelookRequest,
                                          const Ptr<const ResolutionRecordDir>& namelookRecord,
@@ -28,9 +53,19 @@ DhcpRelayServerIpSm::DhcpRelayServerIpSm(const Ptr<const Config>& config,
       intfServerIpDir_(intfServerIpDir),
       hostnameToIntfNameMap_(hostnameToIntfNameMap) {
    configReactor_ = std::make_unique<ConfigReactor>(*this, config_);
+   recordDirReactor_ = std::make_unique<RecordDirReactor>(*this, namelookRecord_);
+   hostnameMapReactor_ = std::make_unique<HostnameMapReactor>(*this, hostnameToIntfNameMap_);
 }
 
-DhcpRelayServerIpSm::~DhcpRelayServerIpSm() = default;
+DhcpRelayServerIpSm::~DhcpRelayServerIpSm() {
+   // Whoever still holds the directories may change them while the machines go; with the
+   // reactors gone first no half-deleted machine is reached.
+   hostnameMapReactor_.reset();
+   recordDirReactor_.reset();
+   configReactor_.reset();
+   intfServerIpNamelookSm_.clear();
+   intfConfigServerIpSm_.clear();
+}
 
 void DhcpRelayServerIpSm::handleInitialized() {
    if (initialized_)
@@ -59,8 +94,28 @@ void DhcpRelayServerIpSm::handleIntfConfig(const IntfId& intf) {
       sm->handleInitialized();
    } else {
       TRACE(3, " Removing IntfServerIp for ", intf);
-      intfConfigServerIpSm_.erase(intf);
+      if (auto it = intfConfigServerIpSm_.find(intf); it != intfConfigServerIpSm_.end()) {
+         it->second->doLeave();
+         intfConfigServerIpSm_.erase(it);
+      }
       intfServerIpDir_->drIntfServerIpDel(intf);
+   }
+}
+
+void DhcpRelayServerIpSm::handleNamelookRecord(const std::string& hostname) {
+   if (!initialized_)
+      return;
+   TRACE(4, " for ", hostname);
+   const Ptr<ResolutionRecord> record = namelookRecord_->record(hostname);
+   if (record && hostnameToIntfNameMap_->hostnameToIntfName(hostname)) {
+      TRACE(3, " Adding ", hostname, " serverIpNamelookSm");
+      auto& sm = intfServerIpNamelookSm_[hostname];
+      if (!sm || sm->record() != record)
+         sm = std::make_unique<IntfServerIpNamelookSm>(config_, record, hostnameToIntfNameMap_,
+                                                       intfServerIpDir_);
+   } else {
+      TRACE(3, " Removing ", hostname, " serverIpNamelookSm");
+      intfServerIpNamelookSm_.erase(hostname);
    }
 }
 

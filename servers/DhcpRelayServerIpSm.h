@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 
 #include "model/Config.h"
 #include "model/HostnameMap.h"
@@ -9,13 +10,19 @@
 #include "platform/IntfId.h"
 #include "platform/Namelook.h"
 #include "servers/IntfConfigServerIpSm.h"
+#include "servers/IntfServerIpNamelookSm.h"
 
 namespace Ip::Helper::DhcpRelay {
 
 // Keeps IntfServerIpDir in step with the relay configuration: every interface with an
 // IntfConfig has an IntfServerIp and an IntfConfigServerIpSm counting its servers into it.
 // An interface leaving the configuration takes its IntfServerIp with it at once, whatever
-// its counts.
+// its counts, and gives back its host names' resolution requests. Every host name that some
+// interface names and that has a resolution record has an IntfServerIpNamelookSm carrying the
+// record's address changes to those interfaces.
+//
+// Destroying it changes no record: the reactors go first, so nothing it owns is notified
+// while the machines are deleted.
 class DhcpRelayServerIpSm {
  public:
    DhcpRelayServerIpSm(const Ptr<const Config>& config,
@@ -34,13 +41,20 @@ class DhcpRelayServerIpSm {
        const {
       return intfConfigServerIpSm_;
    }
+   const std::map<std::string, std::unique_ptr<IntfServerIpNamelookSm>>& intfServerIpNamelookSm()
+       const {
+      return intfServerIpNamelookSm_;
+   }
    bool initialized() const { return initialized_; }
 
  private:
    class ConfigReactor;
+   class RecordDirReactor;
+   class HostnameMapReactor;
 
    void handleIntfConfig(const Platform::IntfId& intf);
    void handleIntfConfig();
+   void handleNamelookRecord(const std::string& hostname);
 
    Ptr<const Config> config_;
    Ptr<ResolutionRequestDir> namelookRequest_;
@@ -48,8 +62,11 @@ class DhcpRelayServerIpSm {
    Ptr<IntfServerIpDir> intfServerIpDir_;
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
    std::map<Platform::IntfId, std::unique_ptr<IntfConfigServerIpSm>> intfConfigServerIpSm_;
+   std::map<std::string, std::unique_ptr<IntfServerIpNamelookSm>> intfServerIpNamelookSm_;
    bool initialized_ = false;
    std::unique_ptr<ConfigReactor> configReactor_;
+   std::unique_ptr<RecordDirReactor> recordDirReactor_;
+   std::unique_ptr<HostnameMapReactor> hostnameMapReactor_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -1,5 +1,8 @@
 #include "servers/IntfConfigServerIpSm.h"
 
+#include <string>
+#include <vector>
+
 #include "platform/Assert.h"
 #include "platform/Trace.h"
 #include "servers/IntfServerIpCount.h"
@@ -12,6 +15,9 @@ class IntfConfigServerIpSm::IntfConfigReactor : public IntfConfig::Reactor {
       notifierIs(intfConfig);
    }
    void handleServerIp(const VrfIpSrcIntfSrcIp& key) override { sm_.handleServerIpConfig(key); }
+   void handleServerHostname(const VrfHostnameSrcIntfSrcIp& key) override {
+      sm_.handleServerHostname(key);
+   }
 
  private:
    IntfConfigServerIpSm& sm_;
@@ -38,6 +44,17 @@ void IntfConfigServerIpSm::handleInitialized() {
       return;
    initialized_ = true;
    handleServerIpConfig();
+   handleServerHostname();
+}
+
+void IntfConfigServerIpSm::doLeave() {
+   if (!initialized_ || leaving_)
+      return;
+   leaving_ = true;
+   // Entries set to false hold nothing any more.
+   for (const auto& [key, configured] : intfConfig_->serverHostname())
+      if (configured)
+         handleServerHostname(key);
 }
 
 void IntfConfigServerIpSm::handleServerIpConfig() {
@@ -55,6 +72,65 @@ void IntfConfigServerIpSm::handleServerIpConfig(const VrfIpSrcIntfSrcIp& key) {
       intfServerIpInc(intfServerIp_, key);
    else
       intfServerIpDec(intfServerIp_, key);
+}
+
+void IntfConfigServerIpSm::handleServerHostname() {
+   for (const auto& [key, configured] : intfConfig_->serverHostname())
+      handleServerHostname(key);
+}
+
+void IntfConfigServerIpSm::handleServerHostname(const VrfHostnameSrcIntfSrcIp& key) {
+   if (!initialized_)
+      return;
+   const std::string& hostname = key.hostname;
+   // The addresses are read before the request changes: the resolver may answer a new request,
+   // or drop a record whose last request went, while it is notified. Addresses it delivers from
+   // here on reach this interface through IntfServerIpNamelookSm, since the interface is listed
+   // in the host name map first.
+   const Ptr<const ResolutionRecord> record = namelookRecord_->record(hostname);
+   std::vector<Platform::IpAddr> resolved;
+   if (record)
+      resolved.assign(record->ipAddress().begin(), record->ipAddress().end());
+
+   const bool configured = !leaving_ && intfConfig_->serverHostname(key);
+   if (configured) {
+      TRACE(3, " adding ", key);
+      hostnameToIntfNameMap_->hostnameToIntfNameIs(hostname)->intfIdCollIs(intfConfig_->intfId());
+      const uint32_t count = namelookRequest_->request(hostname) + 1;
+      namelookRequest_->requestIs(hostname, count);
+      TRACE(3, "Adding ", hostname, " to Namelook: Reference count = ", count);
+   } else {
+      TRACE(3, " removing ", key);
+      const Ptr<HostnameToIntfName> hostnameIntfColl =
+          hostnameToIntfNameMap_->hostnameToIntfName(hostname);
+      PLATFORM_ASSERT(hostnameIntfColl, "hostnameIntfColl");
+      hostnameIntfColl->intfIdCollDel(intfConfig_->intfId());
+      if (hostnameIntfColl->intfIdColl().empty()) {
+         TRACE(3, " removing hostnameIntfColl");
+         hostnameToIntfNameMap_->hostnameToIntfNameDel(hostname);
+      }
+      // A name without a request reads 0, so the unsigned subtraction gives 4294967295.
+      const uint32_t count = namelookRequest_->request(hostname) - 1;
+      if (count != 0) {
+         namelookRequest_->requestIs(hostname, count);
+         TRACE(3, hostname, ": Reference count = ", count);
+      } else {
+         namelookRequest_->requestDel(hostname);
+         TRACE(3, "Removing ", hostname, " from Namelook.");
+      }
+   }
+
+   // A leaving interface's IntfServerIp is deleted whole, not counted down.
+   if (!record || leaving_)
+      return;
+   TRACE(3, " record exists for ", hostname);
+   for (const Platform::IpAddr ip : resolved) {
+      const VrfIpSrcIntfSrcIp server{key.vrf, ip, key.srcIntf, key.srcIp};
+      if (configured)
+         intfServerIpInc(intfServerIp_, server);
+      else
+         intfServerIpDec(intfServerIp_, server);
+   }
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -14,9 +14,10 @@ using Platform::ResolutionRecordDir;
 using Platform::ResolutionRequestDir;
 
 // Holds one reference in the interface's IntfServerIp for each server address configured on
-// the interface. Lives exactly as long as the interface's IntfConfig. Servers configured by
-// host name reach the same IntfServerIp through the resolution directories and the host name
-// map, which the machine carries for that purpose.
+// the interface, and for each host name entry one reference per address the name currently
+// resolves to. A host name entry also holds one resolution request for the name and lists the
+// interface in the host name map, so that later changes of the name's addresses reach it
+// (IntfServerIpNamelookSm). Lives exactly as long as the interface's IntfConfig.
 class IntfConfigServerIpSm {
  public:
    IntfConfigServerIpSm(const Ptr<const IntfConfig>& intfConfig,
@@ -29,8 +30,12 @@ class IntfConfigServerIpSm {
    IntfConfigServerIpSm& operator=(const IntfConfigServerIpSm&) = delete;
 
    // Until this runs configuration changes are ignored; it then counts every configured
-   // address once.
+   // address once, then every host name.
    void handleInitialized();
+   // The interface is leaving the configuration: gives back its resolution requests and its
+   // places in the host name map. Its IntfServerIp goes whole right after, so its counts are
+   // left as they are.
+   void doLeave();
 
    const Ptr<const IntfConfig>& intfConfig() const { return intfConfig_; }
    const Ptr<IntfServerIp>& intfServerIp() const { return intfServerIp_; }
@@ -46,6 +51,8 @@ class IntfConfigServerIpSm {
 
    void handleServerIpConfig(const VrfIpSrcIntfSrcIp& key);
    void handleServerIpConfig();
+   void handleServerHostname(const VrfHostnameSrcIntfSrcIp& key);
+   void handleServerHostname();
 
    Ptr<const IntfConfig> intfConfig_;
    Ptr<ResolutionRequestDir> namelookRequest_;
@@ -53,6 +60,7 @@ class IntfConfigServerIpSm {
    Ptr<IntfServerIp> intfServerIp_;
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
    bool initialized_ = false;
+   bool leaving_ = false;
    std::unique_ptr<IntfConfigReactor> intfConfigReactor_;
 };
 

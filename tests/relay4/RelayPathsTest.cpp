@@ -99,10 +99,7 @@ class RelayPathsTest : public testing::Test {
       eth7->activeAddrWithMaskIs(*IpAddrWithMask::parse("172.16.0.1/24"));
       bed.device("ns-red", 7, "Ethernet7");
 
-      sm = std::make_unique<PathRelaySm>(
-          DhcpRelaySm::Inputs{bed.config, bed.status, bed.ipStatus, bed.vrfs, bed.deviceNames,
-                              bed.packetQueues, bed.activeVrfDir, bed.intfServerIpDir,
-                              bed.clientContext, &bed.store, bed.managers.get(), &bed.pams});
+      sm = std::make_unique<PathRelaySm>(bed.inputs());
       sm->handleInitialized();
       sm->routes[ip("172.16.0.10").value()] = 7;
       udp = bed.pams.udp.at("UdpSocket-default");

@@ -18,6 +18,7 @@
 #include "platform/KernelFrontEnd.h"
 #include "platform/RawTxTestPam.h"
 #include "platform/StateStore.h"
+#include "platform/TimerWheel.h"
 #include "platform/UdpTestPam.h"
 #include "relay4/DhcpRelaySm.h"
 
@@ -86,6 +87,10 @@ class ProbeRelaySm : public DhcpRelaySm {
 // no kernel: kernel tables are written by the tests as the follower would.
 class RelayTestBed {
  public:
+   // First: machines built on the bed cancel their timers on it when they go.
+   Platform::ManualClock clock{1000.0};
+   Platform::TimerWheel wheel{clock, clock};
+
    RelayTestBed() {
       store.publish("ip/vrf/status/local", vrfs);
       store.publish("interface/config/deviceName", deviceNames);
@@ -113,7 +118,18 @@ class RelayTestBed {
    std::unique_ptr<ProbeRelaySm> relaySm() {
       return std::make_unique<ProbeRelaySm>(DhcpRelaySm::Inputs{
           config, status, ipStatus, vrfs, deviceNames, packetQueues, activeVrfDir, intfServerIpDir,
-          clientContext, &store, managers.get(), &pams});
+          clientContext, &store, managers.get(), &pams, &wheel});
+   }
+   // Inputs for a relay machine of the test's own type.
+   DhcpRelaySm::Inputs inputs() {
+      return {config,         status,       ipStatus,        vrfs,          deviceNames,
+              packetQueues,   activeVrfDir, intfServerIpDir, clientContext, &store,
+              managers.get(), &pams,        &wheel};
+   }
+   // Moves the test's clock on and fires what is due, as the event loop would.
+   void advance(double seconds) {
+      clock.advance(seconds);
+      wheel.runExpired();
    }
 
    Platform::StateStore store{[](std::function<void()>) {}};

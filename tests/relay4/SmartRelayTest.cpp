@@ -1,0 +1,334 @@
+#include <gtest/gtest.h>
+
+#include "codec/DhcpCodec.h"
+#include "platform/Trace.h"
+#include "tests/relay4/RelayTestBed.h"
+
+namespace Ip::Helper::DhcpRelay::Test {
+namespace {
+
+using Platform::EthAddr;
+using Platform::IpAddrWithMask;
+using Platform::Pkt;
+using Bytes = std::vector<uint8_t>;
+
+IpAddr ip(const char* text) {
+   return *IpAddr::parse(text);
+}
+IpAddrWithMask net(const char* text) {
+   return *IpAddrWithMask::parse(text);
+}
+EthAddr mac(uint32_t n) {
+   return EthAddr({0x02, 0x00, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
+}
+
+void put32(Bytes& b, size_t off, uint32_t v) {
+   for (int i = 0; i < 4; ++i)
+      b[off + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+}
+
+constexpr uint8_t kDiscover = 1, kOffer = 2, kRequest = 3;
+const char* const kNoSecondaryAssertion = "activeSecondaryWithMask not empty";
+
+struct Msg {
+   uint8_t op = bootRequest;
+   uint8_t type = kDiscover;
+   EthAddr client = mac(1);
+   IpAddr ciaddr = {};
+   IpAddr giaddr = {};
+   std::optional<IpAddr> requested = {};
+};
+
+Bytes message(const Msg& m) {
+   Bytes b(240, 0);
+   b[0] = m.op;
+   b[1] = 1;
+   b[2] = 6;
+   put32(b, 4, 0x12345678);
+   put32(b, 12, m.ciaddr.value());
+   put32(b, 24, m.giaddr.value());
+   std::copy(m.client.bytes().begin(), m.client.bytes().end(), b.begin() + 28);
+   put32(b, 236, DhcpLayout::cookieValue);
+   b.insert(b.end(), {53, 1, m.type});
+   if (m.requested) {
+      b.insert(b.end(), {50, 4, 0, 0, 0, 0});
+      put32(b, b.size() - 4, m.requested->value());
+   }
+   b.push_back(255);
+   b.resize(300, 0);
+   return b;
+}
+
+// Ethernet1 with primary P = 10.0.0.1/24 and secondaries S1 = 10.0.1.1/24 < S2 = 10.0.2.1/24
+// (added in the other order: the set's order counts, not the kernel's), smart relay on, and
+// one server in its VRF.
+class SmartRelayTest : public testing::Test {
+ protected:
+   void SetUp() override {
+      bed.activeVrfIs("default", 1);
+      config1 = bed.config->intfConfigIs(IntfId("Ethernet1"));
+      config1->smartRelayIs(true);
+      eth1 = bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet1"));
+      eth1->activeAddrWithMaskIs(net("10.0.0.1/24"));
+      eth1->activeSecondaryWithMaskIs(net("10.0.2.1/24"));
+      eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
+      bed.intfServerIpDir->drIntfServerIpIs(IntfId("Ethernet1"))
+          ->serverIpIs(VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, {}}, 1);
+      bed.device("default", 5, "Ethernet1")->macIs(EthAddr({0x02, 0, 0, 0, 0, 0x99}));
+      sm = std::make_unique<DhcpRelaySm>(bed.inputs());
+      sm->handleInitialized();
+      udp = bed.pams.udp.at("UdpSocket-default");
+   }
+
+   DhcpSmartRelayIntfSm* smart() const { return sm->smartRelaySm(IntfId("Ethernet1")); }
+
+   // The giaddr of the copy the server got; zero when none was sent. The copy leaves from
+   // the same address.
+   IpAddr relay(const Msg& m) {
+      const size_t before = udp->sent().size();
+      Ptr<Pkt> pkt = Pkt::copyOf(message(m));
+      sm->doProcessPacket(*pkt, IpAddr(), IpAddr::broadcast(), IntfId("Ethernet1"),
+                          VrfName("default"));
+      if (udp->sent().size() == before)
+         return IpAddr();
+      const auto& sent = udp->sent().back();
+      Ptr<Pkt> copy = Pkt::copyOf(sent.bytes);
+      const IpAddr giaddr = DhcpHdr::of(*copy)->giaddr();
+      EXPECT_EQ(sent.src, Platform::IpGenAddr(giaddr));
+      return giaddr;
+   }
+   IpAddr discover(const EthAddr& client) { return relay({.client = client}); }
+   void offer(const EthAddr& client, IpAddr giaddr = ip("10.0.0.1")) {
+      Ptr<Pkt> pkt = Pkt::copyOf(
+          message({.op = bootReply, .type = kOffer, .client = client, .giaddr = giaddr}));
+      sm->doProcessPacket(*pkt, ip("192.168.1.10"), giaddr, IntfId(), VrfName("default"));
+   }
+   uint32_t hosts() const { return bed.status->numSmartRelayedHosts(); }
+
+   RelayTestBed bed;
+   Ptr<IntfConfig> config1;
+   Ptr<Ip::IpIntfStatus> eth1;
+   std::unique_ptr<DhcpRelaySm> sm;
+   Ptr<Platform::UdpTestPam> udp;
+};
+
+const IpAddr P = ip("10.0.0.1"), S1 = ip("10.0.1.1"), S2 = ip("10.0.2.1");
+
+TEST_F(SmartRelayTest, DiscoversMoveThroughTheSecondariesEveryThirdAndWrapToThePrimary) {
+   Platform::TraceCapture trace;
+   const std::vector<IpAddr> expected{P, P, P, S1, S1, S1, S2, S2, S2, P, P, P, S1};
+   std::vector<IpAddr> seen;
+   for (size_t i = 0; i < expected.size(); ++i) {
+      seen.push_back(discover(mac(1)));
+      // Clients are independent: a second one starts on the primary whatever the first does.
+      if (i == 4) {
+         EXPECT_EQ(discover(mac(2)), P);
+      }
+   }
+   EXPECT_EQ(seen, expected);
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), expected.size() + 1);
+   EXPECT_TRUE(trace.contains(
+       "void Ip::Helper::DhcpRelay::DhcpSmartRelayIntfSm::ClientState::handleDiscoverCount()"
+       " setting the gateway address for packets from 02:00:00:00:00:01 to 10.0.1.1/24"));
+   EXPECT_TRUE(trace.contains(" no more secondary IP addresses on the interface"));
+   EXPECT_TRUE(
+       trace.contains(" handled smart relay request for 02:00:00:00:00:01 using gateway "
+                      "address: 10.0.2.1/24"));
+}
+
+TEST_F(SmartRelayTest, RequestGoesOutFromTheSubnetOfTheRequestedAddress) {
+   eth1->activeSecondaryWithMaskIs(net("10.0.2.129/25"));
+   const Msg request{.type = kRequest, .client = mac(7)};
+   auto requesting = [&](Msg m, const char* addr) {
+      m.requested = ip(addr);
+      return relay(m);
+   };
+   EXPECT_EQ(requesting(request, "10.0.1.77"), S1);
+   EXPECT_EQ(requesting(request, "10.0.0.9"), P);
+   // The longest prefix wins over the /24 that also holds the address.
+   EXPECT_EQ(requesting(request, "10.0.2.200"), ip("10.0.2.129"));
+   EXPECT_EQ(requesting(request, "10.0.2.5"), S2);
+   // RENEWING / REBINDING: no option 50, the address is in ciaddr.
+   Msg renewing = request;
+   renewing.ciaddr = ip("10.0.1.5");
+   EXPECT_EQ(relay(renewing), S1);
+   // Neither: the primary.
+   EXPECT_EQ(relay(request), P);
+   // Requests never make client state.
+   EXPECT_EQ(hosts(), 0u);
+   EXPECT_EQ(smart()->clientCount(), 0u);
+   EXPECT_EQ(bed.status->totalRequestsDropped(), 0u);
+
+   Platform::TraceCapture trace;
+   EXPECT_EQ(requesting(request, "10.9.9.9"), IpAddr());
+   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
+   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped(), 1u);
+   EXPECT_TRUE(
+       trace.contains(" No valid IP address found on client interface ( 10.9.9.9 vrf: "
+                      "default ). Dropping packet"));
+}
+
+TEST_F(SmartRelayTest, SilenceExpiresTheClientAndEachDiscoverRearmsTheTimer) {
+   for (int i = 0; i < 4; ++i)
+      discover(mac(1));
+   ASSERT_EQ(discover(mac(1)), S1);
+   const double start = bed.clock.now();
+   EXPECT_EQ(smart()->clientState(mac(1))->timer()->deadline(), start + 600.0);
+
+   bed.advance(599.0);
+   ASSERT_EQ(discover(mac(1)), S1);  // re-arms: 600 s from now
+   bed.advance(599.0);
+   EXPECT_EQ(hosts(), 1u);
+   ASSERT_NE(smart()->dsrClientState(mac(1)), nullptr);
+   EXPECT_EQ(smart()->dsrClientState(mac(1))->discoversWithoutOffer(), 6u);
+
+   Platform::TraceCapture trace;
+   bed.advance(1.0);
+   EXPECT_EQ(smart()->dsrClientState(mac(1)), nullptr);
+   EXPECT_EQ(hosts(), 0u);
+   EXPECT_EQ(bed.wheel.armedCount(), 0u);
+   EXPECT_TRUE(trace.contains(" deleting smart relay state for client: 02:00:00:00:00:01"));
+   EXPECT_EQ(discover(mac(1)), P);
+   EXPECT_EQ(hosts(), 1u);
+}
+
+TEST_F(SmartRelayTest, ClientWhoseGatewayAddressLeftTheInterfaceMovesOn) {
+   for (int i = 0; i < 4; ++i)
+      discover(mac(1));  // now on S1, one DISCOVER counted
+   Platform::TraceCapture trace;
+   eth1->activeSecondaryWithMaskDel(net("10.0.1.1/24"));
+   // The count restarts on the next greater secondary: three DISCOVERs there.
+   EXPECT_EQ(discover(mac(1)), S2);
+   EXPECT_TRUE(
+       trace.contains(" giaddr not found resetting discover count for 02:00:00:00:00:01"
+                      " on Ethernet1"));
+   EXPECT_EQ(discover(mac(1)), S2);
+   eth1->activeSecondaryWithMaskDel(net("10.0.2.1/24"));
+   // None greater: the primary.
+   EXPECT_EQ(discover(mac(1)), P);
+   EXPECT_EQ(discover(mac(1)), P);
+
+   // A primary that changes sends its clients on from the old one likewise.
+   eth1->activeSecondaryWithMaskIs(net("10.0.3.1/24"));
+   discover(mac(1));  // third on P: moves to 10.0.3.1
+   eth1->activeSecondaryWithMaskDel(net("10.0.3.1/24"));
+   eth1->activeAddrWithMaskIs(net("10.0.5.1/24"));
+   eth1->activeSecondaryWithMaskIs(net("10.0.9.1/24"));
+   EXPECT_EQ(discover(mac(1)), ip("10.0.9.1"));
+}
+
+TEST_F(SmartRelayTest, AddressTableFollowsTheInterfaceBySubnet) {
+   DhcpSmartRelayIntfSm& s = *smart();
+   auto addrsOf = [&](const char* prefix) {
+      auto it = s.prefixIpLookupTbl().find(net(prefix));
+      return it == s.prefixIpLookupTbl().end() ? std::set<IpAddrWithMask>()
+                                               : it->second->ipAddrWithMask();
+   };
+   EXPECT_EQ(s.trie().size(), 3u);
+   eth1->activeSecondaryWithMaskIs(net("10.0.1.2/24"));
+   EXPECT_EQ(s.trie().size(), 3u);
+   EXPECT_EQ(addrsOf("10.0.1.0/24"),
+             (std::set<IpAddrWithMask>{net("10.0.1.1/24"), net("10.0.1.2/24")}));
+
+   // Removing one keeps the prefix; requests into it go out from the one left.
+   eth1->activeSecondaryWithMaskDel(net("10.0.1.1/24"));
+   EXPECT_TRUE(s.trie().contains(net("10.0.1.0/24")));
+   EXPECT_EQ(relay({.type = kRequest, .requested = ip("10.0.1.50")}), ip("10.0.1.2"));
+   eth1->activeSecondaryWithMaskDel(net("10.0.1.2/24"));
+   EXPECT_FALSE(s.trie().contains(net("10.0.1.0/24")));
+   EXPECT_EQ(s.prefixIpLookupTbl().count(net("10.0.1.0/24")), 0u);
+
+   // A new primary replaces the old one's subnet; a secondary promoted to primary stays.
+   eth1->activeAddrWithMaskIs(net("10.0.7.1/24"));
+   EXPECT_FALSE(s.trie().contains(net("10.0.0.0/24")));
+   EXPECT_EQ(addrsOf("10.0.7.0/24"), std::set<IpAddrWithMask>{net("10.0.7.1/24")});
+   eth1->activeAddrWithMaskIs(net("10.0.2.1/24"));
+   eth1->activeSecondaryWithMaskDel(net("10.0.2.1/24"));
+   EXPECT_EQ(addrsOf("10.0.2.0/24"), std::set<IpAddrWithMask>{net("10.0.2.1/24")});
+   EXPECT_EQ(s.primaryAddrWithMask(), net("10.0.2.1/24"));
+   EXPECT_EQ(s.trie().size(), 1u);
+}
+
+TEST_F(SmartRelayTest, ThirdDiscoverOnAnInterfaceWithoutSecondariesStopsTheAgent) {
+   eth1->activeSecondaryWithMaskDel(net("10.0.1.1/24"));
+   eth1->activeSecondaryWithMaskDel(net("10.0.2.1/24"));
+   EXPECT_EQ(discover(mac(1)), P);
+   EXPECT_EQ(discover(mac(1)), P);
+   EXPECT_DEATH(discover(mac(1)), kNoSecondaryAssertion);
+}
+
+TEST_F(SmartRelayTest, HostCountFollowsClientStates) {
+   discover(mac(1));
+   discover(mac(2));
+   discover(mac(3));
+   discover(mac(3));
+   EXPECT_EQ(hosts(), 3u);
+
+   // An offer ends the client's search: its state goes, its next DISCOVER starts on P.
+   for (int i = 0; i < 2; ++i)
+      discover(mac(1));
+   Platform::TraceCapture trace;
+   offer(mac(1));
+   EXPECT_TRUE(trace.contains(" deleting client state for 02:00:00:00:00:01"));
+   EXPECT_EQ(bed.status->totalRepliesForwarded(), 1u);
+   EXPECT_EQ(hosts(), 2u);
+   EXPECT_EQ(smart()->dsrClientState(mac(1)), nullptr);
+   EXPECT_EQ(discover(mac(1)), P);
+   EXPECT_EQ(hosts(), 3u);
+
+   // Turning smart relay off deletes every client of the interface.
+   config1->smartRelayIs(false);
+   EXPECT_EQ(smart(), nullptr);
+   EXPECT_EQ(hosts(), 0u);
+   EXPECT_EQ(bed.wheel.armedCount(), 0u);
+   EXPECT_TRUE(trace.contains(" delete smart relay SM for interface Ethernet1"));
+   EXPECT_EQ(discover(mac(2)), P);
+
+   // The global flag stands in for the interface's own.
+   bed.config->smartRelayGlobalIs(true);
+   ASSERT_NE(smart(), nullptr);
+   discover(mac(2));
+   EXPECT_EQ(hosts(), 1u);
+   config1->smartRelayIs(true);
+   bed.config->smartRelayGlobalIs(false);
+   ASSERT_NE(smart(), nullptr);
+   EXPECT_EQ(hosts(), 1u);
+   // No IP status, no machine; the relay configuration going does the same.
+   bed.ipStatus->ipIntfStatusDel(IntfId("Ethernet1"));
+   EXPECT_EQ(smart(), nullptr);
+   EXPECT_EQ(hosts(), 0u);
+   bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet1"));
+   ASSERT_NE(smart(), nullptr);
+   smart()->dsrClientStateIs(mac(9), 600.0);
+   EXPECT_EQ(hosts(), 1u);
+   bed.config->intfConfigDel(IntfId("Ethernet1"));
+   EXPECT_EQ(sm->smartRelaySm(IntfId("Ethernet1")), nullptr);
+   EXPECT_EQ(hosts(), 0u);
+}
+
+TEST_F(SmartRelayTest, ClientsBeyondTheLimitGetThePrimaryAndNoState) {
+   const uint32_t max = Status::numSmartRelayedHostsMax();
+   for (uint32_t n = 1; n < max; ++n)
+      smart()->dsrClientStateIs(mac(1000000 + n), 600.0);
+   // The last one still fits and moves on like any other.
+   for (int i = 0; i < 4; ++i)
+      discover(mac(1));
+   EXPECT_EQ(hosts(), max);
+   EXPECT_EQ(smart()->dsrClientState(mac(1))->gatewayAddress(), net("10.0.1.1/24"));
+   for (int i = 0; i < 4; ++i)
+      EXPECT_EQ(discover(mac(2)), P);
+   EXPECT_EQ(smart()->dsrClientState(mac(2)), nullptr);
+   EXPECT_EQ(hosts(), max);
+   // Room again once one expires.
+   offer(mac(1));
+   EXPECT_EQ(hosts(), max - 1);
+   discover(mac(2));
+   EXPECT_NE(smart()->dsrClientState(mac(2)), nullptr);
+   // Every state goes with the interface's machine, each giving back its count.
+   config1->smartRelayIs(false);
+   EXPECT_EQ(hosts(), 0u);
+   EXPECT_EQ(bed.wheel.armedCount(), 0u);
+}
+
+}  // namespace
+}  // namespace Ip::Helper::DhcpRelay::Test
