@@ -9,6 +9,9 @@ devices or addresses and all traffic stays between the namespaces. The relay
 agent runs inside the relay namespace (`ip netns exec`), so its default VRF is
 that namespace; `red` is the namespace a cross-VRF server lives in.
 
+A dnsmasq in the server namespace (start_dns) can be the relay namespace's DNS
+server, for servers the agent knows by host name.
+
 The server side is one bridged link (the bridge lives in the server namespace),
 so both servers are one hop from the relay's Ethernet2 and the relay's view stays
 a plain veth.
@@ -26,6 +29,7 @@ import itertools
 import json
 import os
 import re
+import shutil
 import signal
 import struct
 import subprocess
@@ -56,6 +60,8 @@ CLIENT_NET = "192.0.2.0/24"
 RELAY_CLIENT_IP = "192.0.2.1"
 SECONDARY_NET = "198.18.0.0/24"
 RELAY_SECONDARY_IP = "198.18.0.1"
+SECONDARY2_NET = "198.18.1.0/24"   # a second secondary (add_secondary)
+RELAY_SECONDARY2_IP = "198.18.1.1"
 SERVER_NET = "198.51.100.0/24"
 RELAY_SERVER_IP = "198.51.100.1"
 SERVER_IP = "198.51.100.2"
@@ -69,7 +75,8 @@ POOLS = {
     "server": {CLIENT_NET: ("192.0.2.100", "192.0.2.149"),
                SECONDARY_NET: ("198.18.0.100", "198.18.0.149")},
     "server2": {CLIENT_NET: ("192.0.2.150", "192.0.2.199"),
-                SECONDARY_NET: ("198.18.0.150", "198.18.0.199")},
+                SECONDARY_NET: ("198.18.0.150", "198.18.0.199"),
+                SECONDARY2_NET: ("198.18.1.150", "198.18.1.199")},
     # dhcpd on the client link itself (no relay): the lab's self-check.
     "direct": {CLIENT_NET: ("192.0.2.200", "192.0.2.249")},
     # dhcpd in red, reached across VRFs (see Lab.split_red_vrf).
@@ -77,6 +84,12 @@ POOLS = {
 }
 
 ROLES = ("client", "relay", "server", "server2", "red")
+
+# `ip netns exec NS` bind-mounts every file of /etc/netns/NS over its namesake in
+# /etc, so a resolv.conf there is the resolver configuration of whatever the lab runs
+# in NS (see Lab.start_dns).
+ETC_NETNS = Path("/etc/netns")
+DNS_DOMAIN = "lab.test"    # RFC 6761: reserved for tests
 
 
 def run(*args, check=True, **kw):
@@ -103,6 +116,12 @@ def _netmask(cidr):
     bits = int(cidr.split("/")[1])
     mask = (0xFFFFFFFF << (32 - bits)) & 0xFFFFFFFF
     return ".".join(str((mask >> s) & 0xFF) for s in (24, 16, 8, 0))
+
+
+def _router(cidr):
+    """The relay's address in each client subnet is the subnet's first host."""
+    net = cidr.split("/")[0].split(".")
+    return ".".join(net[:3] + [str(int(net[3]) + 1)])
 
 
 def _subnet(cidr, body=""):
@@ -165,7 +184,11 @@ class Seen:
 
 
 class Dhcpd:
-    def __init__(self, lab, role, ns, dev, pools, extra=""):
+    # Without a declaration for a giaddr's subnet dhcpd ignores the request ("unknown
+    # network segment"); `subnets` chooses which ones it knows.
+    ALL_SUBNETS = (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET)
+
+    def __init__(self, lab, role, ns, dev, pools, extra="", subnets=ALL_SUBNETS):
         self.role = role
         self.ns = ns
         base = lab.dir / f"dhcpd-{role}"
@@ -175,12 +198,11 @@ class Dhcpd:
         self.log = base.with_suffix(".log")
         text = ("authoritative;\nddns-update-style none;\n"
                 "default-lease-time 600;\nmax-lease-time 600;\n" + extra + DHCPD_LOG)
-        for cidr in (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET):
+        for cidr in subnets:
             body = ""
             if cidr in pools:
                 lo, hi = pools[cidr]
-                router = RELAY_CLIENT_IP if cidr == CLIENT_NET else RELAY_SECONDARY_IP
-                body = f" range {lo} {hi}; option routers {router}; "
+                body = f" range {lo} {hi}; option routers {_router(cidr)}; "
             text += _subnet(cidr, body)
         self.conf.write_text(text)
         self.leases.write_text("")
@@ -312,6 +334,7 @@ class Lab:
         self.prefix = prefix
         self.procs = []
         self.servers = {}
+        self._made_etc_netns = False
         self._apparmor = self._confined_binaries()
         if make_ns is None:
             def make_ns(role):
@@ -376,10 +399,15 @@ class Lab:
         self.ip("red", "route", "add", "default", "via", RELAY_RED_IP)
         run("ip", "netns", "exec", self.ns["relay"], "sysctl", "-qw", "net.ipv4.ip_forward=1")
 
-    def add_secondary(self):
-        """The relay's secondary address on the client link (smart relay, giaddr
-        rotation)."""
-        self.ip("relay", "addr", "add", f"{RELAY_SECONDARY_IP}/24", "dev", RELAY_CLIENT_DEV)
+    def add_secondary(self, cidr=SECONDARY_NET):
+        """A secondary address of the relay on the client link (smart relay, giaddr
+        rotation): the subnet's first host, which the servers route to via the relay."""
+        self.ip("relay", "addr", "add", f"{_router(cidr)}/24", "dev", RELAY_CLIENT_DEV)
+        for role in ("server", "server2"):
+            self.ip(role, "route", "replace", cidr, "via", RELAY_SERVER_IP)
+
+    def del_secondary(self, cidr=SECONDARY_NET):
+        self.ip("relay", "addr", "del", f"{_router(cidr)}/24", "dev", RELAY_CLIENT_DEV)
 
     def split_red_vrf(self):
         """Moves the relay's red-side device (Ethernet3) into a namespace of its own,
@@ -392,11 +420,12 @@ class Lab:
         self.ip("redvrf", "addr", "add", f"{RELAY_RED_IP}/24", "dev", RELAY_RED_DEV)
         self.ip("redvrf", "link", "set", RELAY_RED_DEV, "up")
 
-    def agent_config(self, path=None, **relay_settings):
+    def agent_config(self, path=None, global_relay=None, **relay_settings):
         """Writes the agent's YAML for this lab: Ethernet1 faces the client with
         `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-"; by
         default the server is `server`), Ethernet2 the servers, Ethernet3 red. VRF
-        red is the red namespace, or "redvrf" after split_red_vrf()."""
+        red is the red namespace, or "redvrf" after split_red_vrf(). `global_relay`
+        is the file's `relay:` section, keyed as in the file."""
         settings = {"servers": [{"address": SERVER_IP}]}
         settings.update({k.replace("_", "-"): v for k, v in relay_settings.items()})
         path = Path(path or self.dir / "relay.yaml")
@@ -405,6 +434,9 @@ class Lab:
                  f"devices:\n  Ethernet1: {RELAY_CLIENT_DEV}\n  Ethernet2: {RELAY_SERVER_DEV}\n"
                  f"  Ethernet3: {RELAY_RED_DEV}\n",
                  "interfaces:\n  Ethernet1:\n"]
+        if global_relay:
+            lines.insert(-1, "relay:\n" + "".join(f"  {k}: {_yaml(v)}\n"
+                                                  for k, v in global_relay.items()))
         for key, value in settings.items():
             lines.append(f"    {key}: {_yaml(value)}\n")
         path.write_text("".join(lines))
@@ -442,20 +474,71 @@ class Lab:
         self.procs.append(proc)
         return proc
 
-    def start_dhcpd(self, role="server", second_pool=False, extra=""):
+    def start_dhcpd(self, role="server", second_pool=False, extra="", only=None):
         """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, "red"
         behind the relay's Ethernet3, or "direct" on the relay namespace's client link
-        (no relay in between). `extra` goes into dhcpd.conf as it is."""
-        pools = dict(POOLS[role])
-        if not second_pool:
-            pools.pop(SECONDARY_NET, None)
+        (no relay in between). `extra` goes into dhcpd.conf as it is. `only` lists the
+        client subnets it serves (its pools of POOLS); it then knows no other client
+        subnet, so it ignores requests relayed from any other giaddr."""
+        subnets = Dhcpd.ALL_SUBNETS
+        if only is not None:
+            pools = {cidr: POOLS[role][cidr] for cidr in only}
+            subnets = (SERVER_NET, RED_NET, *only)
+        else:
+            pools = {cidr: r for cidr, r in POOLS[role].items()
+                     if cidr == CLIENT_NET or (second_pool and cidr == SECONDARY_NET)}
         if role == "direct":
-            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools, extra)
+            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools, extra, subnets)
         else:
             dev = {"server": SERVER_BRIDGE, "server2": SERVER2_DEV, "red": RED_DEV}[role]
-            d = Dhcpd(self, role, self.ns[role], dev, pools, extra)
+            d = Dhcpd(self, role, self.ns[role], dev, pools, extra, subnets)
         self.servers[role] = d
         return d
+
+    def start_dns(self, records, ttl=5):
+        """A DNS server (dnsmasq, DNS only) in the server namespace, on the server's
+        address, answering `records` ({name: IPv4 address}) with `ttl` and NXDOMAIN
+        for every other name under DNS_DOMAIN; it is the relay namespace's resolver
+        for whatever starts there from now on (the agent)."""
+        self.dns_hosts = self.dir / "dns.hosts"
+        self.dns_log = self.dir / "dnsmasq.log"
+        self._write_dns(records)
+        # No dhcp-range and no configuration file: dnsmasq serves no DHCP.
+        self._dns = proc = self.spawn("server", [
+            self.binary("/usr/sbin/dnsmasq"), "--keep-in-foreground", "--log-facility=-",
+            "--log-queries", "--conf-file=/dev/null", "--no-resolv", "--no-hosts",
+            f"--addn-hosts={self.dns_hosts}", f"--local-ttl={ttl}", f"--neg-ttl={ttl}",
+            f"--local=/{DNS_DOMAIN}/", f"--listen-address={SERVER_IP}", "--bind-interfaces",
+            "--user=root", f"--pid-file={self.dir / 'dnsmasq.pid'}"], self.dns_log)
+
+        def ready():
+            if proc.poll() is not None:
+                raise RuntimeError(f"dnsmasq exited: {self.dns_log.read_text()}")
+            return self._dns_reads()
+        wait_for(ready, 10, "dnsmasq")
+        self._made_etc_netns = not ETC_NETNS.exists()
+        etc = ETC_NETNS / self.ns["relay"]
+        etc.mkdir(parents=True, exist_ok=True)
+        (etc / "resolv.conf").write_text(f"nameserver {SERVER_IP}\n")
+
+    def set_dns(self, records):
+        """Replaces the DNS server's records; returns once it answers with them."""
+        reads = self._dns_reads()
+        self._write_dns(records)
+        self._dns.send_signal(signal.SIGHUP)  # `ip netns exec` execs dnsmasq: same pid
+        wait_for(lambda: self._dns_reads() > reads, 10, "dnsmasq to re-read its records")
+
+    def _write_dns(self, records):
+        self.dns_hosts.write_text("".join(f"{ip} {name}\n" for name, ip in records.items()))
+
+    def _dns_reads(self):
+        text = self.dns_log.read_text() if self.dns_log.exists() else ""
+        return text.count(f"read {self.dns_hosts}")
+
+    def dns_queries(self, name):
+        """The answers dnsmasq logged for `name`, in order."""
+        text = self.dns_log.read_text() if self.dns_log.exists() else ""
+        return re.findall(rf"\S+ {re.escape(name)} is (\S+)", text)
 
     def dhclient(self, timeout=10, until="BOUND"):
         """Runs dhclient once in the client namespace; returns the Lease it bound, or
@@ -517,15 +600,16 @@ class Lab:
             raise RuntimeError(f"scapy in {role} failed:\n{res.stderr}")
         return res.stdout
 
-    def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, options=()):
-        """A broadcast DHCPDISCOVER from the client namespace; `options` are extra
-        scapy DHCP options, e.g. [("relay_agent_information", b"...")]."""
+    def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, options=(), count=1):
+        """`count` broadcast DHCPDISCOVERs from the client namespace, one after the
+        other; `options` are extra scapy DHCP options, e.g.
+        [("relay_agent_information", b"...")]."""
         opts = [("message-type", "discover"), *options, "end"]
         self.scapy("client", f"""
             p = (Ether(src={mac!r}, dst="ff:ff:ff:ff:ff:ff") /
                  IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
                  BOOTP(chaddr=mac2str({mac!r}), xid={xid}, flags=0x8000) / DHCP(options={opts!r}))
-            sendp(p, iface={CLIENT_DEV!r})
+            sendp(p, iface={CLIENT_DEV!r}, count={count})
             """)
 
     def capture(self, role, dev, bpf="udp port 67 or udp port 68", promisc=False):
@@ -544,7 +628,8 @@ class Lab:
 
     def close(self):
         """Stops what the lab started, then anything else still in its namespaces
-        (a daemon that forked), then deletes the namespaces."""
+        (a daemon that forked), then deletes the namespaces and their /etc/netns
+        files."""
         for proc in self.procs:
             self._stop(proc)
         for name in self.ns.values():
@@ -562,6 +647,12 @@ class Lab:
             except TimeoutError:
                 pass
             run("ip", "netns", "del", name, check=False)
+            shutil.rmtree(ETC_NETNS / name, ignore_errors=True)
+        if self._made_etc_netns:
+            try:
+                ETC_NETNS.rmdir()  # unless another lab has files there now
+            except OSError:
+                pass
 
 
 _lab_numbers = itertools.count()

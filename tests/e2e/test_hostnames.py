@@ -1,0 +1,99 @@
+"""DHCPv4 servers named by host name: the agent resolves them through its namespace's
+resolver configuration (a dnsmasq in the lab, see Lab.start_dns), follows a changed
+address once the answer's TTL runs out, and keeps relaying to its other servers while
+a name does not resolve."""
+
+import lab as L
+from lab import lab  # noqa: F401  (fixture)
+from test_relay4_vrf import NO_PING, in_pool, start_agent
+
+NAME = f"dhcp1.{L.DNS_DOMAIN}"
+MISSING = f"nowhere.{L.DNS_DOMAIN}"
+TTL = 5               # the least TTL the agent honours
+PROBE_MAC = "02:00:00:00:0c:61"
+
+
+def relayed_to(frames):
+    """(server address, xid) of each request the relay sent, in the order it sent them."""
+    from scapy.layers.dhcp import BOOTP
+    from scapy.layers.inet import IP
+    return [(f[IP].dst, f[BOOTP].xid) for f in frames if BOOTP in f and f[BOOTP].op == 1]
+
+
+def discover_until_offer_from(lab, server_ip, timeout):  # noqa: F811
+    """Sends a DISCOVER (a new xid each) every half second from the client namespace
+    until an OFFER from `server_ip` arrives; returns that OFFER's xid, or None."""
+    out = lab.scapy("client", f"""
+        import time
+        got = []
+        sniffer = AsyncSniffer(iface={L.CLIENT_DEV!r}, filter="udp dst port 68",
+                               prn=got.append, lfilter=lambda p: DHCP in p and
+                               ("server_id", {server_ip!r}) in p[DHCP].options)
+        sniffer.start()
+        deadline = time.monotonic() + {timeout}
+        xid = 0x7000
+        while not got and time.monotonic() < deadline:
+            xid += 1
+            sendp(Ether(src={PROBE_MAC!r}, dst="ff:ff:ff:ff:ff:ff") /
+                  IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
+                  BOOTP(chaddr=mac2str({PROBE_MAC!r}), xid=xid, flags=0x8000) /
+                  DHCP(options=[("message-type", "discover"), "end"]), iface={L.CLIENT_DEV!r})
+            sent = time.monotonic()
+            while not got and time.monotonic() - sent < 0.5:
+                time.sleep(0.02)
+        sniffer.stop()
+        print(got[0][BOOTP].xid if got else "none")
+        """, timeout=timeout + 20)
+    last = out.split()[-1]
+    return None if last == "none" else int(last)
+
+
+def test_server_named_by_host_name_follows_its_address(lab, tmp_path):  # noqa: F811
+    server = lab.start_dhcpd("server", extra=NO_PING)
+    server2 = lab.start_dhcpd("server2", extra=NO_PING)
+    lab.start_dns({NAME: L.SERVER_IP}, ttl=TTL)
+    a = start_agent(lab, tmp_path, servers=[{"hostname": NAME}])
+    try:
+        with lab.capture("relay", L.RELAY_SERVER_DEV) as cap:
+            lease = lab.dhclient(timeout=10)
+            assert lease is not None, (a.log_text(), lab.dns_log.read_text())
+            assert in_pool(lease.ip, "server") and lease.server == L.SERVER_IP
+            assert server.seen() and not server2.seen()
+
+            lab.set_dns({NAME: L.SERVER2_IP})
+            xid = discover_until_offer_from(lab, L.SERVER2_IP, TTL + 5)
+            assert xid is not None, (a.log_text(), lab.dns_log.read_text())
+            frames = cap.stop()
+        # The move is a switch: nothing went to the old address once the new one was
+        # in use, and no request went to both.
+        sent = relayed_to(frames)
+        first_new = [dst for dst, _ in sent].index(L.SERVER2_IP)
+        assert first_new > 0 and {dst for dst, _ in sent[:first_new]} == {L.SERVER_IP}, sent
+        assert {dst for dst, _ in sent[first_new:]} == {L.SERVER2_IP}, sent
+        assert (L.SERVER_IP, xid) not in sent
+        assert L.SERVER2_IP in lab.dns_queries(NAME)
+    finally:
+        assert a.stop() == 0
+
+
+def test_name_that_does_not_resolve_leaves_the_other_servers_working(lab, tmp_path):  # noqa: F811
+    server = lab.start_dhcpd("server", extra=NO_PING)
+    lab.start_dns({NAME: L.SERVER2_IP}, ttl=TTL)
+    a = start_agent(lab, tmp_path, servers=[{"hostname": MISSING}, {"address": L.SERVER_IP}])
+    try:
+        # Asked again (the agent backs off from a second upwards): the name failed for
+        # good once already, and the lease below is relayed while it keeps failing.
+        L.wait_for(lambda: lab.dns_queries(MISSING).count("NXDOMAIN") >= 2, 10,
+                   f"the agent to look up {MISSING} twice")
+        lease = lab.dhclient(timeout=10)
+        assert lease is not None, a.log_text()
+        assert in_pool(lease.ip, "server") and lease.server == L.SERVER_IP
+        assert server.acks() == [(lease.ip, L.RELAY_CLIENT_IP)]
+        assert a.proc.poll() is None
+
+        # Once the name exists it is a server like any other.
+        lab.start_dhcpd("server2", extra=NO_PING)
+        lab.set_dns({NAME: L.SERVER2_IP, MISSING: L.SERVER2_IP})
+        assert discover_until_offer_from(lab, L.SERVER2_IP, 15) is not None, a.log_text()
+    finally:
+        assert a.stop() == 0, a.log_text()
