@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <sys/epoll.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -56,15 +57,29 @@ DnsAnswer answerOf(int status, const unsigned char* abuf, int alen) {
 }  // namespace
 
 DnsResolver::DnsResolver(EventLoop& loop, TimerWheel& wheel, const Options& options)
-    : loop_(loop), timeout_(wheel, [this] { handleTimeout(); }) {
+    : loop_(loop), options_(options), timeout_(wheel, [this] { handleTimeout(); }) {
    ares_library_init(ARES_LIB_INIT_ALL);
+   doOpen();
+}
+
+DnsResolver::~DnsResolver() {
+   doClose();
+   ares_library_cleanup();
+}
+
+void DnsResolver::doOpen() {
+   openedWith_ = resolvConfStamp();
    ares_options opts{};
    opts.sock_state_cb = &DnsResolver::handleSockState;
    opts.sock_state_cb_data = this;
-   opts.timeout = static_cast<int>(std::lround(options.queryTimeout * 1000));
-   opts.tries = options.tries;
+   opts.timeout = static_cast<int>(std::lround(options_.queryTimeout * 1000));
+   opts.tries = options_.tries;
+   opts.udp_port = options_.port;
+   opts.tcp_port = options_.port;
+   opts.resolvconf_path = const_cast<char*>(options_.resolvConf.c_str());
    int status = ares_init_options(&channel_, &opts,
-                                  ARES_OPT_SOCK_STATE_CB | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES);
+                                  ARES_OPT_SOCK_STATE_CB | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES |
+                                      ARES_OPT_UDP_PORT | ARES_OPT_TCP_PORT | ARES_OPT_RESOLVCONF);
    if (status != ARES_SUCCESS) {
       TRACE(0, "cannot start the DNS resolver: ", ares_strerror(status));
       channel_ = nullptr;
@@ -77,31 +92,49 @@ DnsResolver::DnsResolver(EventLoop& loop, TimerWheel& wheel, const Options& opti
           return fcntl(fd, F_SETFD, FD_CLOEXEC);
        },
        nullptr);
-   if (!options.servers.empty()) {
-      status = ares_set_servers_ports_csv(channel_, options.servers.c_str());
+   if (!options_.servers.empty()) {
+      status = ares_set_servers_ports_csv(channel_, options_.servers.c_str());
       if (status != ARES_SUCCESS)
-         TRACE(0, "bad DNS server list \"", options.servers, "\": ", ares_strerror(status));
+         TRACE(0, "bad DNS server list \"", options_.servers, "\": ", ares_strerror(status));
    }
 }
 
-DnsResolver::~DnsResolver() {
+void DnsResolver::doClose() {
    destroying_ = true;
    // The loop lets go of the sockets before c-ares closes them.
    for (int fd : fds_)
       loop_.removeFd(fd);
    fds_.clear();
+   timeout_.cancel();
    if (channel_)
       ares_destroy(channel_);
-   ares_library_cleanup();
+   channel_ = nullptr;
+   destroying_ = false;
+}
+
+DnsResolver::FileStamp DnsResolver::resolvConfStamp() const {
+   struct stat st;
+   if (::stat(options_.resolvConf.c_str(), &st) != 0)
+      return {};
+   return {st.st_dev, st.st_ino, static_cast<uint64_t>(st.st_size),
+           int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
 }
 
 void DnsResolver::query(const std::string& name, Callback callback) {
+   // Reopened only between lookups, so that no lookup in flight is lost; the file is
+   // looked at once per lookup, never per packet.
+   if (options_.servers.empty() && pending_ == 0 && resolvConfStamp() != openedWith_) {
+      TRACE(3, options_.resolvConf, " changed: reading it again");
+      doClose();
+      doOpen();
+   }
    if (!channel_) {
       DnsAnswer answer;
       answer.reason = "no DNS resolver";
       callback(answer);
       return;
    }
+   ++pending_;
    auto* q = new Query{this, std::move(callback)};
    ares_search(channel_, name.c_str(), ns_c_in, ns_t_a, &DnsResolver::handleQueryDone, q);
    doArmTimeout();
@@ -138,6 +171,7 @@ void DnsResolver::handleSockState(void* data, int fd, int readable, int writable
 void DnsResolver::handleQueryDone(void* arg, int status, int /*timeouts*/, unsigned char* abuf,
                                   int alen) {
    std::unique_ptr<Query> q(static_cast<Query*>(arg));
+   --q->resolver->pending_;
    if (q->resolver->destroying_)
       return;
    q->callback(answerOf(status, abuf, alen));

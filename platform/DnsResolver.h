@@ -31,10 +31,15 @@ struct DnsAnswer {
 class DnsResolver {
  public:
    struct Options {
-      // "address[:port],..." instead of the servers of /etc/resolv.conf; empty: those.
+      // "address[:port],..." instead of the servers of the resolver configuration; empty:
+      // those.
       std::string servers;
       double queryTimeout = 2.0;  // seconds, for the first try; c-ares doubles it per round
       int tries = 3;
+      // The resolver configuration: servers, search domains, ndots. Read again before a
+      // lookup when it has changed, like the C library's resolver does.
+      std::string resolvConf = "/etc/resolv.conf";
+      uint16_t port = 53;  // of the configuration's servers
    };
    using Callback = std::function<void(const DnsAnswer&)>;
 
@@ -59,8 +64,21 @@ class DnsResolver {
    void handleFd(int fd, uint32_t events);
    void handleTimeout();
    void doArmTimeout();
+   void doOpen();
+   void doClose();
+
+   // What tells one version of the configuration file from another.
+   struct FileStamp {
+      uint64_t dev = 0, ino = 0, size = 0;
+      int64_t mtimeNs = -1;
+      bool operator==(const FileStamp&) const = default;
+   };
+   FileStamp resolvConfStamp() const;
 
    EventLoop& loop_;
+   const Options options_;
+   FileStamp openedWith_;
+   size_t pending_ = 0;  // lookups not answered yet
    ares_channeldata* channel_ = nullptr;
    std::set<int> fds_;  // the channel's sockets the loop watches
    Timer timeout_;

@@ -41,10 +41,7 @@ NamelookSm::NamelookSm(const Ptr<ResolutionRecordDir>& recordDir,
       requestDir_(requestDir),
       wheel_(wheel),
       options_(options),
-      resolver_(loop, wheel,
-                {.servers = options.servers,
-                 .queryTimeout = options.queryTimeout,
-                 .tries = options.queryTries}) {
+      resolver_(loop, wheel, options.dns) {
    PLATFORM_ASSERT(options.ttlMin > 0 && options.ttlMin <= options.ttlMax && options.retryMin > 0 &&
                        options.retryMin <= options.retryMax && options.hostsFileRecheck > 0,
                    "namelook delays are positive and bounded");

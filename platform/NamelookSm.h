@@ -22,10 +22,8 @@ class EventLoop;
 class NamelookSm {
  public:
    struct Options {
-      // "address[:port],..." instead of the servers of /etc/resolv.conf; empty: those.
-      std::string servers;
-      double queryTimeout = 2.0;
-      int queryTries = 3;
+      // Where and how names are looked up.
+      DnsResolver::Options dns;
       // A DNS answer is asked again when its TTL runs out, kept within these bounds.
       double ttlMin = 5.0;
       double ttlMax = 3600.0;

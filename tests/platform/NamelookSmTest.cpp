@@ -8,17 +8,16 @@
 
 #include <array>
 #include <cctype>
-#include <functional>
+#include <cstdio>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/TimerWheel.h"
 #include "platform/Trace.h"
+#include "tests/platform/NetnsFixture.h"
 
 namespace Platform {
 namespace {
@@ -33,11 +32,14 @@ class DnsResponder {
  public:
    enum class Mode { Answer, ServFail, Silent };
 
-   explicit DnsResponder(EventLoop& loop) : loop_(loop) {
+   // On an ephemeral port unless told one.
+   explicit DnsResponder(EventLoop& loop, IpAddr address = IpAddr(0x7f000001), uint16_t port = 0)
+       : loop_(loop) {
       fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
       sockaddr_in addr{};
       addr.sin_family = AF_INET;
-      addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      addr.sin_addr.s_addr = address.toNetwork();
+      addr.sin_port = htons(port);
       socklen_t len = sizeof addr;
       if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
           getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
@@ -51,6 +53,7 @@ class DnsResponder {
    }
 
    std::string server() const { return "127.0.0.1:" + std::to_string(port_); }
+   uint16_t port() const { return port_; }
    void answerIs(const std::string& name, std::set<IpAddr> address, uint32_t ttl) {
       answer_[name] = {std::move(address), ttl};
    }
@@ -105,26 +108,17 @@ class DnsResponder {
       r[6] = 0;
       r[7] = static_cast<uint8_t>(count);
       r[8] = r[9] = r[10] = r[11] = 0;
+      auto put = [&r](uint32_t v, int bytes) {
+         while (bytes--)
+            r.push_back(static_cast<uint8_t>(v >> (8 * bytes)));
+      };
+      // Each answer: a pointer to the question's name, type A, class IN, TTL, the address.
       for (size_t i = 0; i < count; ++i) {
-         const uint32_t ttl = it->second.ttl;
-         const uint32_t a = std::next(it->second.address.begin(), i)->value();
-         const uint8_t rr[] = {0xc0,
-                               12,
-                               0,
-                               1,
-                               0,
-                               1,
-                               uint8_t(ttl >> 24),
-                               uint8_t(ttl >> 16),
-                               uint8_t(ttl >> 8),
-                               uint8_t(ttl),
-                               0,
-                               4,
-                               uint8_t(a >> 24),
-                               uint8_t(a >> 16),
-                               uint8_t(a >> 8),
-                               uint8_t(a)};
-         r.insert(r.end(), std::begin(rr), std::end(rr));
+         put(0xc00c0001, 4);
+         put(1, 2);
+         put(it->second.ttl, 4);
+         put(4, 2);
+         put(std::next(it->second.address.begin(), static_cast<ptrdiff_t>(i))->value(), 4);
       }
       sendto(fd_, r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&peer), peerLen);
    }
@@ -171,32 +165,26 @@ class RecordLog : public ResolutionRecordDir::Reactor {
    std::map<std::string, std::unique_ptr<AddressLog>> records_;
 };
 
-class NamelookSmTest : public testing::Test {
+class NamelookSmTest : public TestNet::LoopTest {
  protected:
    // Small delays so that every refresh, retry and timeout happens within a second.
    NamelookSm::Options options() const {
-      return {.servers = dns_.server(),
-              .queryTimeout = 0.1,
-              .queryTries = 1,
+      return {.dns = {.servers = dns_.server(), .queryTimeout = 0.1, .tries = 1},
               .ttlMin = 0.1,
               .ttlMax = 0.2,
               .retryMin = 0.05,
               .retryMax = 0.2,
               .hostsFileRecheck = 0.2};
    }
+   void start(const NamelookSm::Options& options) {
+      sm_ = std::make_unique<NamelookSm>(records_, requests_, loop_, wheel_, options);
+      sm_->handleInitialized();
+   }
    void start() {
       sm_ = std::make_unique<NamelookSm>(records_, requests_, loop_, wheel_, options());
       sm_->handleInitialized();
    }
 
-   // Turns the loop until done() holds, for at most three seconds; waiting on real
-   // descriptors and timers, never sleeping.
-   bool turnUntil(const std::function<bool()>& done) {
-      const double limit = clock_.now() + 3.0;
-      while (!done() && clock_.now() < limit)
-         loop_.runOnce(20);
-      return done();
-   }
    void turnFor(double seconds) {
       const double limit = clock_.now() + seconds;
       while (clock_.now() < limit)
@@ -208,10 +196,6 @@ class NamelookSmTest : public testing::Test {
       return record ? record->ipAddress() : std::set<IpAddr>{};
    }
 
-   MonotonicClock clock_;
-   UtcClock utc_;
-   TimerWheel wheel_{clock_, utc_};
-   EventLoop loop_{wheel_};
    DnsResponder dns_{loop_};
    Ptr<ResolutionRecordDir> records_ = make<ResolutionRecordDir>("records");
    Ptr<ResolutionRequestDir> requests_ = make<ResolutionRequestDir>("requests");
@@ -337,6 +321,33 @@ TEST_F(NamelookSmTest, InitializingResolvesWhatIsRequestedAndDropsWhatIsNot) {
    EXPECT_EQ(records_->record("stale.example.test"), nullptr);
    ASSERT_TRUE(turnUntil([&] { return records_->record(name) != nullptr; }));
    EXPECT_EQ(addresses(name), std::set<IpAddr>{ip("10.0.5.1")});
+}
+
+TEST_F(NamelookSmTest, AChangedResolverConfigurationIsReadBeforeTheNextLookup) {
+   // Two servers on one port, told apart by address: the configuration names one of them.
+   DnsResponder other(loop_, ip("127.0.0.2"), dns_.port());
+   const std::string name = "moved.example.test";
+   dns_.answerIs(name, {ip("10.0.4.1")}, 1);
+   other.answerIs(name, {ip("10.0.4.2")}, 1);
+   const std::string conf = testing::TempDir() + "resolv-" + std::to_string(::getpid());
+   auto write = [&](const char* server) {
+      // Replaced as the tools that manage it do: a new file renamed over the old one.
+      std::ofstream(conf + ".new") << "nameserver " << server << "\n";
+      ASSERT_EQ(std::rename((conf + ".new").c_str(), conf.c_str()), 0);
+   };
+   write("127.0.0.1");
+   NamelookSm::Options o = options();
+   o.dns.servers.clear();
+   o.dns.resolvConf = conf;
+   o.dns.port = dns_.port();
+   start(o);
+   requests_->requestIs(name, 1);
+   ASSERT_TRUE(turnUntil([&] { return addresses(name) == std::set<IpAddr>{ip("10.0.4.1")}; }));
+
+   write("127.0.0.2");
+   ASSERT_TRUE(turnUntil([&] { return addresses(name) == std::set<IpAddr>{ip("10.0.4.2")}; }));
+   EXPECT_GT(other.queries(name), 0);
+   std::remove(conf.c_str());
 }
 
 }  // namespace
