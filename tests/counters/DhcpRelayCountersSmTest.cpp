@@ -42,6 +42,19 @@ class DhcpRelayCountersSmTest : public testing::Test {
       sm_->handleInitialized();
    }
 
+   // Distinct values on both interfaces, to see which ones a reset clears.
+   void fillInterfaceCounters() {
+      for (const IntfId& intf : {vlan10_, vlan20_}) {
+         Ptr<IntfStatus> s = local_->intfStatus(intf);
+         s->requestsReceivedIs(11);
+         s->requestsDroppedIs(12);
+         s->repliesForwardedIs(13);
+         s->requestsForwardedWithNonSubnetIpIs(14);
+         s->requestsForwardedWithCrossVrfIpIs(15);
+         s->requestsDroppedByOption79Is(16);
+      }
+   }
+
    // Both clocks move together; the wheel runs as the event loop would run it.
    void advance(double seconds) {
       monotonic_.advance(seconds);
@@ -121,15 +134,7 @@ TEST_F(DhcpRelayCountersSmTest, AnUpdateRequestPublishesAtOnceOnlyWhenNewerThanT
 }
 
 TEST_F(DhcpRelayCountersSmTest, ResetAllKeepsCrossVrfCountsAndSmartHostsAndPublishesAtOnce) {
-   for (const IntfId& intf : {vlan10_, vlan20_}) {
-      Ptr<IntfStatus> s = local_->intfStatus(intf);
-      s->requestsReceivedIs(11);
-      s->requestsDroppedIs(12);
-      s->repliesForwardedIs(13);
-      s->requestsForwardedWithNonSubnetIpIs(14);
-      s->requestsForwardedWithCrossVrfIpIs(15);
-      s->requestsDroppedByOption79Is(16);
-   }
+   fillInterfaceCounters();
    local_->totalRequestsReceivedIs(100);
    local_->totalRequestsForwardedWithCrossVrfIpIs(30);
    local_->totalRepliesDroppedIs(4);
@@ -160,15 +165,7 @@ TEST_F(DhcpRelayCountersSmTest, ResetAllKeepsCrossVrfCountsAndSmartHostsAndPubli
 }
 
 TEST_F(DhcpRelayCountersSmTest, AnInterfaceResetClearsOnlyItsReceivedDroppedAndForwardedCounts) {
-   for (const IntfId& intf : {vlan10_, vlan20_}) {
-      Ptr<IntfStatus> s = local_->intfStatus(intf);
-      s->requestsReceivedIs(11);
-      s->requestsDroppedIs(12);
-      s->repliesForwardedIs(13);
-      s->requestsForwardedWithNonSubnetIpIs(14);
-      s->requestsForwardedWithCrossVrfIpIs(15);
-      s->requestsDroppedByOption79Is(16);
-   }
+   fillInterfaceCounters();
    local_->totalRequestsReceivedIs(100);
    advance(5.0);
    ASSERT_EQ(publications_.times.size(), 1u);

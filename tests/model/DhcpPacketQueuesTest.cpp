@@ -85,34 +85,23 @@ class DhcpPacketQueuesTest : public ::testing::Test {
 TEST_F(DhcpPacketQueuesTest, PacketsQueuedBeforeTheConsumerAreProcessedOldestFirst) {
    const DhcpPacketInfo first = packetInfo("Ethernet1");
    const DhcpPacketInfo second = packetInfo("Ethernet2");
-   queues->snoopingToRelayQueueEnq(first);
-   queues->snoopingToRelayQueueEnq(second);
-
-   // Attached but not initialized: the whole-queue handler must leave the queue alone.
-   TestConsumer consumer(queues);
-   consumer.attach();
-   EXPECT_TRUE(consumer.processed.empty());
-   EXPECT_EQ(queues->snoopingToRelayQueue().size(), 2u);
-
-   consumer.initialize();
-   ASSERT_EQ(consumer.processed.size(), 2u);
-   EXPECT_EQ(consumer.processed[0], first);
-   EXPECT_EQ(consumer.processed[1], second);
-   EXPECT_TRUE(queues->snoopingToRelayQueue().empty());
-}
-
-TEST_F(DhcpPacketQueuesTest, AnInitializedConsumerDrainsWhenItAttaches) {
-   const DhcpPacketInfo first = packetInfo("Ethernet1");
-   const DhcpPacketInfo second = packetInfo("Ethernet2");
-   queues->snoopingToRelayQueueEnq(first);
-   queues->snoopingToRelayQueueEnq(second);
-
-   TestConsumer consumer(queues);
-   consumer.initialize();
-   consumer.attach();
-   ASSERT_EQ(consumer.processed.size(), 2u);
-   EXPECT_EQ(consumer.processed[0], first);
-   EXPECT_EQ(consumer.processed[1], second);
+   for (bool attachFirst : {true, false}) {
+      queues->snoopingToRelayQueueEnq(first);
+      queues->snoopingToRelayQueueEnq(second);
+      TestConsumer consumer(queues);
+      if (attachFirst) {
+         // Attached but not initialized: the whole-queue handler must leave the queue alone.
+         consumer.attach();
+         EXPECT_EQ(queues->snoopingToRelayQueue().size(), 2u);
+         consumer.initialize();
+      } else {
+         // Initialized first: attaching drains.
+         consumer.initialize();
+         consumer.attach();
+      }
+      EXPECT_EQ(consumer.processed, (std::vector<DhcpPacketInfo>{first, second})) << attachFirst;
+      EXPECT_TRUE(queues->snoopingToRelayQueue().empty());
+   }
 }
 
 TEST_F(DhcpPacketQueuesTest, PerEntryNotificationTakesTheHeadNotTheNotifiedIndex) {
@@ -185,15 +174,13 @@ TEST_F(DhcpPacketQueuesTest, EachQueueNotifiesOnlyItsOwnHandlers) {
    EXPECT_TRUE(queues->relayToSnoopingQueue().empty());
 }
 
-TEST_F(DhcpPacketQueuesTest, DequeueAndLookupOnMissingEntriesGiveEmptyRecords) {
+TEST_F(DhcpPacketQueuesTest, IndicesGrowAndHeadFollowsTheOldestEntry) {
+   // Missing entries give empty records.
    EXPECT_TRUE(!queues->snoopingToRelayQueueDeq());
    EXPECT_TRUE(!queues->relayToSnoopingQueueDeq());
    EXPECT_TRUE(!queues->snoopingToRelayQueue(0));
    queues->snoopingToRelayQueueDel(42);
    EXPECT_EQ(queues->snoopingToRelayQueueMetadata(), (SnoopingToRelayQueueMetadata{0, 0}));
-}
-
-TEST_F(DhcpPacketQueuesTest, IndicesGrowAndHeadFollowsTheOldestEntry) {
    for (uint32_t i = 0; i < 3; ++i) {
       EXPECT_EQ(queues->snoopingToRelayQueueEnq(packetInfo("Ethernet1")), i);
    }
@@ -259,9 +246,8 @@ TEST_F(DhcpPacketQueuesTest, OrderAndLookupSurviveRingWrapAndGrowth) {
 TEST_F(DhcpPacketQueuesTest, RemovedEntriesReleaseTheirPackets) {
    DhcpPacketInfo info = packetInfo("Ethernet1");
    const Pkt* pkt = info.packet.get();
-   queues->snoopingToRelayQueueEnq(info);
-   queues->snoopingToRelayQueueEnq(info);
-   queues->snoopingToRelayQueueEnq(info);
+   for (int i = 0; i < 3; ++i)
+      queues->snoopingToRelayQueueEnq(info);
    EXPECT_EQ(pkt->refCount(), 4u);
    queues->snoopingToRelayQueueDeq();
    queues->snoopingToRelayQueueDel(2);
@@ -304,9 +290,7 @@ TEST(DhcpPacketInfoTest, PrintedForm) {
        "Value('Ip::Helper::DhcpRelay::DhcpPacketInfo', ** {'packet': " + info.packet->toString() +
            ", 'intfId': Ethernet1/2, 'fromSnooping': True, 'rcvdDhcpLen': 300, "
            "'srcIp6Addr': fe80::1})");
-   EXPECT_EQ(DhcpPacketInfo{}.toString(),
-             "Value('Ip::Helper::DhcpRelay::DhcpPacketInfo', ** {'packet': None, 'intfId': , "
-             "'fromSnooping': False, 'rcvdDhcpLen': 0, 'srcIp6Addr': ::})");
+   EXPECT_NE(DhcpPacketInfo{}.toString().find("'packet': None"), std::string::npos);
 }
 
 }  // namespace

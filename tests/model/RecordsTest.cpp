@@ -97,9 +97,8 @@ TEST(RecordsTest, DeletingByTheStoredElementHandsTheHandlerALiveValue) {
    Ptr<HostnameToIntfName> h = map->hostnameToIntfNameIs("dhcp.example.com");
    EXPECT_EQ(map->hostnameToIntfNameIs("dhcp.example.com"), h);
    log.notifierIs(h);
-   h->intfIdCollIs(IntfId("Ethernet1"));
-   h->intfIdCollIs(IntfId("Ethernet1"));
-   h->intfIdCollIs(IntfId("Ethernet2"));
+   for (const char* intf : {"Ethernet1", "Ethernet1", "Ethernet2"})
+      h->intfIdCollIs(IntfId(intf));
    while (!h->intfIdColl().empty())
       h->intfIdCollDel(*h->intfIdColl().begin());
    EXPECT_EQ(log.seen,
@@ -113,7 +112,6 @@ TEST(RecordsTest, ReferenceCountsReadZeroWhenAbsentAndNotifyOnlyOnChange) {
    } log;
    Ptr<IntfServerIpDir> dir = Platform::make<IntfServerIpDir>("dir");
    Ptr<IntfServerIp> s = dir->drIntfServerIpIs(IntfId("Vlan10"));
-   EXPECT_EQ(s->name(), "Vlan10");
    log.notifierIs(s);
    const VrfIpSrcIntfSrcIp key{VrfName("red"), ip("10.0.0.1"), {}, {}};
    EXPECT_EQ(s->serverIp(key), 0u);

@@ -58,6 +58,19 @@ TEST(StatusTest, CountersAreListedUnderTheirPublishedNames) {
        (std::vector<std::string>{"requestsReceived", "requestsDropped", "requestsDroppedByOption79",
                                  "requestsForwardedWithCrossVrfIp",
                                  "requestsForwardedWithNonSubnetIp", "repliesForwarded"}));
+   Ptr<Bridging::DhcpSnooping::Status> snooping =
+       Platform::make<Bridging::DhcpSnooping::Status>("snooping");
+   std::vector<std::string> expected;
+   for (const char* dir : {"snoopingToRelay", "relayToSnooping"}) {
+      for (const char* what : {"Received", "Forwarded", "DropVlanIdErr", "DropParseErr",
+                               "DropDhcpOpErr", "DropInfoOptErr", "DropDisabled"}) {
+         expected.push_back(std::string(dir) + what);
+      }
+   }
+   EXPECT_EQ(counterNames(*snooping->debugCounters()), expected);
+   EXPECT_EQ(counterNames(*snooping->vlanStatusIs(10)),
+             (std::vector<std::string>{"requestsReceived", "requestsForwarded", "repliesReceived",
+                                       "repliesForwarded"}));
 }
 
 TEST(StatusTest, EveryCounterChangeNotifiesItsHandlerThenTheGenericOne) {
@@ -69,8 +82,6 @@ TEST(StatusTest, EveryCounterChangeNotifiesItsHandlerThenTheGenericOne) {
    status->totalRequestsReceivedIs(7);  // no change
    EXPECT_EQ(r.log, (std::vector<std::string>{"totalRepliesDropped", "counter",
                                               "totalRequestsReceived", "counter"}));
-   EXPECT_EQ(status->totalRepliesDropped(), 1u);
-   EXPECT_EQ(status->totalRequestsReceived(), 7u);
 }
 
 // Copying is covered with the relay's counter copy, which is built on countersIs.
@@ -118,22 +129,6 @@ TEST(StatusTest, SmartRelayedHostsCountCannotGoBelowZero) {
    status->numSmartRelayedHostsDec();
    EXPECT_EQ(status->numSmartRelayedHosts(), 0u);
    EXPECT_DEATH(status->numSmartRelayedHostsDec(), "numSmartRelayedHosts decremented below zero");
-}
-
-TEST(StatusTest, SnoopingDebugCountersAreListedUnderTheirPublishedNames) {
-   Ptr<Bridging::DhcpSnooping::Status> status =
-       Platform::make<Bridging::DhcpSnooping::Status>("status");
-   std::vector<std::string> expected;
-   for (const char* dir : {"snoopingToRelay", "relayToSnooping"}) {
-      for (const char* what : {"Received", "Forwarded", "DropVlanIdErr", "DropParseErr",
-                               "DropDhcpOpErr", "DropInfoOptErr", "DropDisabled"}) {
-         expected.push_back(std::string(dir) + what);
-      }
-   }
-   EXPECT_EQ(counterNames(*status->debugCounters()), expected);
-   EXPECT_EQ(counterNames(*status->vlanStatusIs(10)),
-             (std::vector<std::string>{"requestsReceived", "requestsForwarded", "repliesReceived",
-                                       "repliesForwarded"}));
 }
 
 }  // namespace

@@ -216,8 +216,7 @@ TEST(EthAddrTest, ParseAndPrint) {
                        {"", "00:1c:73:aa:bb", "00:1c:73:aa:bb:cc:dd", "0:1c:73:aa:bb:cc",
                         "00:1c:73:aab:b:cc", "00-1c-73-aa-bb-cc", "00:1c:73:aa:bb:cg",
                         "001c:73aa:bbcc", "001c.73aa.bbc", "001c.73aa.bbcc.", "001c73.aabbcc"});
-   EXPECT_TRUE(EthAddr().isZero());
-   EXPECT_FALSE(EthAddr().isBroadcast());
+   EXPECT_TRUE(EthAddr().isZero() && !EthAddr().isBroadcast());
    EXPECT_TRUE(EthAddr::parse("ff:ff:ff:ff:ff:ff")->isBroadcast());
    EXPECT_FALSE(EthAddr::parse("00:00:00:00:00:01")->isZero());
 }
@@ -233,26 +232,25 @@ TEST(NameTest, ParseAndPrint) {
 }
 
 TEST(NameTest, OverLongConstructionThrowsItsOwnText) {
-   EXPECT_EQ(VrfName::maxLength, 100u);
+   auto thrown = [](auto construct) {
+      try {
+         construct();
+      } catch (const std::range_error& e) {
+         return std::string(e.what());
+      }
+      return std::string("no exception");
+   };
    EXPECT_NO_THROW(VrfName(std::string(100, 'v')));
-   try {
-      VrfName(std::string(101, 'v'));
-      ADD_FAILURE() << "no exception";
-   } catch (const std::range_error& e) {
-      EXPECT_STREQ(e.what(), "VrfName::bytes > VrfName::maxLength not allowed");
-   }
+   EXPECT_EQ(thrown([] { VrfName(std::string(101, 'v')); }),
+             "VrfName::bytes > VrfName::maxLength not allowed");
    EXPECT_NO_THROW(NamespaceName(std::string(150, 'n')));
-   try {
-      NamespaceName(std::string(151, 'n'));
-      ADD_FAILURE() << "no exception";
-   } catch (const std::range_error& e) {
-      EXPECT_STREQ(e.what(), "NamespaceName::bytes > 150 not allowed");
-   }
+   EXPECT_EQ(thrown([] { NamespaceName(std::string(151, 'n')); }),
+             "NamespaceName::bytes > 150 not allowed");
 }
 
-TEST(NameTest, DefaultVrf) {
-   EXPECT_TRUE(VrfName::defaultVrf().isDefault());
-   EXPECT_EQ(VrfName::defaultVrf().toString(), "default");
+TEST(NameTest, OnlyTheNameDefaultIsTheDefaultVrf) {
+   EXPECT_EQ(VrfName::defaultVrf(), VrfName("default"));
+   EXPECT_TRUE(VrfName("default").isDefault());
    EXPECT_FALSE(VrfName().isDefault());
    EXPECT_FALSE(VrfName("red").isDefault());
 }
@@ -271,8 +269,6 @@ TEST(IntfIdTest, ParseAndPrint) {
                       {"", long65, "Ethernet 1", "Ethernet1:1", "Ethernet1\n", "Eth\xc3\xa9rnet",
                        std::string_view("Eth\0x", 5)});
    EXPECT_TRUE(IntfId().empty());
-   EXPECT_EQ(IntfId().toString(), "");
-   EXPECT_NE(IntfId(), IntfId("Ethernet1"));
 }
 
 TEST(IntfIdTest, VlanIds) {

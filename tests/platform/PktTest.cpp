@@ -33,7 +33,6 @@ std::string layout(const Pkt& pkt) {
 TEST(PktTest, CreateAndCopy) {
    auto pkt = Pkt::create(3, 2, 5);
    EXPECT_EQ(layout(*pkt), "head=2 tail=5 [ 0 0 0 ]");
-   EXPECT_EQ(pkt->bytes(), 3u);
    EXPECT_EQ(pkt->toString(), "Pkt(bytes=3)");
    EXPECT_EQ(layout(*Pkt::create(0)), "head=64 tail=512 [ ]");
    EXPECT_EQ(layout(*numbered(3, 0, 0)), "head=0 tail=0 [ 1 2 3 ]");

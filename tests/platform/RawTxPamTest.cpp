@@ -33,28 +33,10 @@ class ActiveLog : public RawTxPam::Reactor {
 
 using RawTxPamTest = PacketTest::VethTest;
 
-TEST_F(RawTxPamTest, SendsTheFrameAsItIsOnTheNamedDevice) {
-   auto pam = make<LinuxRawTxPam>("rawTx");
-   pam->ethProtocolIs(0x88b5);
-   pam->netNsIs(nsA_);
-   pam->modeIs(RawTxPam::modeOpen);
-   ASSERT_TRUE(pam->active()) << pam->error();
-   PacketTest::PeerSocket peer(loop_, nsB_, "b0");
-   ASSERT_TRUE(peer.ok());
-
-   EXPECT_TRUE(pam->send(ifindexA_, *Pkt::copyOf(frame(1))));
-   EXPECT_TRUE(turnUntil([&] { return peer.received(frame(1)); }));
-   EXPECT_EQ(pam->txFrames(), 1u);
-
-   // No such device in the namespace; no frame shorter than its header.
-   EXPECT_FALSE(pam->send(ifindexA_ + 1000, *Pkt::copyOf(frame(2))));
-   EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(Bytes(13, 0xff))));
-   EXPECT_EQ(pam->txFailed(), 2u);
-}
-
-TEST_F(RawTxPamTest, OpensOnlyInItsNamespaceAndFollowsIt) {
+TEST_F(RawTxPamTest, SendsOnTheNamedDeviceOfItsNamespaceOnly) {
    auto pam = make<LinuxRawTxPam>("rawTx");
    ActiveLog active(pam);
+   pam->ethProtocolIs(0x88b5);
    pam->netNsIs(nsA_ + "-missing");
    pam->modeIs(RawTxPam::modeOpen);
    EXPECT_FALSE(pam->active());
@@ -62,19 +44,29 @@ TEST_F(RawTxPamTest, OpensOnlyInItsNamespaceAndFollowsIt) {
        << pam->error();
    EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(frame(1))));
 
-   // Still asked to be open: a usable namespace opens it.
+   // Still asked to be open: a usable namespace opens it. The frame leaves as it is.
    pam->netNsIs(nsA_);
    ASSERT_TRUE(pam->active()) << pam->error();
    EXPECT_TRUE(pam->error().empty());
+   PacketTest::PeerSocket peerB(loop_, nsB_, "b0");
+   ASSERT_TRUE(peerB.ok());
+   EXPECT_TRUE(pam->send(ifindexA_, *Pkt::copyOf(frame(1))));
+   EXPECT_TRUE(turnUntil([&] { return peerB.received(frame(1)); }));
+   EXPECT_EQ(pam->txFrames(), 1u);
+   // No such device in the namespace; no frame shorter than its header.
+   const uint64_t failed = pam->txFailed();
+   EXPECT_FALSE(pam->send(ifindexA_ + 1000, *Pkt::copyOf(frame(2))));
+   EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(Bytes(13, 0xff))));
+   EXPECT_EQ(pam->txFailed(), failed + 2);
 
    // Moving namespace reopens it there: b0's index is only meaningful in B.
    pam->netNsIs(nsB_);
    ASSERT_TRUE(pam->active()) << pam->error();
    EXPECT_EQ(active.log, (std::vector<bool>{true, false, true}));
-   PacketTest::PeerSocket peer(loop_, nsA_, "a0");
-   ASSERT_TRUE(peer.ok());
+   PacketTest::PeerSocket peerA(loop_, nsA_, "a0");
+   ASSERT_TRUE(peerA.ok());
    EXPECT_TRUE(pam->send(PacketTest::ifindexOf(nsB_, "b0"), *Pkt::copyOf(frame(3))));
-   EXPECT_TRUE(turnUntil([&] { return peer.received(frame(3)); }));
+   EXPECT_TRUE(turnUntil([&] { return peerA.received(frame(3)); }));
 
    pam->modeIs(RawTxPam::modeClosed);
    EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(frame(4))));

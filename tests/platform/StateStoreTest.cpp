@@ -154,15 +154,6 @@ TEST_F(ReactorTest, RecordOutlivesANotificationThatDropsItsLastReference) {
    EXPECT_TRUE(destroyed);
 }
 
-TEST_F(ReactorTest, DestroyedReactorIsNeverCalledAgain) {
-   auto a = watch("a", box);
-   auto b = watch("b", box);
-   a.reset();
-   box->valueIs(1);
-   box->itemIs("k", 1);
-   EXPECT_EQ(log, (Log{"b value", "b item k"}));
-}
-
 TEST_F(ReactorTest, HandlerGetsTheKeyEvenWhenDeletedThroughTheStoredKey) {
    auto a = watch("a", box);
    box->itemIs("a-key-long-enough-to-live-on-the-heap", 1);

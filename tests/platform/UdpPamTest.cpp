@@ -159,18 +159,15 @@ TEST_F(UdpTestPamTest, RecordsEverySendWithTheSettingsItWentWith) {
    pam_->txTosIs(0);
    ASSERT_TRUE(pam_->send(*second));
 
+   auto settings = [](const UdpTestPam::Sent& s) {
+      return s.src.toString() + " > " + s.dst.toString() + ":" + std::to_string(s.port) + " tos " +
+             std::to_string(s.tos) + " if " + std::to_string(s.ifindex);
+   };
    ASSERT_EQ(pam_->sent().size(), 2u);
-   const auto& a = pam_->sent()[0];
-   EXPECT_EQ(a.bytes, bytesOf(*first));
-   EXPECT_EQ(a.src.toString() + " " + a.dst.toString(), "10.1.1.1 192.0.2.10");
-   EXPECT_EQ(a.port, 67);
-   EXPECT_EQ(a.tos, 184);
-   const auto& b = pam_->sent()[1];
-   EXPECT_EQ(b.bytes, bytesOf(*second));
-   EXPECT_TRUE(b.src.isEmpty());
-   EXPECT_EQ(b.dst.toString(), "255.255.255.255");
-   EXPECT_EQ(b.tos, 0);
-   EXPECT_EQ(b.ifindex, 12u);
+   EXPECT_EQ(pam_->sent()[0].bytes, bytesOf(*first));
+   EXPECT_EQ(settings(pam_->sent()[0]), "10.1.1.1 > 192.0.2.10:67 tos 184 if 0");
+   EXPECT_EQ(pam_->sent()[1].bytes, bytesOf(*second));
+   EXPECT_EQ(settings(pam_->sent()[1]), " > 255.255.255.255:67 tos 0 if 12");
 
    // Refused before the kernel as the real socket refuses them: a destination or source
    // of the other family; and a kernel failure.
