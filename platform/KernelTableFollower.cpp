@@ -177,15 +177,20 @@ void KernelTableFollower::handleRetryTimer() {
    doNextDump();
 }
 
-void KernelTableFollower::doLink(const nlmsghdr* nlh) {
+const ifinfomsg* KernelTableFollower::deviceHeader(const nlmsghdr* nlh) const {
    const auto* ifi = netlinkHeader<ifinfomsg>(nlh);
    if (!ifi || ifi->ifi_index <= 0) {
       TRACE(1, "malformed link message dropped in \"", nsName_, "\"");
-      return;
+      return nullptr;
    }
-   // Bridge port messages (AF_BRIDGE) share the type; only AF_UNSPEC ones describe
-   // the device itself.
-   if (ifi->ifi_family != AF_UNSPEC)
+   // Bridge port messages (AF_BRIDGE) share the types: a device joining or leaving a
+   // bridge. Only AF_UNSPEC ones describe the device itself.
+   return ifi->ifi_family == AF_UNSPEC ? ifi : nullptr;
+}
+
+void KernelTableFollower::doLink(const nlmsghdr* nlh) {
+   const ifinfomsg* ifi = deviceHeader(nlh);
+   if (!ifi)
       return;
    auto attrs = netlinkAttrs<IFLA_IFNAME + 1>(nlh, sizeof(ifinfomsg));
    auto name = netlinkString(attrs[IFLA_IFNAME]);
@@ -215,13 +220,8 @@ void KernelTableFollower::doLink(const nlmsghdr* nlh) {
 }
 
 void KernelTableFollower::doDelLink(const nlmsghdr* nlh) {
-   const auto* ifi = netlinkHeader<ifinfomsg>(nlh);
-   if (!ifi || ifi->ifi_index <= 0) {
-      TRACE(1, "malformed link message dropped in \"", nsName_, "\"");
-      return;
-   }
-   // AF_BRIDGE: the device left a bridge, it still exists.
-   if (ifi->ifi_family != AF_UNSPEC)
+   const ifinfomsg* ifi = deviceHeader(nlh);
+   if (!ifi)
       return;
    const auto ifindex = static_cast<uint32_t>(ifi->ifi_index);
    linksSeen_.erase(ifindex);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <linux/rtnetlink.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -71,6 +73,9 @@ class KernelTableFollower {
    void handleMessage(const nlmsghdr* nlh);
    void handleDumpMessage(const nlmsghdr* nlh);
    void handleRetryTimer();
+   // The header of a link message about a device itself; null (traced when malformed)
+   // otherwise.
+   const ifinfomsg* deviceHeader(const nlmsghdr* nlh) const;
    void doLink(const nlmsghdr* nlh);
    void doDelLink(const nlmsghdr* nlh);
    void doAddress(const nlmsghdr* nlh, bool fromDump);

@@ -124,13 +124,8 @@ void IntfConfigServerIpSm::handleServerHostname(const VrfHostnameSrcIntfSrcIp& k
    if (!record || leaving_)
       return;
    TRACE(3, " record exists for ", hostname);
-   for (const Platform::IpAddr ip : resolved) {
-      const VrfIpSrcIntfSrcIp server{key.vrf, ip, key.srcIntf, key.srcIp};
-      if (configured)
-         intfServerIpInc(intfServerIp_, server);
-      else
-         intfServerIpDec(intfServerIp_, server);
-   }
+   for (const Platform::IpAddr ip : resolved)
+      hostnameServerRef(intfServerIp_, key, ip, configured);
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -26,4 +26,13 @@ void intfServerIpDec(const Ptr<IntfServerIp>& intfServerIp, const VrfIpSrcIntfSr
    }
 }
 
+void hostnameServerRef(const Ptr<IntfServerIp>& intfServerIp, const VrfHostnameSrcIntfSrcIp& key,
+                       Platform::IpAddr ip, bool held) {
+   const VrfIpSrcIntfSrcIp server{key.vrf, ip, key.srcIntf, key.srcIp};
+   if (held)
+      intfServerIpInc(intfServerIp, server);
+   else
+      intfServerIpDec(intfServerIp, server);
+}
+
 }  // namespace Ip::Helper::DhcpRelay

@@ -12,4 +12,9 @@ void intfServerIpInc(const Ptr<IntfServerIp>& intfServerIp, const VrfIpSrcIntfSr
 // failing: no user ever sees an error from a removal.
 void intfServerIpDec(const Ptr<IntfServerIp>& intfServerIp, const VrfIpSrcIntfSrcIp& key);
 
+// The reference a host-name entry holds on one address it resolves to: the server is the
+// address in the entry's VRF, from the entry's source interface and address.
+void hostnameServerRef(const Ptr<IntfServerIp>& intfServerIp, const VrfHostnameSrcIntfSrcIp& key,
+                       Platform::IpAddr ip, bool held);
+
 }  // namespace Ip::Helper::DhcpRelay

@@ -53,11 +53,7 @@ void IntfServerIpNamelookSm::handleRecordUpdate(IpAddr ip) {
          if (key.hostname != hostname || !configured)
             continue;
          TRACE(3, hostname, " with ip ", ip, " configured in vrf ", key.vrf);
-         const VrfIpSrcIntfSrcIp server{key.vrf, ip, key.srcIntf, key.srcIp};
-         if (resolved)
-            intfServerIpInc(intfServerIp, server);
-         else
-            intfServerIpDec(intfServerIp, server);
+         hostnameServerRef(intfServerIp, key, ip, resolved);
       }
    }
 }
