@@ -36,6 +36,10 @@ namespace Platform {
 // - A device moved to another namespace is a deletion here (RTM_DELLINK).
 // - Lost notifications (ENOBUFS, a truncated datagram) start a full dump whose result
 //   is applied as a difference.
+// - routeGeneration: one more for every IPv4 route, rule or nexthop notification, every
+//   link or address notification, lost notifications, start and stop. Routes are only
+//   counted, never dumped or kept; a namespace with a churning routing table wakes the
+//   follower for each change.
 //
 // Table reactors run inside the follower's receive path: they must not stop or destroy
 // the follower synchronously (post that to the loop).

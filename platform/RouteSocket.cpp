@@ -92,8 +92,11 @@ bool RouteSocket::doRequest(nlmsghdr* nlh, std::string& error, F&& onMessage) {
    error.clear();
    const uint32_t seq = socket_->nextSeq();
    nlh->nlmsg_seq = seq;
-   if (!socket_->send(nlh, error))
+   ++requests_;
+   if (!socket_->send(nlh, error)) {
+      ++unanswered_;
       return false;
+   }
    bool finished = false;
    bool ok = true;
    while (!finished) {
@@ -102,10 +105,12 @@ bool RouteSocket::doRequest(nlmsghdr* nlh, std::string& error, F&& onMessage) {
          continue;
       if (n == -EAGAIN || n == -EWOULDBLOCK) {
          error = "the kernel did not answer a netlink request within 1 s";
+         ++unanswered_;
          return false;
       }
       if (n < 0) {
          error = std::string("netlink receive failed: ") + std::strerror(static_cast<int>(-n));
+         ++unanswered_;
          return false;
       }
       forEachNetlinkMessage({buffer_.data(), static_cast<size_t>(n)}, [&](const nlmsghdr* m) {

@@ -52,6 +52,11 @@ class RouteSocket {
    // `protocol`. A multipath route is listed without its next hops.
    std::vector<Route> routes(uint8_t protocol, int family, std::string& error);
 
+   // Requests sent, and those the kernel gave no answer to (send or receive failed, or
+   // it timed out): a refusal is an answer, a timeout says nothing about the routes.
+   uint64_t requests() const { return requests_; }
+   uint64_t unanswered() const { return unanswered_; }
+
  private:
    explicit RouteSocket(std::unique_ptr<NetlinkSocket> socket);
 
@@ -63,6 +68,8 @@ class RouteSocket {
 
    std::unique_ptr<NetlinkSocket> socket_;
    std::vector<uint8_t> buffer_;
+   uint64_t requests_ = 0;
+   uint64_t unanswered_ = 0;
 };
 
 }  // namespace Platform

@@ -144,6 +144,14 @@ void DhcpVrfSm::handleReadableCount() {
    dhcpRelaySm_.doProcessPacket(pkt, datagram->src.v4(), datagram->dst.v4(), intf, vrfName_);
 }
 
+const EgressRouteCache::Answer* DhcpVrfSm::egressRoute(Platform::IpAddr server) {
+   if (!netlinkSocket_)
+      return nullptr;
+   return &egressRoutes_.egressRoute(
+       *netlinkSocket_,
+       kniRoot_ ? std::optional<uint64_t>(kniRoot_->routeGeneration()) : std::nullopt, server);
+}
+
 void DhcpVrfSm::handleDel() {
    TRACE(3, " for ", vrfName_);
    if (!initialized_)
@@ -156,6 +164,7 @@ void DhcpVrfSm::handleDel() {
    rawTxPam_->modeIs(Platform::Pam::modeClosed);
    rawTxPam_.reset();
    netlinkSocket_.reset();
+   egressRoutes_ = EgressRouteCache();
    kniRoot_.reset();
    initialized_ = false;
    if (!isDefaultNs(nsName_)) {

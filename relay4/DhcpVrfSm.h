@@ -13,6 +13,7 @@
 #include "platform/UdpPam.h"
 #include "platform/VrfName.h"
 #include "relay4/DhcpPamFactory.h"
+#include "relay4/EgressRouteCache.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -50,6 +51,9 @@ class DhcpVrfSm {
    const Ptr<const Config>& dhcpRelayConfig() const { return dhcpRelayConfig_; }
    // The namespace's route socket; null when it could not be opened (traced).
    Platform::RouteSocket* netlinkSocket() const { return netlinkSocket_.get(); }
+   // How the kernel reaches `server` in this VRF, asked again only once the namespace's
+   // routes, rules, devices or addresses changed; null without a route socket.
+   const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server);
    // The namespace's kernel devices by ifindex.
    const Ptr<const KernelNetInfo::Status>& kernelTable() const { return kniRoot_; }
    Platform::IntfStatusManager* intfStatusManager() const { return intfStatusManager_; }
@@ -73,6 +77,7 @@ class DhcpVrfSm {
    Ptr<Platform::UdpPam> udpPam_;
    Ptr<Platform::RawTxPam> rawTxPam_;
    std::unique_ptr<Platform::RouteSocket> netlinkSocket_;
+   EgressRouteCache egressRoutes_;
    std::unique_ptr<ConfigReactor> configReactor_;
    std::unique_ptr<UdpPamReactor> udpPamReactor_;
    std::unique_ptr<RawTxPamReactor> rawTxPamReactor_;

@@ -274,14 +274,12 @@ bool DhcpRelaySm::relayToOwnVrfServer(DhcpHdr& hdr, Pkt& pkt, const IntfId& intf
 }
 
 std::optional<Platform::EgressRoute> DhcpRelaySm::egressRoute(DhcpVrfSm& sm, IpAddr server) {
-   Platform::RouteSocket* socket = sm.netlinkSocket();
-   if (!socket)
+   const EgressRouteCache::Answer* answer = sm.egressRoute(server);
+   if (!answer)
       return std::nullopt;
-   std::string error;
-   std::optional<Platform::EgressRoute> route = socket->egressIntf(server, error);
-   if (!route)
-      TRACE(5, " route lookup for ", server, " in vrf ", sm.vrfName(), " failed: ", error);
-   return route;
+   if (!answer->route)
+      TRACE(5, " route lookup for ", server, " in vrf ", sm.vrfName(), " failed: ", answer->error);
+   return answer->route;
 }
 
 IpAddr DhcpRelaySm::getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const {

@@ -64,6 +64,11 @@ class KernelIntf : public Platform::Entity {
 
 // Kernel devices by ifindex: packets arrive with an ifindex, and this is how the
 // relay finds the device, and from it the interface, they came in on.
+//
+// routeGeneration changes whenever the namespace's IPv4 routes, rules or nexthops, its
+// devices or their addresses may have changed (or notifications of them were lost): an
+// answer the kernel gave about routing holds while it stays the same. Routes themselves
+// are not kept.
 class Status : public Platform::Entity {
  public:
    PLATFORM_ENTITY_TYPE("KernelNetInfo::Status")
@@ -72,6 +77,7 @@ class Status : public Platform::Entity {
    class Reactor : public Platform::ReactorOf<const Status> {
     public:
       virtual void handleInterfaceByIndex(uint32_t /*ifindex*/) {}
+      virtual void handleRouteGeneration() {}
    };
 
    const std::map<uint32_t, Platform::Ptr<KernelIntf>>& interfaceByIndex() const {
@@ -89,9 +95,15 @@ class Status : public Platform::Entity {
    void interfaceByIndexDelAll() {
       mapEntryDelAll(interfaceByIndex_, &Reactor::handleInterfaceByIndex);
    }
+   uint64_t routeGeneration() const { return routeGeneration_; }
+   void routeGenerationIs(uint64_t v) {
+      attrIs(routeGeneration_, v, &Reactor::handleRouteGeneration);
+   }
+   void routeGenerationInc() { routeGenerationIs(routeGeneration_ + 1); }
 
  private:
    std::map<uint32_t, Platform::Ptr<KernelIntf>> interfaceByIndex_;
+   uint64_t routeGeneration_ = 0;
 };
 
 }  // namespace KernelNetInfo

@@ -266,6 +266,24 @@ TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
    EXPECT_EQ(loLog.total(), 0);
 }
 
+// Routes are counted, not kept: each route or rule change moves the generation on, and the
+// device table does not notice.
+TEST_F(KernelTableFollowerTest, RouteAndRuleChangesMoveTheRouteGeneration) {
+   const std::string ns = nsAdd("route");
+   auto table = make<Status>();
+   follow(ns, table);
+   TableLog log;
+   log.notifierIs(table);
+   for (const char* change :
+        {"route add blackhole 198.51.100.0/24", "rule add to 203.0.113.0/24 table 7",
+         "route del blackhole 198.51.100.0/24"}) {
+      const uint64_t before = table->routeGeneration();
+      ASSERT_EQ(ipIn(ns, change), 0) << change;
+      EXPECT_TRUE(turnUntil([&] { return table->routeGeneration() != before; })) << change;
+   }
+   EXPECT_TRUE(log.changed.empty());
+}
+
 TEST_F(KernelTableFollowerTest, RestartKeepsTheTableAndStopClearsIt) {
    const std::string ns = nsAdd("stop");
    auto table = make<Status>();
