@@ -8,13 +8,6 @@ namespace {
 
 using Platform::IpAddrWithMask;
 
-IpAddrWithMask addr(const char* text) {
-   return *IpAddrWithMask::parse(text);
-}
-IpAddr ip(const char* text) {
-   return *IpAddr::parse(text);
-}
-
 class DhcpRelaySmTest : public testing::Test {
  protected:
    // A relay interface with IP status in a VRF.
@@ -22,7 +15,7 @@ class DhcpRelaySmTest : public testing::Test {
       bed.config->intfConfigIs(IntfId(intf));
       auto status = bed.ipStatus->ipIntfStatusIs(IntfId(intf));
       status->vrfIs(VrfName(vrf));
-      status->activeAddrWithMaskIs(addr(primary));
+      status->activeAddrWithMaskIs(net(primary));
       return status;
    }
    IntfId owner(const char* vrf, const char* a) {
@@ -39,9 +32,9 @@ class DhcpRelaySmTest : public testing::Test {
 
 TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    auto eth1 = relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
-   eth1->activeSecondaryWithMaskIs(addr("10.0.1.1/24"));
+   eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
    // Addresses of an interface without relay configuration are not the relay's.
-   bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet9"))->activeAddrWithMaskIs(addr("10.9.0.1/24"));
+   bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet9"))->activeAddrWithMaskIs(net("10.9.0.1/24"));
    start();
    EXPECT_EQ(owner("default", "10.0.0.1"), IntfId("Ethernet1"));
    EXPECT_EQ(owner("default", "10.0.1.1"), IntfId("Ethernet1"));
@@ -54,8 +47,8 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    EXPECT_TRUE(owner("default", "0.0.0.0").empty());
    EXPECT_EQ(owner("default", "10.0.1.1"), IntfId("Ethernet1"));
 
-   eth1->activeAddrWithMaskIs(addr("10.0.0.2/24"));
-   eth1->activeSecondaryWithMaskDel(addr("10.0.1.1/24"));
+   eth1->activeAddrWithMaskIs(net("10.0.0.2/24"));
+   eth1->activeSecondaryWithMaskDel(net("10.0.1.1/24"));
    EXPECT_EQ(owner("default", "10.0.0.2"), IntfId("Ethernet1"));
    EXPECT_EQ(sm->intfLookupTbl().size(), 1u);
 
@@ -70,13 +63,13 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    bed.ipStatus->ipIntfStatusDel(IntfId("Ethernet2"));
    EXPECT_TRUE(sm->intfLookupTbl().empty());
    // Nor does a removed interface's status still drive rows.
-   eth1->activeAddrWithMaskIs(addr("10.0.0.3/24"));
+   eth1->activeAddrWithMaskIs(net("10.0.0.3/24"));
    EXPECT_TRUE(sm->intfLookupTbl().empty());
 }
 
 TEST_F(DhcpRelaySmTest, MovingAnInterfaceToAnotherVrfMovesItsRows) {
    auto eth1 = relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
-   eth1->activeSecondaryWithMaskIs(addr("10.0.1.1/24"));
+   eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
    start();
    Platform::TraceCapture trace;
    eth1->vrfIs(VrfName("red"));

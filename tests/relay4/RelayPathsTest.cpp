@@ -12,10 +12,6 @@ using Platform::IpAddrWithMask;
 using Platform::Pkt;
 using Bytes = std::vector<uint8_t>;
 
-IpAddr ip(const char* text) {
-   return *IpAddr::parse(text);
-}
-
 const EthAddr kClientMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x42});
 const EthAddr kRelayMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
 

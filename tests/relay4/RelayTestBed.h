@@ -30,6 +30,13 @@ using Platform::make;
 using Platform::NamespaceName;
 using Platform::VrfName;
 
+inline IpAddr ip(const char* text) {
+   return *IpAddr::parse(text);
+}
+inline Platform::IpAddrWithMask net(const char* text) {
+   return *Platform::IpAddrWithMask::parse(text);
+}
+
 // Socket doubles, kept by name so that a test can reach the ones a machine opened.
 class TestPamFactory : public DhcpPamFactory {
  public:

@@ -12,12 +12,6 @@ using Platform::IpAddrWithMask;
 using Platform::Pkt;
 using Bytes = std::vector<uint8_t>;
 
-IpAddr ip(const char* text) {
-   return *IpAddr::parse(text);
-}
-IpAddrWithMask net(const char* text) {
-   return *IpAddrWithMask::parse(text);
-}
 EthAddr mac(uint32_t n) {
    return EthAddr({0x02, 0x00, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
 }
