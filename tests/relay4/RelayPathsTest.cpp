@@ -10,9 +10,7 @@ namespace {
 using Platform::EthAddr;
 using Platform::IpAddrWithMask;
 using Platform::Pkt;
-using Bytes = std::vector<uint8_t>;
 
-const EthAddr kClientMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x42});
 const EthAddr kRelayMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
 
 // The relay with the kernel's routing answers supplied by the test.
@@ -27,44 +25,6 @@ class PathRelaySm : public DhcpRelaySm {
    }
    std::map<uint32_t, uint32_t> routes;
 };
-
-struct Msg {
-   uint8_t op = bootRequest;
-   uint8_t hops = 0;
-   uint16_t flags = 0;
-   IpAddr yiaddr = {};
-   IpAddr giaddr = {};
-   uint8_t type = 3;  // DHCPREQUEST
-   std::optional<IpAddr> serverId = {};
-};
-
-void put32(Bytes& b, size_t off, uint32_t v) {
-   for (int i = 0; i < 4; ++i)
-      b[off + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-}
-
-Bytes message(const Msg& m) {
-   Bytes b(240, 0);
-   b[0] = m.op;
-   b[1] = 1;
-   b[2] = 6;
-   b[3] = m.hops;
-   put32(b, 4, 0x12345678);
-   b[10] = static_cast<uint8_t>(m.flags >> 8);
-   b[11] = static_cast<uint8_t>(m.flags);
-   put32(b, 16, m.yiaddr.value());
-   put32(b, 24, m.giaddr.value());
-   std::copy(kClientMac.bytes().begin(), kClientMac.bytes().end(), b.begin() + 28);
-   put32(b, 236, DhcpLayout::cookieValue);
-   b.insert(b.end(), {53, 1, m.type});
-   if (m.serverId) {
-      b.insert(b.end(), {54, 4, 0, 0, 0, 0});
-      put32(b, b.size() - 4, m.serverId->value());
-   }
-   b.push_back(255);
-   b.resize(300, 0);
-   return b;
-}
 
 Ptr<Pkt> pktOf(const Bytes& b) {
    return Pkt::copyOf(b);
@@ -337,11 +297,11 @@ class ReplyPathTest : public RelayPathsTest {
 TEST_F(ReplyPathTest, BroadcastAndUnicastFrames) {
    config1->informationOptionIs(true);
    const Msg ack{.op = bootReply,
+                 .type = 5,
                  .hops = 1,
                  .flags = 0x8000,
                  .yiaddr = ip("10.0.0.50"),
                  .giaddr = ip("10.0.0.1"),
-                 .type = 5,
                  .serverId = ip("192.168.1.10")};
    replyIn(serverReply(ack));
    ASSERT_EQ(raw->sent().size(), 1u);
@@ -376,8 +336,8 @@ TEST_F(ReplyPathTest, BroadcastAndUnicastFrames) {
 
 TEST_F(ReplyPathTest, RepliesNotForUsAreDropped) {
    Platform::TraceCapture trace;
-   replyIn(serverReply({.op = bootReply, .giaddr = ip("10.0.0.99"), .type = 5}));
-   replyIn(serverReply({.op = bootReply, .giaddr = IpAddr(), .type = 5}));
+   replyIn(serverReply({.op = bootReply, .type = 5, .giaddr = ip("10.0.0.99")}));
+   replyIn(serverReply({.op = bootReply, .type = 5, .giaddr = IpAddr()}));
    EXPECT_TRUE(raw->sent().empty());
    EXPECT_EQ(bed.status->totalRepliesDropped(), 2u);
    EXPECT_TRUE(trace.contains(" no interface associated with giaddr=10.0.0.99. Dropping packet."));
@@ -387,11 +347,11 @@ TEST_F(ReplyPathTest, RepliesNotForUsAreDropped) {
 TEST_F(ReplyPathTest, CrossVrfReplyRestoresServerIdAndBindsTheRenewal) {
    config1->informationOptionIs(true);
    const Msg ack{.op = bootReply,
+                 .type = 5,
                  .hops = 0,
                  .flags = 0x8000,
                  .yiaddr = ip("10.0.0.50"),
                  .giaddr = ip("172.16.0.1"),
-                 .type = 5,
                  .serverId = ip("172.16.0.10")};
    replyIn(serverReply(ack, "default", ip("10.0.0.1")), "red", "172.16.0.10");
    ASSERT_EQ(raw->sent().size(), 1u);

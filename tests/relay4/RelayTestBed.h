@@ -1,10 +1,13 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "codec/DhcpHdr.h"
 #include "model/ClientContext.h"
 #include "model/Config.h"
 #include "model/DhcpPacketQueues.h"
@@ -35,6 +38,61 @@ inline IpAddr ip(const char* text) {
 }
 inline Platform::IpAddrWithMask net(const char* text) {
    return *Platform::IpAddrWithMask::parse(text);
+}
+
+using Bytes = std::vector<uint8_t>;
+
+inline Platform::EthAddr mac(uint32_t n) {
+   return Platform::EthAddr(
+       {0x02, 0x00, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
+}
+const Platform::EthAddr kClientMac = mac(0x42);
+
+inline void put32(Bytes& b, size_t off, uint32_t v) {
+   for (int i = 0; i < 4; ++i)
+      b[off + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
+}
+
+// The fields of a DHCP message the relay tests vary; the rest stays zero.
+struct Msg {
+   uint8_t op = bootRequest;
+   uint8_t type = 3;  // DHCPREQUEST
+   uint8_t hops = 0;
+   uint16_t flags = 0;
+   Platform::EthAddr client = kClientMac;
+   IpAddr ciaddr = {};
+   IpAddr yiaddr = {};
+   IpAddr giaddr = {};
+   std::optional<IpAddr> serverId = {};   // option 54
+   std::optional<IpAddr> requested = {};  // option 50
+};
+
+// A 300-byte message with the magic cookie, the message type and the address options set.
+inline Bytes message(const Msg& m) {
+   Bytes b(240, 0);
+   b[0] = m.op;
+   b[1] = 1;
+   b[2] = 6;
+   b[3] = m.hops;
+   put32(b, 4, 0x12345678);
+   b[10] = static_cast<uint8_t>(m.flags >> 8);
+   b[11] = static_cast<uint8_t>(m.flags);
+   put32(b, 12, m.ciaddr.value());
+   put32(b, 16, m.yiaddr.value());
+   put32(b, 24, m.giaddr.value());
+   std::copy(m.client.bytes().begin(), m.client.bytes().end(), b.begin() + 28);
+   put32(b, 236, DhcpLayout::cookieValue);
+   b.insert(b.end(), {53, 1, m.type});
+   for (const auto& [code, addr] :
+        {std::pair{uint8_t{54}, m.serverId}, {uint8_t{50}, m.requested}}) {
+      if (addr) {
+         b.insert(b.end(), {code, 4, 0, 0, 0, 0});
+         put32(b, b.size() - 4, addr->value());
+      }
+   }
+   b.push_back(255);
+   b.resize(300, 0);
+   return b;
 }
 
 // Socket doubles, kept by name so that a test can reach the ones a machine opened.

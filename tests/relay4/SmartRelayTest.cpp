@@ -10,48 +10,9 @@ namespace {
 using Platform::EthAddr;
 using Platform::IpAddrWithMask;
 using Platform::Pkt;
-using Bytes = std::vector<uint8_t>;
-
-EthAddr mac(uint32_t n) {
-   return EthAddr({0x02, 0x00, uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
-}
-
-void put32(Bytes& b, size_t off, uint32_t v) {
-   for (int i = 0; i < 4; ++i)
-      b[off + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-}
 
 constexpr uint8_t kDiscover = 1, kOffer = 2, kRequest = 3;
 const char* const kNoSecondaryAssertion = "activeSecondaryWithMask not empty";
-
-struct Msg {
-   uint8_t op = bootRequest;
-   uint8_t type = kDiscover;
-   EthAddr client = mac(1);
-   IpAddr ciaddr = {};
-   IpAddr giaddr = {};
-   std::optional<IpAddr> requested = {};
-};
-
-Bytes message(const Msg& m) {
-   Bytes b(240, 0);
-   b[0] = m.op;
-   b[1] = 1;
-   b[2] = 6;
-   put32(b, 4, 0x12345678);
-   put32(b, 12, m.ciaddr.value());
-   put32(b, 24, m.giaddr.value());
-   std::copy(m.client.bytes().begin(), m.client.bytes().end(), b.begin() + 28);
-   put32(b, 236, DhcpLayout::cookieValue);
-   b.insert(b.end(), {53, 1, m.type});
-   if (m.requested) {
-      b.insert(b.end(), {50, 4, 0, 0, 0, 0});
-      put32(b, b.size() - 4, m.requested->value());
-   }
-   b.push_back(255);
-   b.resize(300, 0);
-   return b;
-}
 
 // Ethernet1 with primary P = 10.0.0.1/24 and secondaries S1 = 10.0.1.1/24 < S2 = 10.0.2.1/24
 // (added in the other order: the set's order counts, not the kernel's), smart relay on, and
@@ -91,7 +52,7 @@ class SmartRelayTest : public testing::Test {
       EXPECT_EQ(sent.src, Platform::IpGenAddr(giaddr));
       return giaddr;
    }
-   IpAddr discover(const EthAddr& client) { return relay({.client = client}); }
+   IpAddr discover(const EthAddr& client) { return relay({.type = kDiscover, .client = client}); }
    void offer(const EthAddr& client, IpAddr giaddr = ip("10.0.0.1")) {
       Ptr<Pkt> pkt = Pkt::copyOf(
           message({.op = bootReply, .type = kOffer, .client = client, .giaddr = giaddr}));
