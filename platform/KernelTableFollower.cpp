@@ -48,22 +48,28 @@ bool KernelTableFollower::start(std::string& error) {
    error.clear();
    if (socket_)
       return true;
-   socket_ = NetlinkSocket::open(
-       nsName_,
-       RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE,
-       true, error);
-   if (!socket_) {
+   socket_ = NetlinkSocket::open(nsName_, RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR,
+                                 true, error);
+   // Route changes come on a socket of their own: a churning routing table must not
+   // crowd out device and address changes, and losing some of its messages costs only a
+   // step of the generation, not a full dump.
+   routeWatch_ =
+       socket_ ? NetlinkSocket::open(nsName_, RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE, true, error)
+               : nullptr;
+   if (!routeWatch_) {
       TRACE(0, "cannot follow network namespace \"", nsName_, "\": ", error);
+      socket_.reset();
       return false;
    }
    // Routes that use nexthop objects (as routing daemons install them) change with the
    // object, without a route message. Group 32 is beyond the bind mask; kernels before
    // 5.3 have no such group, and there routes carry their next hops themselves.
    std::string ignored;
-   socket_->netlinkOptionIs(NETLINK_ADD_MEMBERSHIP, RTNLGRP_NEXTHOP, ignored);
+   routeWatch_->netlinkOptionIs(NETLINK_ADD_MEMBERSHIP, RTNLGRP_NEXTHOP, ignored);
    socket_->receiveBufferIs(kReceiveBufferBytes);
    buffer_.resize(kNetlinkBufferSize);
    loop_.addFd(socket_->fd(), EPOLLIN, [this](uint32_t) { handleReadable(); });
+   loop_.addFd(routeWatch_->fd(), EPOLLIN, [this](uint32_t) { handleRouteReadable(); });
    // Subscribed before dumping: whatever changes after a dump has passed a device
    // arrives as a notification.
    linkDumpDue_ = addressDumpDue_ = true;
@@ -87,9 +93,11 @@ bool KernelTableFollower::inSync() const {
 
 void KernelTableFollower::doClose() {
    retryTimer_.cancel();
-   if (socket_) {
-      loop_.removeFd(socket_->fd());
-      socket_.reset();
+   for (std::unique_ptr<NetlinkSocket>* s : {&socket_, &routeWatch_}) {
+      if (*s) {
+         loop_.removeFd((*s)->fd());
+         s->reset();
+      }
    }
    dump_ = Dump::None;
    dumpStale_ = linkDumpDue_ = addressDumpDue_ = false;
@@ -125,6 +133,25 @@ void KernelTableFollower::handleReadable() {
    }
 }
 
+void KernelTableFollower::handleRouteReadable() {
+   // What changed does not matter, only that something did: one step per batch.
+   bool changed = false;
+   for (int i = 0; i < kDatagramsPerTurn && routeWatch_; ++i) {
+      const ssize_t n = routeWatch_->receive(buffer_);
+      if (n == -EAGAIN || n == -EWOULDBLOCK)
+         break;
+      if (n > 0 || n == -ENOBUFS || n == -EMSGSIZE) {
+         changed = true;
+      } else if (n < 0 && n != -EINTR) {
+         TRACE(0, "netlink receive failed in \"", nsName_,
+               "\": ", std::strerror(static_cast<int>(-n)));
+         break;
+      }
+   }
+   if (changed)
+      table_->routeGenerationInc();
+}
+
 void KernelTableFollower::handleMessage(const nlmsghdr* nlh) {
    // This socket sends nothing but dumps, so a message addressed to its port is a dump
    // part; one of an earlier, abandoned dump is dropped.
@@ -143,13 +170,6 @@ void KernelTableFollower::handleMessage(const nlmsghdr* nlh) {
       case RTM_NEWADDR:
       case RTM_DELADDR:
          doAddress(nlh, false);
-         break;
-      case RTM_NEWROUTE:
-      case RTM_DELROUTE:
-      case RTM_NEWRULE:
-      case RTM_DELRULE:
-      case RTM_NEWNEXTHOP:
-      case RTM_DELNEXTHOP:
          break;
       default:
          return;

@@ -36,10 +36,10 @@ namespace Platform {
 // - A device moved to another namespace is a deletion here (RTM_DELLINK).
 // - Lost notifications (ENOBUFS, a truncated datagram) start a full dump whose result
 //   is applied as a difference.
-// - routeGeneration: one more for every IPv4 route, rule or nexthop notification, every
-//   link or address notification, lost notifications, start and stop. Routes are only
-//   counted, never dumped or kept; a namespace with a churning routing table wakes the
-//   follower for each change.
+// - routeGeneration moves on with every batch of IPv4 route, rule or nexthop
+//   notifications (read on a socket of their own, lost ones included), every link or
+//   address notification, lost notifications, start and stop. Routes are only counted,
+//   never dumped or kept.
 //
 // Table reactors run inside the follower's receive path: they must not stop or destroy
 // the follower synchronously (post that to the loop).
@@ -74,6 +74,7 @@ class KernelTableFollower {
    };
 
    void handleReadable();
+   void handleRouteReadable();
    void handleMessage(const nlmsghdr* nlh);
    void handleDumpMessage(const nlmsghdr* nlh);
    void handleRetryTimer();
@@ -95,6 +96,8 @@ class KernelTableFollower {
    const std::string nsName_;
    const Ptr<KernelNetInfo::Status> table_;
    std::unique_ptr<NetlinkSocket> socket_;
+   // Route, rule and nexthop notifications, only counted into the route generation.
+   std::unique_ptr<NetlinkSocket> routeWatch_;
    std::vector<uint8_t> buffer_;
    // A failed dump request is retried after a pause, not in a loop.
    Timer retryTimer_;
