@@ -23,13 +23,11 @@ class SmartRelayState : public Platform::Entity {
     public:
       virtual void handleDiscoversWithoutOffer() {}
       virtual void handleGatewayAddress() {}
-      virtual void handleExpiryTime() {}
    };
 
    const Platform::EthAddr& ethAddr() const { return ethAddr_; }
    // Seconds the state lives after the last counted DISCOVER.
    double expiryTime() const { return expiryTime_; }
-   void expiryTimeIs(double v) { attrIs(expiryTime_, v, &Reactor::handleExpiryTime); }
    // Wraps at 256 like the 8-bit counter it is.
    uint8_t discoversWithoutOffer() const { return discoversWithoutOffer_; }
    void discoversWithoutOfferIs(uint8_t n) {

@@ -27,8 +27,9 @@ struct TraceArg {
       a.signedValue = v;
       return a;
    }
-   static TraceArg ofUnsigned(uint64_t v) {
-      TraceArg a{Kind::Unsigned, {}, 0};
+   // Unsigned numbers and the address pieces, which are numbers formatted their own way.
+   static TraceArg ofUnsigned(uint64_t v, Kind kind = Kind::Unsigned) {
+      TraceArg a{kind, {}, 0};
       a.unsignedValue = v;
       return a;
    }
@@ -47,22 +48,12 @@ struct TraceArg {
       a.text = v.data();
       return a;
    }
-   static TraceArg ofIp4(uint32_t hostOrder) {
-      TraceArg a{Kind::Ip4, {}, 0};
-      a.unsignedValue = hostOrder;
-      return a;
-   }
+   static TraceArg ofIp4(uint32_t hostOrder) { return ofUnsigned(hostOrder, Kind::Ip4); }
    static TraceArg ofIp4WithMask(uint32_t hostOrder, uint8_t maskLen) {
-      TraceArg a{Kind::Ip4WithMask, {}, 0};
-      a.unsignedValue = uint64_t{maskLen} << 32 | hostOrder;
-      return a;
+      return ofUnsigned(uint64_t{maskLen} << 32 | hostOrder, Kind::Ip4WithMask);
    }
    // The six bytes in transmission order, the first in the most significant of the 48 bits.
-   static TraceArg ofMac(uint64_t bits48) {
-      TraceArg a{Kind::Mac, {}, 0};
-      a.unsignedValue = bits48;
-      return a;
-   }
+   static TraceArg ofMac(uint64_t bits48) { return ofUnsigned(bits48, Kind::Mac); }
    std::string_view textView() const { return {text, textSize}; }
 };
 

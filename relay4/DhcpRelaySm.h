@@ -111,7 +111,6 @@ class DhcpRelaySm {
    KelDrIntfConfig* kelDrIntfConfig(const Platform::IntfId& intf) const;
    // The interface's smart-relay machine; null while it runs none.
    DhcpSmartRelayIntfSm* smartRelaySm(const Platform::IntfId& intf) const;
-   static DhcpSmartRelayIntfSm* smartRelaySm(const KelDrIntfConfig& reactor);
    // The interface's VRF from its IP status; empty without one.
    Platform::VrfName vrfNameFromIntfId(const Platform::IntfId& intf) const;
 
@@ -148,6 +147,8 @@ class DhcpRelaySm {
    bool buildReplyPkt(Platform::Pkt& pkt, const Platform::EthAddr& srcMac, Platform::IpAddr srcIp);
 
  private:
+   // The same for an interface's reactor already at hand (the request path has it).
+   static DhcpSmartRelayIntfSm* smartRelaySm(const KelDrIntfConfig& reactor);
    // The primary address of the interface a route leaves by; zero when it has none.
    Platform::IpAddr getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const;
    // The kernel device of a system interface in the VRF's namespace.
