@@ -1,10 +1,10 @@
 #include "agent/ControlCommands.h"
 
-#include "frontend/ConfigJson.h"
-#include "frontend/ControlProtocol.h"
+#include "frontend/config/ConfigJson.h"
+#include "frontend/control/ControlProtocol.h"
+#include "frontend/kernel/KernelFrontEnd.h"
 #include "model/switch/KernelNetInfo.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/KernelFrontEnd.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -91,7 +91,7 @@ json ControlCommands::doShowInterfaces() const {
       const bool active = vrf->state() == Ip::VrfStatusLocal::State::active;
       json intfs = json::array();
       auto table = store_.publishedAs<const KernelNetInfo::Status>(
-          Platform::kernelTablePath(vrf->nsName().toString()));
+          KernelNetInfo::kernelTablePath(vrf->nsName().toString()));
       if (active && table) {
          for (const auto& [ifindex, k] : table->interfaceByIndex())
             intfs.push_back(kernelIntfJson(*k, devices.intfIdOf(k->deviceName())));

@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "frontend/ConfigFrontEnd.h"
-#include "frontend/ControlServer.h"
+#include "frontend/config/ConfigFrontEnd.h"
+#include "frontend/control/ControlServer.h"
 #include "model/Status.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/Clock.h"
+#include "platform/loop/Clock.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "agent/DhcpRelayAgent.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -45,7 +45,7 @@ int Daemon::run() {
    agent_->doInit(store_);
    // VRF namespaces, interfaces and addresses, followed live from the kernel; built
    // once tracing runs, and published before the agent's mounts complete.
-   kernel_ = std::make_unique<Platform::KernelFrontEnd>(loop_, store_);
+   kernel_ = std::make_unique<Frontend::KernelFrontEnd>(loop_, store_);
    store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
 
    loop_.onSignal(SIGTERM, [this] { loop_.stop(); });

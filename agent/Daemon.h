@@ -5,14 +5,14 @@
 #include <vector>
 
 #include "agent/ControlCommands.h"
-#include "frontend/ConfigFrontEnd.h"
-#include "frontend/ControlServer.h"
-#include "platform/AgentHost.h"
-#include "platform/Clock.h"
-#include "platform/EventLoop.h"
-#include "platform/KernelFrontEnd.h"
-#include "platform/StateStore.h"
-#include "platform/TimerWheel.h"
+#include "frontend/config/ConfigFrontEnd.h"
+#include "frontend/control/ControlServer.h"
+#include "frontend/kernel/KernelFrontEnd.h"
+#include "platform/loop/Clock.h"
+#include "platform/loop/EventLoop.h"
+#include "platform/loop/TimerWheel.h"
+#include "platform/store/AgentHost.h"
+#include "platform/store/StateStore.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -44,7 +44,7 @@ class Daemon {
    Platform::EventLoop loop_;
    Platform::StateStore store_;
    Frontend::ConfigFrontEnd config_;
-   std::unique_ptr<Platform::KernelFrontEnd> kernel_;
+   std::unique_ptr<Frontend::KernelFrontEnd> kernel_;
    Frontend::ControlServer server_;
    std::unique_ptr<ControlCommands> commands_;
    Platform::AgentContext ctx_;

@@ -1,5 +1,6 @@
 #include "agent/DhcpRelayAgent.h"
 
+#include "frontend/kernel/KernelFrontEnd.h"
 #include "model/ClientContext.h"
 #include "model/CounterConfig.h"
 #include "model/snooping/SnoopingConfig.h"
@@ -11,12 +12,11 @@
 #include "model/switch/MlagStatus.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/Assert.h"
-#include "platform/Dir.h"
-#include "platform/EventLoop.h"
-#include "platform/KernelFrontEnd.h"
-#include "platform/Trace.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
+#include "platform/base/Assert.h"
+#include "platform/loop/EventLoop.h"
+#include "platform/store/Dir.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -92,8 +92,8 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    const Platform::NamespaceName defaultNs(Platform::VrfName::defaultVrf().toString());
 
    TRACE(1, "Assigning agent properties.");
-   kernelIntfDir_ = Platform::kernelTableOf(entityManager, defaultNs.toString());
-   intfStatusManagerRoot_ = std::make_unique<Platform::IntfStatusManagerRoot>(
+   kernelIntfDir_ = KernelNetInfo::kernelTableOf(entityManager, defaultNs.toString());
+   intfStatusManagerRoot_ = std::make_unique<Frontend::IntfStatusManagerRoot>(
        entityManager, entityManager.entity<Interface::AllIntfStatusDir>("interface/status/all"),
        entityManager.entity<Interface::AllIntfStatusLocalDir>("interface/status/local"));
    intfStatusManagerRoot_->intfStatusManager(defaultNs.toString());
@@ -103,7 +103,7 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    dhcpRoot_ = Platform::make<Root>("DhcpRoot");
    namelookRecord_ = Platform::make<ResolutionRecordDir>("NamelookRecord");
    namelookRequest_ = Platform::make<ResolutionRequestDir>("NamelookRequest");
-   namelookSm_ = std::make_unique<Platform::NamelookSm>(namelookRecord_, namelookRequest_,
+   namelookSm_ = std::make_unique<Frontend::NamelookSm>(namelookRecord_, namelookRequest_,
                                                         ctx_.loop, *timerWheel_);
    namelookSm_->handleInitialized();
    dhcpPacketQueues_ = Platform::make<DhcpPacketQueues>("DhcpPacketQueues");

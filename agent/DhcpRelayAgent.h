@@ -4,18 +4,18 @@
 
 #include "agent/Roots.h"
 #include "counters/DhcpRelayCountersSm.h"
+#include "frontend/kernel/IntfStatusManager.h"
+#include "frontend/resolver/NamelookSm.h"
 #include "model/Config.h"
 #include "model/DhcpPacketQueues.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
+#include "model/Namelook.h"
 #include "model/Status.h"
 #include "model/VrfWithCountDir.h"
 #include "model/switch/KernelNetInfo.h"
-#include "platform/AgentHost.h"
-#include "platform/IntfStatusManager.h"
-#include "platform/Namelook.h"
-#include "platform/NamelookSm.h"
-#include "platform/TimerWheel.h"
+#include "platform/loop/TimerWheel.h"
+#include "platform/store/AgentHost.h"
 #include "relay4/DhcpPamFactory.h"
 #include "servers/DhcpRelayServerIpSm.h"
 
@@ -40,7 +40,7 @@ class Agent : public Platform::Agent {
    int fwkType() const override { return Platform::kFwkTypeLinuxHost; }
 
    const Ptr<const KernelNetInfo::Status>& kernelIntfDir() const { return kernelIntfDir_; }
-   Platform::IntfStatusManagerRoot* intfStatusManagerRoot() const {
+   Frontend::IntfStatusManagerRoot* intfStatusManagerRoot() const {
       return intfStatusManagerRoot_.get();
    }
    Platform::TimerWheel* timerWheel() const { return timerWheel_; }
@@ -48,7 +48,7 @@ class Agent : public Platform::Agent {
    const Ptr<Root>& dhcpRoot() const { return dhcpRoot_; }
    const Ptr<ResolutionRecordDir>& namelookRecord() const { return namelookRecord_; }
    const Ptr<ResolutionRequestDir>& namelookRequest() const { return namelookRequest_; }
-   Platform::NamelookSm* namelookSm() const { return namelookSm_.get(); }
+   Frontend::NamelookSm* namelookSm() const { return namelookSm_.get(); }
    const Ptr<DhcpPacketQueues>& dhcpPacketQueues() const { return dhcpPacketQueues_; }
    const Ptr<DhcpPacketQueues>& dhcp6PacketQueues() const { return dhcp6PacketQueues_; }
    const Ptr<IntfServerIpDir>& dhcpRelayIntfServerIp() const { return dhcpRelayIntfServerIp_; }
@@ -67,14 +67,14 @@ class Agent : public Platform::Agent {
    Platform::AgentContext& ctx_;
    std::unique_ptr<DhcpPamFactory> pamFactory_;
    Ptr<const KernelNetInfo::Status> kernelIntfDir_;
-   std::unique_ptr<Platform::IntfStatusManagerRoot> intfStatusManagerRoot_;
+   std::unique_ptr<Frontend::IntfStatusManagerRoot> intfStatusManagerRoot_;
    // The agent's one timer wheel is the host's: the event loop drives it.
    Platform::TimerWheel* timerWheel_ = nullptr;
    Ptr<Status> localDhcpRelayStatus_;
    Ptr<Root> dhcpRoot_;
    Ptr<ResolutionRecordDir> namelookRecord_;
    Ptr<ResolutionRequestDir> namelookRequest_;
-   std::unique_ptr<Platform::NamelookSm> namelookSm_;
+   std::unique_ptr<Frontend::NamelookSm> namelookSm_;
    Ptr<DhcpPacketQueues> dhcpPacketQueues_;
    Ptr<DhcpPacketQueues> dhcp6PacketQueues_;
    Ptr<IntfServerIpDir> dhcpRelayIntfServerIp_;

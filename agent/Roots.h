@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/Entity.h"
+#include "platform/store/Entity.h"
 #include "relay4/DhcpRelaySm.h"
 #include "servers/DhcpVrfSelectSmv4.h"
 

@@ -2,8 +2,8 @@
 #include <cstdio>
 
 #include "agent/Daemon.h"
-#include "frontend/ConfigParser.h"
-#include "frontend/ControlProtocol.h"
+#include "frontend/config/ConfigParser.h"
+#include "frontend/control/ControlProtocol.h"
 
 int main(int argc, char** argv) {
    CLI::App app{"dhcp-relay-agent: DHCPv4/DHCPv6 relay and DHCP snooping for Linux"};

@@ -12,7 +12,7 @@
 #include "codec/DhcpHdr.h"
 #include "counters/DhcpRelayCounters.h"
 #include "counters/DhcpRelayCountersSm.h"
-#include "platform/Clock.h"
+#include "platform/loop/Clock.h"
 
 namespace {
 

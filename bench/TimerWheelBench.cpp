@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "platform/TimerWheel.h"
+#include "platform/loop/TimerWheel.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "bench/AllocationCounter.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace {
 

@@ -29,7 +29,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/InetHeaders.h"
+#include "platform/packet/InetHeaders.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include "codec/DhcpOptions.h"
 #include "codec/RelayAgentInfo.h"
 #include "codec/TlvWalker.h"
-#include "platform/Assert.h"
-#include "platform/ByteCursor.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/packet/ByteCursor.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

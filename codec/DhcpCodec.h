@@ -27,8 +27,8 @@
 #include <string_view>
 
 #include "codec/DhcpHdr.h"
-#include "platform/IpAddr.h"
-#include "platform/Pkt.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/packet/Pkt.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "platform/Assert.h"
-#include "platform/ByteCursor.h"
+#include "platform/base/Assert.h"
+#include "platform/packet/ByteCursor.h"
 
 namespace Ip::Helper::DhcpRelay {
 

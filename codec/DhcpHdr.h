@@ -5,9 +5,9 @@
 #include <optional>
 #include <span>
 
-#include "platform/EthAddr.h"
-#include "platform/IpAddr.h"
-#include "platform/Pkt.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/packet/Pkt.h"
 
 namespace Ip::Helper::DhcpRelay {
 

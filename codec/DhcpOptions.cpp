@@ -1,7 +1,7 @@
 #include "codec/DhcpOptions.h"
 
 #include "codec/DhcpHdr.h"
-#include "platform/ByteCursor.h"
+#include "platform/packet/ByteCursor.h"
 
 namespace Codec {
 

@@ -7,7 +7,7 @@
 #include <span>
 
 #include "codec/TlvWalker.h"
-#include "platform/Pkt.h"
+#include "platform/packet/Pkt.h"
 
 namespace Codec {
 

@@ -2,8 +2,8 @@
 
 #include "codec/DhcpOptions.h"
 #include "codec/TlvWalker.h"
-#include "platform/ByteCursor.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
+#include "platform/packet/ByteCursor.h"
 
 namespace Codec {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/IpAddr.h"
+#include "platform/addr/IpAddr.h"
 
 namespace Codec {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-#include "platform/ByteCursor.h"
+#include "platform/packet/ByteCursor.h"
 
 namespace Codec {
 

@@ -1,7 +1,7 @@
 #include "counters/DhcpRelayCounters.h"
 
 #include "codec/DhcpHdr.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "model/Status.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -1,7 +1,7 @@
 #include "counters/DhcpRelayCountersSm.h"
 
 #include "counters/DhcpRelayCounters.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -5,8 +5,8 @@
 
 #include "model/CounterConfig.h"
 #include "model/Status.h"
-#include "platform/IntfId.h"
-#include "platform/TimerWheel.h"
+#include "platform/addr/IntfId.h"
+#include "platform/loop/TimerWheel.h"
 
 namespace Ip::Helper::DhcpRelay {
 

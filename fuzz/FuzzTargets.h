@@ -16,7 +16,7 @@
 #include "codec/DhcpHdr.h"
 #include "codec/RelayAgentInfo.h"
 #include "codec/TlvWalker.h"
-#include "platform/Pkt.h"
+#include "platform/packet/Pkt.h"
 
 namespace Fuzz {
 

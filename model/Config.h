@@ -6,10 +6,10 @@
 #include <string>
 
 #include "model/VrfIpSrcIntfSrcIp.h"
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
-#include "platform/Ip6Addr.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/Ip6Addr.h"
+#include "platform/addr/VrfName.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

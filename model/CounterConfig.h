@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <map>
 
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

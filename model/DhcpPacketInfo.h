@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/IntfId.h"
-#include "platform/Ip6Addr.h"
-#include "platform/Pkt.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/Ip6Addr.h"
+#include "platform/packet/Pkt.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -4,7 +4,7 @@
 
 #include "model/DhcpPacketInfo.h"
 #include "model/PacketLinkQueue.h"
-#include "platform/Entity.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -4,8 +4,8 @@
 #include <map>
 
 #include "model/VrfIpSrcIntfSrcIp.h"
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/base/Assert.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <set>
 
-#include "platform/Entity.h"
-#include "platform/EthAddr.h"
-#include "platform/IpAddr.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -1,6 +1,6 @@
 #include "model/Status.h"
 
-#include "platform/Assert.h"
+#include "platform/base/Assert.h"
 
 namespace Ip::Helper::DhcpRelay {
 

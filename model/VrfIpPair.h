@@ -5,8 +5,8 @@
 #include <string>
 
 #include "model/Hash.h"
-#include "platform/IpGenAddr.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IpGenAddr.h"
+#include "platform/addr/VrfName.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "model/Hash.h"
-#include "platform/IntfId.h"
-#include "platform/IpGenAddr.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/IpGenAddr.h"
+#include "platform/addr/VrfName.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <map>
 
-#include "platform/Assert.h"
-#include "platform/Entity.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
+#include "platform/base/Assert.h"
+#include "platform/store/Entity.h"
 
 namespace Ip::Helper::DhcpRelay {
 

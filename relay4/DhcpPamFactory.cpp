@@ -1,7 +1,7 @@
 #include "relay4/DhcpPamFactory.h"
 
-#include "platform/LinuxRawTxPam.h"
-#include "platform/LinuxUdpPam.h"
+#include "platform/pam/LinuxRawTxPam.h"
+#include "platform/pam/LinuxUdpPam.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "platform/RawTxPam.h"
-#include "platform/RouteSocket.h"
-#include "platform/UdpPam.h"
+#include "platform/linux/RouteSocket.h"
+#include "platform/pam/RawTxPam.h"
+#include "platform/pam/UdpPam.h"
 
 namespace Platform {
 class EventLoop;

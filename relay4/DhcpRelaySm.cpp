@@ -1,8 +1,8 @@
 #include "relay4/DhcpRelaySm.h"
 
 #include "counters/DhcpRelayCounters.h"
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -15,12 +15,11 @@
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/IpStatus.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/IntfId.h"
-#include "platform/IntfStatusManager.h"
-#include "platform/Pkt.h"
-#include "platform/RouteSocket.h"
-#include "platform/StateStore.h"
-#include "platform/TimerWheel.h"
+#include "platform/addr/IntfId.h"
+#include "platform/linux/RouteSocket.h"
+#include "platform/loop/TimerWheel.h"
+#include "platform/packet/Pkt.h"
+#include "platform/store/StateStore.h"
 #include "relay4/DhcpPamFactory.h"
 #include "relay4/DhcpSmartRelayIntfSm.h"
 #include "relay4/DhcpVrfSm.h"
@@ -52,7 +51,7 @@ class DhcpRelaySm {
       Ptr<const IntfServerIpDir> intfServerIpDir;
       Ptr<ClientContext> clientContext;
       Platform::StateStore* entityManager = nullptr;
-      Platform::IntfStatusManagerRoot* intfStatusManagerRoot = nullptr;
+      Interface::IntfStatusSource* intfStatusManagerRoot = nullptr;
       DhcpPamFactory* pamFactory = nullptr;
       // The agent's wheel; needed once an interface runs smart relay.
       Platform::TimerWheel* timerWheel = nullptr;

@@ -7,12 +7,12 @@
 #include "model/SmartRelay.h"
 #include "model/Status.h"
 #include "model/switch/IpStatus.h"
-#include "platform/EthAddr.h"
-#include "platform/IntfId.h"
-#include "platform/IpAddr.h"
-#include "platform/Pkt.h"
-#include "platform/PrefixTrie.h"
-#include "platform/TimerWheel.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/addr/PrefixTrie.h"
+#include "platform/loop/TimerWheel.h"
+#include "platform/packet/Pkt.h"
 
 namespace Ip::Helper::DhcpRelay {
 

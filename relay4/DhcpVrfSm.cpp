@@ -1,8 +1,7 @@
 #include "relay4/DhcpVrfSm.h"
 
 #include "counters/DhcpRelayCounters.h"
-#include "platform/KernelFrontEnd.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "relay4/DhcpRelaySm.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -12,10 +11,6 @@ namespace {
 // The DSCP sits in the upper six bits of the TOS byte; the ECN bits stay zero.
 uint8_t tosOf(uint8_t dscp) {
    return static_cast<uint8_t>((dscp * 4) & 255);
-}
-
-bool isDefaultNs(const Platform::NamespaceName& ns) {
-   return ns.str().empty() || ns.str() == Platform::VrfName::defaultVrf().str();
 }
 
 }  // namespace
@@ -49,7 +44,7 @@ class DhcpVrfSm::RawTxPamReactor : public Platform::RawTxPam::Reactor {
 DhcpVrfSm::DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
                      const Ptr<const Config>& config,
                      const Ptr<const Interface::DeviceNameConfig>& deviceIntfStatusDir,
-                     Platform::IntfStatusManagerRoot& netNsIntfStatusManagerRoot,
+                     Interface::IntfStatusSource& netNsIntfStatusManagerRoot,
                      Platform::StateStore& entityManager, DhcpPamFactory& pamFactory,
                      DhcpRelaySm& dhcpRelaySm)
     : vrfName_(vrfName),
@@ -70,8 +65,8 @@ void DhcpVrfSm::handleInitialized() {
       return;
    TRACE(3, " for vrf:", vrfName_);
 
-   kniRoot_ = Platform::kernelTableOf(entityManager_, nsName_.str());
-   intfStatusManager_ = netNsIntfStatusManagerRoot_.intfStatusManager(nsName_.str());
+   kniRoot_ = KernelNetInfo::kernelTableOf(entityManager_, nsName_.str());
+   netNsIntfStatusManagerRoot_.namespaceFollowIs(nsName_.str());
 
    Ptr<Platform::UdpPam> udp = pamFactory_.udpPam("UdpSocket-" + vrfName_.str());
    udp->txDstAddrIs(Platform::IpAddr::broadcast());
@@ -167,10 +162,7 @@ void DhcpVrfSm::handleDel() {
    egressRoutes_ = EgressRouteCache();
    kniRoot_.reset();
    initialized_ = false;
-   if (!isDefaultNs(nsName_)) {
-      netNsIntfStatusManagerRoot_.intfStatusManagerDel(nsName_.str());
-      intfStatusManager_ = nullptr;
-   }
+   netNsIntfStatusManagerRoot_.namespaceFollowDel(nsName_.str());
 }
 
 }  // namespace Ip::Helper::DhcpRelay

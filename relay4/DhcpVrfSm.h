@@ -6,12 +6,11 @@
 #include "model/Config.h"
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/KernelNetInfo.h"
-#include "platform/IntfStatusManager.h"
-#include "platform/RawTxPam.h"
-#include "platform/RouteSocket.h"
-#include "platform/StateStore.h"
-#include "platform/UdpPam.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
+#include "platform/linux/RouteSocket.h"
+#include "platform/pam/RawTxPam.h"
+#include "platform/pam/UdpPam.h"
+#include "platform/store/StateStore.h"
 #include "relay4/DhcpPamFactory.h"
 #include "relay4/EgressRouteCache.h"
 
@@ -31,7 +30,7 @@ class DhcpVrfSm {
    DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
              const Ptr<const Config>& config,
              const Ptr<const Interface::DeviceNameConfig>& deviceIntfStatusDir,
-             Platform::IntfStatusManagerRoot& netNsIntfStatusManagerRoot,
+             Interface::IntfStatusSource& netNsIntfStatusManagerRoot,
              Platform::StateStore& entityManager, DhcpPamFactory& pamFactory,
              DhcpRelaySm& dhcpRelaySm);
    ~DhcpVrfSm();
@@ -56,7 +55,6 @@ class DhcpVrfSm {
    const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server);
    // The namespace's kernel devices by ifindex.
    const Ptr<const KernelNetInfo::Status>& kernelTable() const { return kniRoot_; }
-   Platform::IntfStatusManager* intfStatusManager() const { return intfStatusManager_; }
 
  private:
    class ConfigReactor;
@@ -67,12 +65,11 @@ class DhcpVrfSm {
    const Platform::NamespaceName nsName_;
    Ptr<const Config> dhcpRelayConfig_;
    Ptr<const Interface::DeviceNameConfig> deviceIntfStatusDir_;
-   Platform::IntfStatusManagerRoot& netNsIntfStatusManagerRoot_;
+   Interface::IntfStatusSource& netNsIntfStatusManagerRoot_;
    Platform::StateStore& entityManager_;
    DhcpPamFactory& pamFactory_;
    DhcpRelaySm& dhcpRelaySm_;
 
-   Platform::IntfStatusManager* intfStatusManager_ = nullptr;
    Ptr<const KernelNetInfo::Status> kniRoot_;
    Ptr<Platform::UdpPam> udpPam_;
    Ptr<Platform::RawTxPam> rawTxPam_;

@@ -6,8 +6,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/IpAddr.h"
-#include "platform/RouteSocket.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/linux/RouteSocket.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -3,10 +3,10 @@
 
 #include "codec/DhcpCodec.h"
 #include "counters/DhcpRelayCounters.h"
-#include "platform/Assert.h"
-#include "platform/ByteCursor.h"
-#include "platform/InetHeaders.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/packet/ByteCursor.h"
+#include "platform/packet/InetHeaders.h"
+#include "platform/trace/Trace.h"
 #include "relay4/DhcpRelaySm.h"
 
 namespace Ip::Helper::DhcpRelay {

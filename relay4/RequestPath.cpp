@@ -4,8 +4,8 @@
 
 #include "codec/DhcpCodec.h"
 #include "counters/DhcpRelayCounters.h"
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/trace/Trace.h"
 #include "relay4/DhcpRelaySm.h"
 
 namespace Ip::Helper::DhcpRelay {

@@ -12,6 +12,9 @@ bash scripts/install-deps.sh
 echo "== formatting"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
+echo "== layers"
+bash scripts/check-layers.sh
+
 echo "== build"
 bash scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_BENCH=ON
 

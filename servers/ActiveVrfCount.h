@@ -1,7 +1,7 @@
 #pragma once
 
 #include "model/VrfWithCountDir.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
 
 namespace Ip::Helper::DhcpRelay {
 

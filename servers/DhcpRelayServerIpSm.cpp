@@ -1,6 +1,6 @@
 #include "servers/DhcpRelayServerIpSm.h"
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

@@ -7,8 +7,8 @@
 #include "model/Config.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "platform/IntfId.h"
-#include "platform/Namelook.h"
+#include "model/Namelook.h"
+#include "platform/addr/IntfId.h"
 #include "servers/IntfConfigServerIpSm.h"
 #include "servers/IntfServerIpNamelookSm.h"
 

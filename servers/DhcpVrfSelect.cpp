@@ -4,8 +4,8 @@
 
 #include "model/switch/Ip6Status.h"
 #include "model/switch/IpStatus.h"
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/trace/Trace.h"
 #include "servers/ActiveVrfCount.h"
 
 namespace Ip::Helper::DhcpRelay {

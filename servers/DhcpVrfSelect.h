@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "model/VrfWithCountDir.h"
-#include "platform/IntfId.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/VrfName.h"
 
 namespace Ip::Helper::DhcpRelay {
 

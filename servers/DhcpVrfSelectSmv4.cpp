@@ -1,6 +1,6 @@
 #include "servers/DhcpVrfSelectSmv4.h"
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "servers/ActiveVrfCount.h"
 
 namespace Ip::Helper::DhcpRelay {

@@ -7,7 +7,7 @@
 #include "model/IntfServerIpDir.h"
 #include "model/VrfWithCountDir.h"
 #include "model/switch/IpStatus.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
 #include "servers/DhcpVrfSelect.h"
 
 namespace Ip::Helper::DhcpRelay {

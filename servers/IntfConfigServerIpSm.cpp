@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/trace/Trace.h"
 #include "servers/IntfServerIpCount.h"
 
 namespace Ip::Helper::DhcpRelay {

@@ -5,13 +5,13 @@
 #include "model/Config.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "platform/Namelook.h"
+#include "model/Namelook.h"
 
 namespace Ip::Helper::DhcpRelay {
 
-using Platform::ResolutionRecord;
-using Platform::ResolutionRecordDir;
-using Platform::ResolutionRequestDir;
+using Namelook::ResolutionRecord;
+using Namelook::ResolutionRecordDir;
+using Namelook::ResolutionRequestDir;
 
 // Holds one reference in the interface's IntfServerIp for each server address configured on
 // the interface, and for each host name entry one reference per address the name currently

@@ -1,7 +1,7 @@
 #include "servers/IntfServerIpCount.h"
 
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include "platform/base/Assert.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 

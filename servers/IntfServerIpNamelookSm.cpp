@@ -1,13 +1,13 @@
 #include "servers/IntfServerIpNamelookSm.h"
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "servers/IntfServerIpCount.h"
 
 namespace Ip::Helper::DhcpRelay {
 
+using Namelook::ResolutionRecord;
 using Platform::IntfId;
 using Platform::IpAddr;
-using Platform::ResolutionRecord;
 
 class IntfServerIpNamelookSm::RecordReactor : public ResolutionRecord::Reactor {
  public:

@@ -5,8 +5,8 @@
 #include "model/Config.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
-#include "platform/IpAddr.h"
-#include "platform/Namelook.h"
+#include "model/Namelook.h"
+#include "platform/addr/IpAddr.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -19,14 +19,14 @@ namespace Ip::Helper::DhcpRelay {
 class IntfServerIpNamelookSm {
  public:
    IntfServerIpNamelookSm(const Ptr<const Config>& config,
-                          const Ptr<const Platform::ResolutionRecord>& record,
+                          const Ptr<const Namelook::ResolutionRecord>& record,
                           const Ptr<const HostnameToIntfNameMap>& hostnameToIntfNameMap,
                           const Ptr<IntfServerIpDir>& intfServerIpDir);
    ~IntfServerIpNamelookSm();
    IntfServerIpNamelookSm(const IntfServerIpNamelookSm&) = delete;
    IntfServerIpNamelookSm& operator=(const IntfServerIpNamelookSm&) = delete;
 
-   const Ptr<const Platform::ResolutionRecord>& record() const { return record_; }
+   const Ptr<const Namelook::ResolutionRecord>& record() const { return record_; }
 
  private:
    class RecordReactor;
@@ -34,7 +34,7 @@ class IntfServerIpNamelookSm {
    void handleRecordUpdate(Platform::IpAddr ip);
 
    Ptr<const Config> config_;
-   Ptr<const Platform::ResolutionRecord> record_;
+   Ptr<const Namelook::ResolutionRecord> record_;
    Ptr<const HostnameToIntfNameMap> hostnameToIntfNameMap_;
    Ptr<IntfServerIpDir> intfServerIpDir_;
    std::unique_ptr<RecordReactor> recordReactor_;

@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "platform/Entity.h"
+#include "platform/store/Entity.h"
 
 namespace Bridging::DhcpSnooping {
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "model/Counters.h"
-#include "platform/Entity.h"
+#include "platform/store/Entity.h"
 
 namespace Bridging::DhcpSnooping {
 

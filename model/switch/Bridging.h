@@ -4,8 +4,8 @@
 #include <map>
 #include <set>
 
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
+#include "platform/store/Entity.h"
 
 namespace Bridging {
 

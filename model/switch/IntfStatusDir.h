@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/VrfName.h"
+#include "platform/store/Entity.h"
 
 namespace Interface {
 
@@ -161,6 +161,18 @@ class DeviceNameConfig : public Platform::Entity {
 
  private:
    std::map<Platform::IntfId, std::string> deviceName_;
+};
+
+// Whoever writes the interface status of a namespace's devices (the kernel front end on
+// Linux). A machine that keeps sockets in a namespace asks for its interfaces to be
+// followed while it does; the agent's own namespace is always followed.
+class IntfStatusSource {
+ public:
+   virtual ~IntfStatusSource() = default;
+   // Each interface's VRF and kernel ifindex.
+   virtual const Platform::Ptr<AllIntfStatusLocalDir>& intfStatusLocal() const = 0;
+   virtual void namespaceFollowIs(const std::string& nsName) = 0;
+   virtual void namespaceFollowDel(const std::string& nsName) = 0;
 };
 
 }  // namespace Interface

@@ -3,10 +3,10 @@
 #include <map>
 #include <set>
 
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
-#include "platform/IpAddr.h"
-#include "platform/VrfName.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/addr/VrfName.h"
+#include "platform/store/Entity.h"
 
 namespace Ip {
 

@@ -7,10 +7,11 @@
 #include <set>
 #include <vector>
 
-#include "platform/Entity.h"
-#include "platform/EthAddr.h"
-#include "platform/Ip6Addr.h"
-#include "platform/IpAddr.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/addr/Ip6Addr.h"
+#include "platform/addr/IpAddr.h"
+#include "platform/store/Entity.h"
+#include "platform/store/StateStore.h"
 
 namespace KernelNetInfo {
 
@@ -105,5 +106,14 @@ class Status : public Platform::Entity {
    std::map<uint32_t, Platform::Ptr<KernelIntf>> interfaceByIndex_;
    uint64_t routeGeneration_ = 0;
 };
+
+// Where the kernel table of a namespace is published: "kni/ns/<ns>/status", with
+// "default" for the agent's own namespace.
+std::string kernelTablePath(const std::string& nsName);
+
+// The kernel table of a namespace, published empty by whichever side asks first: the
+// front end that fills it and the agent's readers may start in either order and still
+// share one table.
+Platform::Ptr<Status> kernelTableOf(Platform::StateStore& store, const std::string& nsName);
 
 }  // namespace KernelNetInfo

@@ -3,8 +3,8 @@
 #include <map>
 
 #include "model/Status.h"
-#include "platform/Entity.h"
-#include "platform/IntfId.h"
+#include "platform/addr/IntfId.h"
+#include "platform/store/Entity.h"
 
 namespace MlagDhcpRelay {
 

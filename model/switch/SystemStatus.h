@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "platform/Entity.h"
-#include "platform/EthAddr.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/store/Entity.h"
 
 namespace System {
 

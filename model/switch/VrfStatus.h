@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <map>
 
-#include "platform/Entity.h"
-#include "platform/VrfName.h"
+#include "platform/addr/VrfName.h"
+#include "platform/store/Entity.h"
 
 namespace Ip {
 

@@ -5,14 +5,14 @@
 #include <vector>
 
 #include "agent/DhcpRelayAgent.h"
-#include "frontend/ConfigFrontEnd.h"
+#include "frontend/config/ConfigFrontEnd.h"
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/Ip6Status.h"
 #include "model/switch/IpStatus.h"
-#include "platform/Clock.h"
-#include "platform/Dir.h"
-#include "platform/EventLoop.h"
-#include "platform/Trace.h"
+#include "platform/loop/Clock.h"
+#include "platform/loop/EventLoop.h"
+#include "platform/store/Dir.h"
+#include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay {

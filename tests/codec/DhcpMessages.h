@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Pkt.h"
+#include "platform/packet/Pkt.h"
 
 namespace Codec::Test {
 

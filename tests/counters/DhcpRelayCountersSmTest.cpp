@@ -7,8 +7,8 @@
 
 #include "codec/DhcpHdr.h"
 #include "counters/DhcpRelayCounters.h"
-#include "platform/Clock.h"
-#include "platform/Trace.h"
+#include "platform/loop/Clock.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {

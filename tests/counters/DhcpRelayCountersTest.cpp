@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "codec/DhcpHdr.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {

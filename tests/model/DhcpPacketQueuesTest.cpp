@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {

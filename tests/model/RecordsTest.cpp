@@ -13,6 +13,7 @@
 #include "model/DhcpPacketQueues.h"
 #include "model/HostnameMap.h"
 #include "model/IntfServerIpDir.h"
+#include "model/Namelook.h"
 #include "model/Status.h"
 #include "model/VrfIpPair.h"
 #include "model/VrfIpSrcIntfSrcIp.h"
@@ -27,20 +28,19 @@
 #include "model/switch/MlagStatus.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/Namelook.h"
-#include "platform/StateStore.h"
+#include "platform/store/StateStore.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
 
+using Namelook::ResolutionRecord;
+using Namelook::ResolutionRecordDir;
+using Namelook::ResolutionRequestDir;
 using Platform::EthAddr;
 using Platform::IntfId;
 using Platform::IpAddr;
 using Platform::IpGenAddr;
 using Platform::Ptr;
-using Platform::ResolutionRecord;
-using Platform::ResolutionRecordDir;
-using Platform::ResolutionRequestDir;
 using Platform::VrfName;
 
 IpGenAddr ip(const char* text) {

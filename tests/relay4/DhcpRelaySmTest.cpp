@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {

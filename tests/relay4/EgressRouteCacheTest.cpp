@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/KernelTableFollower.h"
-#include "tests/platform/NetnsFixture.h"
+#include "frontend/kernel/KernelTableFollower.h"
+#include "tests/support/NetnsFixture.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
@@ -33,7 +33,7 @@ TEST_F(EgressRouteCacheTest, AsksTheKernelAgainOnlyAfterARouteChange) {
    ASSERT_EQ(ip(in + "link set v1 up"), 0);
    const uint32_t v0 = Platform::TestNet::ifindexOf(ns, "v0");
    auto table = Platform::make<KernelNetInfo::Status>();
-   Platform::KernelTableFollower follower(loop_, ns, table);
+   Frontend::KernelTableFollower follower(loop_, ns, table);
    std::string error;
    ASSERT_TRUE(follower.start(error)) << error;
    ASSERT_TRUE(turnUntil([&] { return follower.inSync(); }));

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "codec/DhcpHdr.h"
+#include "frontend/kernel/IntfStatusManager.h"
+#include "frontend/kernel/KernelFrontEnd.h"
 #include "model/ClientContext.h"
 #include "model/Config.h"
 #include "model/DhcpPacketQueues.h"
@@ -17,12 +19,10 @@
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/IpStatus.h"
 #include "model/switch/VrfStatus.h"
-#include "platform/IntfStatusManager.h"
-#include "platform/KernelFrontEnd.h"
-#include "platform/RawTxTestPam.h"
-#include "platform/StateStore.h"
-#include "platform/TimerWheel.h"
-#include "platform/UdpTestPam.h"
+#include "platform/loop/TimerWheel.h"
+#include "platform/pam/RawTxTestPam.h"
+#include "platform/pam/UdpTestPam.h"
+#include "platform/store/StateStore.h"
 #include "relay4/DhcpRelaySm.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
@@ -160,7 +160,7 @@ class RelayTestBed {
       store.publish("ip/vrf/status/local", vrfs);
       store.publish("interface/config/deviceName", deviceNames);
       vrfIs("default", "default", true);
-      managers = std::make_unique<Platform::IntfStatusManagerRoot>(store, allIntfStatus,
+      managers = std::make_unique<Frontend::IntfStatusManagerRoot>(store, allIntfStatus,
                                                                    allIntfStatusLocal);
    }
 
@@ -176,7 +176,7 @@ class RelayTestBed {
    }
    Ptr<KernelNetInfo::KernelIntf> device(const std::string& ns, uint32_t ifindex,
                                          const std::string& name) {
-      auto d = Platform::kernelTableOf(store, ns)->interfaceByIndexIs(ifindex);
+      auto d = KernelNetInfo::kernelTableOf(store, ns)->interfaceByIndexIs(ifindex);
       d->deviceNameIs(name);
       return d;
    }
@@ -203,7 +203,7 @@ class RelayTestBed {
    Ptr<Interface::AllIntfStatusDir> allIntfStatus = make<Interface::AllIntfStatusDir>("all");
    Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocal =
        make<Interface::AllIntfStatusLocalDir>("local");
-   std::unique_ptr<Platform::IntfStatusManagerRoot> managers;
+   std::unique_ptr<Frontend::IntfStatusManagerRoot> managers;
    Ptr<Config> config = make<Config>("config");
    Ptr<Status> status = make<Status>("status");
    Ptr<Ip::Status> ipStatus = make<Ip::Status>("ip");

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "codec/DhcpCodec.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {

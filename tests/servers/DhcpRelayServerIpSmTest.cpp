@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 #include "servers/IntfServerIpCount.h"
 
 namespace Ip::Helper::DhcpRelay {

@@ -9,7 +9,7 @@
 #include <iostream>
 #include <string>
 
-#include "frontend/ControlProtocol.h"
+#include "frontend/control/ControlProtocol.h"
 #include "tools/ctl/Render.h"
 
 namespace {

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/TraceRing.h"
+#include "platform/trace/TraceRing.h"
 
 namespace {
 

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "frontend/config/ConfigDocument.h"
+#include "model/Config.h"
+#include "model/snooping/SnoopingConfig.h"
+#include "model/switch/Bridging.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/SystemStatus.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/addr/EthAddr.h"
+#include "platform/addr/IntfId.h"
+#include "platform/base/Ptr.h"
+
+namespace Frontend {
+
+// The records the configuration file is the source of; every one must be set.
+struct Targets {
+   Platform::Ptr<Ip::Helper::DhcpRelay::Config> relay;
+   Platform::Ptr<Bridging::DhcpSnooping::Config> snooping;
+   Platform::Ptr<Bridging::DhcpSnooping::Dhcp6Config> snooping6;
+   // Only the VRF -> namespace names; the namespace follower owns each entry's state.
+   Platform::Ptr<Ip::AllVrfStatusLocal> vrfs;
+   Platform::Ptr<System::NetStatus> netStatus;
+   Platform::Ptr<EntityMib::Status> entityMib;
+   Platform::Ptr<Bridging::Config> bridging;
+   Platform::Ptr<Interface::DeviceNameConfig> deviceNames;
+};
+
+// Brings every target to what `doc` says through the records' mutators, so that a
+// reload notifies exactly what changed: applying the same document twice notifies
+// nothing the second time. The default VRF always has its entry, named after the
+// agent's own namespace.
+void applyConfig(const ConfigDocument& doc, Targets& targets);
+
+// What the host says when the file does not: the host name, and the MAC address of
+// the Ethernet device with the lowest ifindex under `sysClassNet` (zero when none).
+std::string hostHostname();
+Platform::EthAddr hostBridgeMac(const std::string& sysClassNet = "/sys/class/net");
+
+}  // namespace Frontend

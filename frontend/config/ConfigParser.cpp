@@ -1,0 +1,787 @@
+#include "frontend/config/ConfigParser.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Frontend {
+
+namespace {
+
+using Platform::EthAddr;
+using Platform::IntfId;
+using Platform::Ip6Addr;
+using Platform::IpAddr;
+using Platform::IpGenAddr;
+using Platform::NamespaceName;
+using Platform::VrfName;
+
+constexpr size_t kHostnameMax = 253;
+constexpr size_t kHostnameLabelMax = 63;
+// The circuit-id travels as one DHCP sub-option, whose length is a single byte.
+constexpr size_t kCircuitIdMax = 255;
+// IFNAMSIZ less the terminating NUL.
+constexpr size_t kDeviceNameMax = 15;
+constexpr int64_t kVlanMin = 1;
+constexpr int64_t kVlanMax = 4094;
+constexpr int64_t kDscpMax = 63;
+constexpr int64_t kCircuitIdTypeMax = 255;
+
+const std::string_view kFormatPortVlan = "%p:%v";
+const std::string_view kFormatHostPort = "%h:%p";
+
+// A node under validation and where its problems are reported.
+struct Value {
+   YAML::Node node;
+   std::string path;
+   int line;
+};
+
+// yaml-cpp marks an empty value with the position of the token after it, often on a
+// later line, so problems with an empty value are reported on its key's line.
+int lineOf(const YAML::Node& node, int fallback) {
+   if (node.IsNull() || node.Mark().line < 0)
+      return fallback;
+   return node.Mark().line + 1;
+}
+
+std::string join(const std::string& path, std::string_view key) {
+   return path.empty() ? std::string(key) : path + "." + std::string(key);
+}
+
+std::string quoted(std::string_view text) {
+   std::string out = "\"";
+   for (const char c : text) {
+      if (c == '"' || c == '\\') {
+         out += '\\';
+         out += c;
+      } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+         static constexpr char hex[] = "0123456789abcdef";
+         out += "\\x";
+         out += hex[(c >> 4) & 0xf];
+         out += hex[c & 0xf];
+      } else {
+         out += c;
+      }
+   }
+   return out + "\"";
+}
+
+constexpr std::string_view kCoreTagPrefix = "tag:yaml.org,2002:";
+
+// A scalar is a boolean or a number only when written without quotes, or tagged as
+// one (`!!int 5`); "5" in quotes is a string.
+bool isScalarOf(const YAML::Node& node, std::string_view coreType) {
+   if (!node.IsScalar())
+      return false;
+   const std::string& tag = node.Tag();
+   return tag == "?" ||
+          (tag.starts_with(kCoreTagPrefix) && tag.substr(kCoreTagPrefix.size()) == coreType);
+}
+
+std::string describe(const YAML::Node& node) {
+   switch (node.Type()) {
+      case YAML::NodeType::Map:
+         return "a map";
+      case YAML::NodeType::Sequence:
+         return "a list";
+      case YAML::NodeType::Scalar:
+         if (node.Tag() == "?")
+            return quoted(node.Scalar());
+         if (node.Tag() == "!")
+            return "a quoted string " + quoted(node.Scalar());
+         return quoted(node.Scalar()) + " tagged " + node.Tag();
+      default:
+         return "nothing";
+   }
+}
+
+bool validHostname(std::string_view name) {
+   if (name.ends_with('.'))
+      name.remove_suffix(1);
+   if (name.empty())
+      return false;
+   size_t start = 0;
+   while (start <= name.size()) {
+      size_t end = name.find('.', start);
+      if (end == std::string_view::npos)
+         end = name.size();
+      const std::string_view label = name.substr(start, end - start);
+      if (label.empty() || label.size() > kHostnameLabelMax || label.front() == '-' ||
+          label.back() == '-')
+         return false;
+      for (const char c : label) {
+         const bool ok =
+             (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-';
+         if (!ok)
+            return false;
+      }
+      start = end + 1;
+   }
+   return true;
+}
+
+// The kernel's own rule for device names.
+bool validDeviceName(std::string_view name) {
+   if (name.empty() || name.size() > kDeviceNameMax || name == "." || name == "..")
+      return false;
+   return std::none_of(name.begin(), name.end(), [](char c) {
+      return c == '/' || c == ':' || c == ' ' || (c >= '\t' && c <= '\r');
+   });
+}
+
+class Parser {
+ public:
+   explicit Parser(std::string file) : file_(std::move(file)) {}
+
+   ParsedConfig run(const std::string& text) {
+      std::vector<YAML::Node> documents;
+      try {
+         documents = YAML::LoadAll(text);
+      } catch (const YAML::ParserException& e) {
+         error(e.mark.line + 1, "(syntax)", e.msg);
+         return result();
+      }
+      if (documents.size() > 1) {
+         error(lineOf(documents[1], 1), "(root)", "only one YAML document is allowed");
+      }
+      if (!documents.empty())
+         root({documents[0], "", lineOf(documents[0], 1)});
+      checkVrfReferences();
+      return result();
+   }
+
+   void error(int line, const std::string& field, const std::string& what) {
+      errors_.push_back({line, file_ + ":" + std::to_string(line) + ": " +
+                                   (field.empty() ? "(root)" : field) + ": " + what});
+   }
+
+ private:
+   using Member = std::pair<std::string_view, std::function<void(const Value&)>>;
+
+   struct Error {
+      int line;
+      std::string text;
+   };
+   struct VrfReference {
+      VrfName vrf;
+      int line;
+      std::string path;
+   };
+
+   ParsedConfig result() {
+      std::stable_sort(errors_.begin(), errors_.end(),
+                       [](const Error& a, const Error& b) { return a.line < b.line; });
+      ParsedConfig out;
+      for (Error& e : errors_)
+         out.errors.push_back(std::move(e.text));
+      if (out.errors.empty())
+         out.document = std::move(doc_);
+      return out;
+   }
+
+   size_t errorCount() const { return errors_.size(); }
+
+   // --- structure ----------------------------------------------------------------
+
+   // An empty value stands for an empty map or list, so that a section whose entries
+   // are all commented out stays valid.
+   bool isCollection(const Value& v, YAML::NodeType::value type, const char* expected) {
+      if (v.node.IsNull())
+         return false;
+      if (v.node.Type() == type)
+         return true;
+      error(v.line, v.path, std::string("expected ") + expected + ", got " + describe(v.node));
+      return false;
+   }
+
+   // Calls f(keyText, keyLine, member) for each well-formed key of a map, in file order.
+   template <class F>
+   void forEachKey(const Value& map, F&& f) {
+      if (!isCollection(map, YAML::NodeType::Map, "a map"))
+         return;
+      std::map<std::string, int> seen;
+      for (const auto& pair : map.node) {
+         const YAML::Node& key = pair.first;
+         const int keyLine = lineOf(key, map.line);
+         if (!key.IsScalar()) {
+            error(keyLine, map.path, "a key must be a string, got " + describe(key));
+            continue;
+         }
+         const std::string& name = key.Scalar();
+         // yaml-cpp keeps every pair of a map, repeated keys included.
+         const auto [first, added] = seen.emplace(name, keyLine);
+         if (!added) {
+            error(keyLine, join(map.path, name),
+                  "duplicate key (first at line " + std::to_string(first->second) + ")");
+            continue;
+         }
+         f(name, keyLine, Value{pair.second, join(map.path, name), lineOf(pair.second, keyLine)});
+      }
+   }
+
+   // A map with a fixed set of keys, each read by its own handler.
+   void members(const Value& map, const std::vector<Member>& handlers) {
+      forEachKey(map, [&](const std::string& key, int keyLine, const Value& member) {
+         const auto it = std::find_if(handlers.begin(), handlers.end(),
+                                      [&](const Member& h) { return h.first == key; });
+         if (it != handlers.end()) {
+            it->second(member);
+            return;
+         }
+         std::string allowed;
+         for (const Member& h : handlers)
+            allowed += (allowed.empty() ? "" : ", ") + std::string(h.first);
+         error(keyLine, member.path, "unknown key; allowed: " + allowed);
+      });
+   }
+
+   template <class F>
+   void elements(const Value& seq, F&& f) {
+      if (!isCollection(seq, YAML::NodeType::Sequence, "a list"))
+         return;
+      size_t index = 0;
+      for (const YAML::Node& node : seq.node) {
+         f(Value{node, seq.path + "[" + std::to_string(index++) + "]", lineOf(node, seq.line)});
+      }
+   }
+
+   // --- scalars ------------------------------------------------------------------
+
+   std::optional<std::string> string(const Value& v) {
+      if (v.node.IsScalar())
+         return v.node.Scalar();
+      error(v.line, v.path, "expected a string, got " + describe(v.node));
+      return std::nullopt;
+   }
+
+   std::optional<bool> boolean(const Value& v) {
+      if (isScalarOf(v.node, "bool")) {
+         const std::string& s = v.node.Scalar();
+         if (s == "true" || s == "True" || s == "TRUE")
+            return true;
+         if (s == "false" || s == "False" || s == "FALSE")
+            return false;
+      }
+      error(v.line, v.path, "expected true or false, got " + describe(v.node));
+      return std::nullopt;
+   }
+
+   std::optional<int64_t> integerIn(const Value& v, int64_t min, int64_t max, const char* what) {
+      if (isScalarOf(v.node, "int")) {
+         const std::string& s = v.node.Scalar();
+         const char* first = s.data();
+         const char* last = s.data() + s.size();
+         const bool digits = !s.empty() && std::all_of(first + (s[0] == '-'), last, [](char c) {
+            return c >= '0' && c <= '9';
+         }) && s != "-";
+         if (digits) {
+            int64_t n = 0;
+            const auto [end, ec] = std::from_chars(first, last, n);
+            if (ec == std::errc() && end == last && n >= min && n <= max)
+               return n;
+            error(v.line, v.path,
+                  std::string(what) + " outside " + std::to_string(min) + ".." +
+                      std::to_string(max) + ": " + s);
+            return std::nullopt;
+         }
+      }
+      error(v.line, v.path, "expected an integer, got " + describe(v.node));
+      return std::nullopt;
+   }
+
+   void setBool(const Value& v, bool& out) {
+      if (const auto b = boolean(v))
+         out = *b;
+   }
+
+   std::optional<uint16_t> vlan(const Value& v) {
+      if (const auto n = integerIn(v, kVlanMin, kVlanMax, "VLAN id"))
+         return static_cast<uint16_t>(*n);
+      return std::nullopt;
+   }
+
+   void vlanSet(const Value& v, std::set<uint16_t>& out) {
+      elements(v, [&](const Value& e) {
+         const auto id = vlan(e);
+         if (id && !out.insert(*id).second)
+            error(e.line, e.path, "duplicate VLAN " + std::to_string(*id));
+      });
+   }
+
+   void dscp(const Value& v, uint8_t& out) {
+      if (const auto n = integerIn(v, 0, kDscpMax, "DSCP"))
+         out = static_cast<uint8_t>(*n);
+   }
+
+   std::optional<IntfId> intfName(int line, const std::string& path, const std::string& text) {
+      if (const auto id = IntfId::parse(text))
+         return id;
+      if (text.size() > IntfId::maxLength) {
+         error(line, path,
+               "interface name longer than " + std::to_string(IntfId::maxLength) + " bytes");
+      } else {
+         error(line, path, "not an interface name (letters, digits and \"/.-_\"): " + quoted(text));
+      }
+      return std::nullopt;
+   }
+
+   std::optional<IntfId> intfName(const Value& v) {
+      const auto s = string(v);
+      return s ? intfName(v.line, v.path, *s) : std::nullopt;
+   }
+
+   std::optional<VrfName> vrfName(int line, const std::string& path, const std::string& text) {
+      if (text.empty()) {
+         error(line, path, "VRF name is empty");
+         return std::nullopt;
+      }
+      if (const auto name = VrfName::parse(text))
+         return name;
+      error(line, path, "VRF name longer than " + std::to_string(VrfName::maxLength) + " bytes");
+      return std::nullopt;
+   }
+
+   // A VRF that an interface or server uses; checked against `vrfs:` at the end.
+   std::optional<VrfName> vrfReference(const Value& v) {
+      const auto s = string(v);
+      if (!s)
+         return std::nullopt;
+      auto name = vrfName(v.line, v.path, *s);
+      if (name)
+         vrfReferences_.push_back({*name, v.line, v.path});
+      return name;
+   }
+
+   std::optional<std::string> hostname(const Value& v) {
+      auto s = string(v);
+      if (!s)
+         return std::nullopt;
+      if (s->size() > kHostnameMax + (s->ends_with('.') ? 1 : 0)) {
+         error(v.line, v.path, "host name longer than " + std::to_string(kHostnameMax) + " bytes");
+         return std::nullopt;
+      }
+      if (!validHostname(*s)) {
+         error(v.line, v.path, "not a host name: " + quoted(*s));
+         return std::nullopt;
+      }
+      return s;
+   }
+
+   std::optional<IpGenAddr> address(const Value& v, bool v6) {
+      const auto s = string(v);
+      if (!s)
+         return std::nullopt;
+      if (v6) {
+         if (const auto a = Ip6Addr::parse(*s))
+            return IpGenAddr(*a);
+         error(v.line, v.path, "not an IPv6 address: " + quoted(*s));
+      } else {
+         if (const auto a = IpAddr::parse(*s))
+            return IpGenAddr(*a);
+         error(v.line, v.path, "not an IPv4 address: " + quoted(*s));
+      }
+      return std::nullopt;
+   }
+
+   // --- sections -----------------------------------------------------------------
+
+   void root(const Value& v) {
+      members(v, {{"vrfs", [&](const Value& m) { vrfs(m); }},
+                  {"system", [&](const Value& m) { system(m); }},
+                  {"relay", [&](const Value& m) { relay(m); }},
+                  {"devices", [&](const Value& m) { devices(m); }},
+                  {"interfaces", [&](const Value& m) { interfaces(m); }},
+                  {"snooping", [&](const Value& m) { snooping(m); }},
+                  {"bridging", [&](const Value& m) { bridging(m); }}});
+   }
+
+   void vrfs(const Value& v) {
+      std::map<std::string, std::string> vrfOfNamespace;
+      forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
+         const std::string keyPath = join(v.path, key);
+         auto vrf = vrfName(keyLine, keyPath, key);
+         if (!vrf)
+            return;
+         if (vrf->isDefault()) {
+            error(keyLine, keyPath,
+                  "the default VRF is the agent's own namespace and takes no entry");
+            return;
+         }
+         declaredVrfs_.insert(*vrf);
+         const auto ns = string(m);
+         if (!ns)
+            return;
+         if (ns->empty()) {
+            error(m.line, m.path, "namespace name is empty");
+         } else if (ns->size() > NamespaceName::maxLength) {
+            error(m.line, m.path,
+                  "namespace name longer than " + std::to_string(NamespaceName::maxLength) +
+                      " bytes");
+         } else if (*ns == "." || *ns == ".." || ns->find('/') != std::string::npos) {
+            // Namespaces are named by files under /run/netns.
+            error(m.line, m.path, "not a namespace name: " + quoted(*ns));
+         } else if (*ns == "default") {
+            // The platform reads this name as the agent's own namespace.
+            error(m.line, m.path, "namespace \"default\" is the default VRF's own");
+         } else if (const auto [other, added] = vrfOfNamespace.emplace(*ns, key); !added) {
+            error(m.line, m.path,
+                  "namespace " + quoted(*ns) + " already holds VRF " + quoted(other->second));
+         } else {
+            doc_.vrfs.emplace(*vrf, *NamespaceName::parse(*ns));
+         }
+      });
+   }
+
+   void system(const Value& v) {
+      members(v, {{"hostname",
+                   [&](const Value& m) {
+                      if (auto h = hostname(m))
+                         doc_.system.hostname = std::move(*h);
+                   }},
+                  {"bridge-mac", [&](const Value& m) { bridgeMac(m); }}});
+   }
+
+   void bridgeMac(const Value& v) {
+      const auto s = string(v);
+      if (!s)
+         return;
+      const auto mac = EthAddr::parse(*s);
+      if (!mac) {
+         error(v.line, v.path, "not a MAC address: " + quoted(*s));
+      } else if (mac->isZero() || (mac->bytes()[0] & 1)) {
+         error(v.line, v.path, "not a unicast MAC address: " + quoted(*s));
+      } else {
+         doc_.system.bridgeMac = mac;
+      }
+   }
+
+   void relay(const Value& v) {
+      RelayDoc& r = doc_.relay;
+      members(v, {{"smart-relay", [&](const Value& m) { setBool(m, r.smartRelay); }},
+                  {"dscp-v4", [&](const Value& m) { dscp(m, r.dscpV4); }},
+                  {"dscp-v6", [&](const Value& m) { dscp(m, r.dscpV6); }},
+                  {"always-on", [&](const Value& m) { setBool(m, r.alwaysOn); }},
+                  {"client-link-layer-address",
+                   [&](const Value& m) { setBool(m, r.clientLinkLayerAddress); }}});
+   }
+
+   void devices(const Value& v) {
+      std::map<std::string, std::string> intfOfDevice;
+      forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
+         const auto intf = intfName(keyLine, join(v.path, key), key);
+         const auto device = string(m);
+         if (!intf || !device)
+            return;
+         if (!validDeviceName(*device)) {
+            error(m.line, m.path,
+                  "not a kernel device name (1 to 15 bytes, no \"/\", \":\" or space): " +
+                      quoted(*device));
+         } else if (const auto [other, added] = intfOfDevice.emplace(*device, key); !added) {
+            error(m.line, m.path,
+                  "device " + quoted(*device) + " is already the device of " + other->second);
+         } else {
+            doc_.devices.emplace(*intf, *device);
+         }
+      });
+   }
+
+   void interfaces(const Value& v) {
+      forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
+         const auto intf = intfName(keyLine, join(v.path, key), key);
+         InterfaceDoc doc = interface(m);
+         if (intf)
+            doc_.interfaces.emplace(*intf, std::move(doc));
+      });
+   }
+
+   struct PendingServer {
+      ServerDoc server;
+      bool vrfGiven = false;
+      bool valid = false;
+      int line = 0;
+      std::string path;
+   };
+
+   InterfaceDoc interface(const Value& v) {
+      InterfaceDoc doc;
+      std::vector<PendingServer> servers;
+      std::vector<PendingServer> serversV6;
+      members(v,
+              {{"vrf",
+                [&](const Value& m) {
+                   if (const auto vrf = vrfReference(m))
+                      doc.vrf = *vrf;
+                }},
+               {"servers", [&](const Value& m) { servers = serverList(m, false); }},
+               {"servers-v6", [&](const Value& m) { serversV6 = serverList(m, true); }},
+               {"ccap-cores", [&](const Value& m) { ccapCores(m, doc.ccapCores); }},
+               {"smart-relay", [&](const Value& m) { setBool(m, doc.smartRelay); }},
+               {"information-option", [&](const Value& m) { setBool(m, doc.informationOption); }},
+               {"circuit-id", [&](const Value& m) { circuitId(m, doc.circuitId); }},
+               {"route-install", [&](const Value& m) { setBool(m, doc.routeInstall); }}});
+      // Servers inherit the interface's VRF, which may be written after them.
+      doc.servers = resolveServers(std::move(servers), doc.vrf);
+      doc.serversV6 = resolveServers(std::move(serversV6), doc.vrf);
+      return doc;
+   }
+
+   std::vector<PendingServer> serverList(const Value& v, bool v6) {
+      std::vector<PendingServer> out;
+      elements(v, [&](const Value& e) {
+         const size_t errorsBefore = errorCount();
+         out.push_back(server(e, v6));
+         out.back().valid = errorCount() == errorsBefore;
+      });
+      return out;
+   }
+
+   PendingServer server(const Value& v, bool v6) {
+      PendingServer p;
+      p.line = v.line;
+      p.path = v.path;
+      ServerDoc& s = p.server;
+      bool hasAddress = false, hasHostname = false, hasSourceIntf = false, hasSourceAddr = false;
+      const Member addressKey = {"address", [&](const Value& m) {
+                                    hasAddress = true;
+                                    if (const auto a = address(m, v6))
+                                       s.address = *a;
+                                 }};
+      const Member hostnameKey = {"hostname", [&](const Value& m) {
+                                     hasHostname = true;
+                                     if (auto h = hostname(m))
+                                        s.hostname = std::move(*h);
+                                  }};
+      const Member vrfKey = {"vrf", [&](const Value& m) {
+                                p.vrfGiven = true;
+                                if (const auto name = vrfReference(m))
+                                   s.vrf = *name;
+                             }};
+      const Member sourceIntfKey = {"source-interface", [&](const Value& m) {
+                                       hasSourceIntf = true;
+                                       if (const auto intf = intfName(m))
+                                          s.sourceInterface = *intf;
+                                    }};
+      const Member sourceAddrKey = {"source-address", [&](const Value& m) {
+                                       hasSourceAddr = true;
+                                       if (const auto a = address(m, v6))
+                                          s.sourceAddress = *a;
+                                    }};
+      // DHCPv6 servers are addresses only: the relay resolves names for DHCPv4 alone.
+      const std::vector<Member> keys =
+          v6 ? std::vector<Member>{addressKey, vrfKey, sourceIntfKey, sourceAddrKey}
+             : std::vector<Member>{addressKey, hostnameKey, vrfKey, sourceIntfKey, sourceAddrKey};
+      members(v, keys);
+      if (!v.node.IsMap() && !v.node.IsNull())
+         return p;
+      if (v6 && !hasAddress)
+         error(v.line, v.path, "needs address");
+      if (!v6 && hasAddress == hasHostname)
+         error(v.line, v.path, "needs exactly one of address and hostname");
+      if (hasSourceIntf && hasSourceAddr)
+         error(v.line, v.path, "source-interface and source-address exclude each other");
+      return p;
+   }
+
+   std::vector<ServerDoc> resolveServers(std::vector<PendingServer> pending,
+                                         const VrfName& intfVrf) {
+      std::vector<ServerDoc> out;
+      std::vector<const PendingServer*> firstOf;
+      for (PendingServer& p : pending) {
+         if (!p.valid)
+            continue;
+         if (!p.vrfGiven)
+            p.server.vrf = intfVrf;
+         const auto same = std::find(out.begin(), out.end(), p.server);
+         if (same != out.end()) {
+            error(p.line, p.path,
+                  "same server as line " +
+                      std::to_string(firstOf[static_cast<size_t>(same - out.begin())]->line));
+            continue;
+         }
+         out.push_back(p.server);
+         firstOf.push_back(&p);
+      }
+      return out;
+   }
+
+   void ccapCores(const Value& v, std::vector<Ip6Addr>& out) {
+      elements(v, [&](const Value& e) {
+         const auto a = address(e, true);
+         if (!a)
+            return;
+         if (std::find(out.begin(), out.end(), a->v6()) != out.end()) {
+            error(e.line, e.path, "duplicate address " + a->toString());
+            return;
+         }
+         out.push_back(a->v6());
+      });
+   }
+
+   void circuitId(const Value& v, std::string& out) {
+      auto s = string(v);
+      if (!s)
+         return;
+      if (s->size() > kCircuitIdMax) {
+         error(v.line, v.path,
+               "circuit-id longer than " + std::to_string(kCircuitIdMax) + " bytes (" +
+                   std::to_string(s->size()) + ")");
+         return;
+      }
+      out = std::move(*s);
+   }
+
+   void snooping(const Value& v) {
+      SnoopingDoc& s = doc_.snooping;
+      members(v, {{"enabled", [&](const Value& m) { setBool(m, s.enabled); }},
+                  {"vlans", [&](const Value& m) { vlanSet(m, s.vlans); }},
+                  {"information-option", [&](const Value& m) { setBool(m, s.informationOption); }},
+                  {"circuit-id-type",
+                   [&](const Value& m) {
+                      if (const auto n = integerIn(m, 0, kCircuitIdTypeMax, "circuit-id type")) {
+                         s.circuitIdType = static_cast<uint8_t>(*n);
+                         s.circuitIdTypeValid = true;
+                      }
+                   }},
+                  {"circuit-id-format", [&](const Value& m) { circuitIdFormat(m); }},
+                  {"v6", [&](const Value& m) { snooping6(m); }}});
+   }
+
+   void circuitIdFormat(const Value& v) {
+      const auto f = string(v);
+      if (!f)
+         return;
+      if (*f != kFormatPortVlan && *f != kFormatHostPort) {
+         error(v.line, v.path,
+               "expected \"%p:%v\" (port:vlan) or \"%h:%p\" (host:port), got " + quoted(*f));
+         return;
+      }
+      doc_.snooping.circuitIdFormat = *f;
+   }
+
+   void snooping6(const Value& v) {
+      Snooping6Doc& s = doc_.snooping.v6;
+      members(v, {{"vlans", [&](const Value& m) { vlanSet(m, s.vlans); }},
+                  {"remote-id-option", [&](const Value& m) { setBool(m, s.remoteIdOption); }}});
+   }
+
+   void bridging(const Value& v) {
+      members(v, {{"ports", [&](const Value& ports) {
+                      forEachKey(ports, [&](const std::string& key, int keyLine, const Value& m) {
+                         const auto intf = intfName(keyLine, join(ports.path, key), key);
+                         PortDoc doc = port(m);
+                         if (intf)
+                            doc_.ports.emplace(*intf, std::move(doc));
+                      });
+                   }}});
+   }
+
+   PortDoc port(const Value& v) {
+      PortDoc doc;
+      std::optional<Value> mode, access, native, allowed;
+      members(v, {{"mode", [&](const Value& m) { mode = m; }},
+                  {"vlan", [&](const Value& m) { access = m; }},
+                  {"native-vlan", [&](const Value& m) { native = m; }},
+                  {"allowed-vlans", [&](const Value& m) { allowed = m; }}});
+      if (!v.node.IsMap() && !v.node.IsNull())
+         return doc;
+      if (access) {
+         if (const auto id = vlan(*access))
+            doc.vlan = *id;
+      }
+      if (native) {
+         if (const auto id = vlan(*native))
+            doc.nativeVlan = *id;
+      }
+      if (allowed)
+         vlanSet(*allowed, doc.allowedVlans);
+      if (!mode) {
+         error(v.line, v.path, "needs mode (access or trunk)");
+         return doc;
+      }
+      const auto text = string(*mode);
+      if (text && *text == "access") {
+         doc.mode = SwitchportMode::access;
+         if (!access)
+            error(v.line, v.path, "mode access needs vlan");
+         for (const auto& trunkOnly : {native, allowed}) {
+            if (trunkOnly)
+               error(trunkOnly->line, trunkOnly->path, "applies to mode trunk only");
+         }
+      } else if (text && *text == "trunk") {
+         doc.mode = SwitchportMode::trunk;
+         // A trunk carries only what is listed: there is no implicit "all VLANs".
+         if (!allowed)
+            error(v.line, v.path, "mode trunk needs allowed-vlans");
+         if (access) {
+            error(access->line, access->path,
+                  "applies to mode access only (trunks take native-vlan)");
+         }
+      } else if (text) {
+         error(mode->line, mode->path, "expected access or trunk, got " + quoted(*text));
+      }
+      return doc;
+   }
+
+   void checkVrfReferences() {
+      for (const VrfReference& r : vrfReferences_) {
+         if (r.vrf.isDefault() || declaredVrfs_.contains(r.vrf))
+            continue;
+         error(r.line, r.path,
+               "unknown VRF " + quoted(r.vrf.str()) + " (not \"default\" nor in vrfs)");
+      }
+   }
+
+   std::string file_;
+   ConfigDocument doc_;
+   std::vector<Error> errors_;
+   std::vector<VrfReference> vrfReferences_;
+   std::set<VrfName> declaredVrfs_;
+};
+
+}  // namespace
+
+ParsedConfig parseConfigText(const std::string& text, const std::string& fileName) {
+   return Parser(fileName).run(text);
+}
+
+ParsedConfig parseConfigFile(const std::string& path) {
+   std::string text;
+   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   int readErrno = fd < 0 ? errno : 0;
+   if (fd >= 0) {
+      char buf[16384];
+      for (;;) {
+         const ssize_t n = ::read(fd, buf, sizeof(buf));
+         if (n > 0) {
+            text.append(buf, static_cast<size_t>(n));
+         } else if (n == 0) {
+            break;
+         } else if (errno != EINTR) {
+            readErrno = errno;
+            break;
+         }
+      }
+      ::close(fd);
+   }
+   if (readErrno != 0) {
+      ParsedConfig out;
+      out.errors.push_back(path + ": cannot read: " + std::strerror(readErrno));
+      return out;
+   }
+   return parseConfigText(text, path);
+}
+
+}  // namespace Frontend

@@ -1,0 +1,370 @@
+#include "frontend/control/ControlServer.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/base/Assert.h"
+#include "platform/loop/EventLoop.h"
+#include "platform/trace/Trace.h"
+
+namespace Frontend {
+
+namespace {
+
+// Lines taken per wake-up of one connection, so a client streaming requests (or blank
+// lines) cannot hold the loop away from relaying.
+constexpr int kRequestsPerTurn = 8;
+constexpr size_t kReadChunk = 16 * 1024;
+constexpr double kAcceptPause = 1.0;
+
+std::string errnoText() {
+   return std::strerror(errno);
+}
+
+bool socketAddress(const std::string& path, sockaddr_un& addr) {
+   addr = {};
+   addr.sun_family = AF_UNIX;
+   if (path.empty() || path.size() >= sizeof addr.sun_path)
+      return false;
+   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+   return true;
+}
+
+// parse_error texts start with an "[json.exception...]" tag that means nothing to an
+// operator.
+std::string parseErrorText(const char* what) {
+   std::string text(what);
+   if (!text.empty() && text.front() == '[') {
+      auto end = text.find("] ");
+      if (end != std::string::npos)
+         text.erase(0, end + 2);
+   }
+   return text;
+}
+
+bool blank(std::string_view line) {
+   return line.find_first_not_of(" \t\r") == std::string_view::npos;
+}
+
+}  // namespace
+
+ControlServer::ControlServer(Platform::EventLoop& loop, std::string path)
+    : loop_(loop), path_(std::move(path)), acceptResume_(loop.wheel(), [this] {
+         TRACE(1, "accepting control connections again");
+         loop_.modifyFd(listenFd_, EPOLLIN);
+      }) {}
+
+ControlServer::~ControlServer() {
+   while (!connections_.empty())
+      doClose(connections_.begin()->first);
+   if (listenFd_ < 0)
+      return;
+   loop_.removeFd(listenFd_);
+   ::close(listenFd_);
+   struct stat st;
+   if (::lstat(path_.c_str(), &st) == 0 && st.st_dev == socketDev_ && st.st_ino == socketIno_)
+      ::unlink(path_.c_str());
+}
+
+void ControlServer::handlerIs(const std::string& cmd, Handler handler) {
+   handlers_[cmd] = std::move(handler);
+}
+
+bool ControlServer::start(std::string& error) {
+   PLATFORM_ASSERT(listenFd_ < 0, "control server started twice");
+   sockaddr_un addr;
+   if (!socketAddress(path_, addr)) {
+      error = "control socket path \"" + path_ + "\" is empty or longer than " +
+              std::to_string(sizeof addr.sun_path - 1) + " bytes";
+      return false;
+   }
+   if (!doPrepareDirectory(error) || !doClaimPath(error))
+      return false;
+
+   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (fd < 0) {
+      error = "cannot create the control socket: " + errnoText();
+      return false;
+   }
+   // bind creates the file with the process umask; the socket must never be reachable
+   // by other users, not even between bind and a later chmod.
+   mode_t oldMask = ::umask(0177);
+   int rc = ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   int bindErrno = errno;
+   ::umask(oldMask);
+   if (rc < 0) {
+      error = "cannot bind the control socket " + path_ + ": " + std::strerror(bindErrno);
+      ::close(fd);
+      return false;
+   }
+   struct stat st;
+   if (::lstat(path_.c_str(), &st) < 0 || ::listen(fd, 16) < 0) {
+      error = "cannot listen on the control socket " + path_ + ": " + errnoText();
+      ::close(fd);
+      ::unlink(path_.c_str());
+      return false;
+   }
+   socketDev_ = st.st_dev;
+   socketIno_ = st.st_ino;
+   listenFd_ = fd;
+   loop_.addFd(listenFd_, EPOLLIN, [this](uint32_t) { handleListener(); });
+   TRACE(1, "control socket listening on ", path_);
+   return true;
+}
+
+bool ControlServer::doPrepareDirectory(std::string& error) {
+   auto slash = path_.rfind('/');
+   if (slash == std::string::npos || slash == 0)
+      return true;
+   std::string dir = path_.substr(0, slash);
+   for (size_t pos = 1; pos <= dir.size(); ++pos) {
+      if (pos != dir.size() && dir[pos] != '/')
+         continue;
+      std::string prefix = dir.substr(0, pos);
+      if (::mkdir(prefix.c_str(), 0700) == 0) {
+         TRACE(2, "created directory ", prefix);
+      } else if (errno != EEXIST) {
+         error = "cannot create directory " + prefix + " for the control socket: " + errnoText();
+         return false;
+      }
+   }
+   return true;
+}
+
+bool ControlServer::doClaimPath(std::string& error) {
+   struct stat st;
+   if (::lstat(path_.c_str(), &st) < 0) {
+      if (errno == ENOENT)
+         return true;
+      error = "cannot inspect " + path_ + ": " + errnoText();
+      return false;
+   }
+   if (!S_ISSOCK(st.st_mode)) {
+      error = path_ + " exists and is not a socket; remove it or choose another --socket";
+      return false;
+   }
+   sockaddr_un addr;
+   socketAddress(path_, addr);
+   int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (probe < 0) {
+      error = "cannot create a socket: " + errnoText();
+      return false;
+   }
+   int rc = ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   int connectErrno = errno;
+   ::close(probe);
+   // A full backlog (EAGAIN) still means somebody listens.
+   if (rc == 0 || connectErrno == EAGAIN) {
+      error = "another dhcp-relay-agent is already running: it answers on " + path_;
+      return false;
+   }
+   if (connectErrno != ECONNREFUSED) {
+      error =
+          "cannot probe the existing control socket " + path_ + ": " + std::strerror(connectErrno);
+      return false;
+   }
+   if (::unlink(path_.c_str()) < 0 && errno != ENOENT) {
+      error = "cannot remove the stale control socket " + path_ + ": " + errnoText();
+      return false;
+   }
+   TRACE(1, "replaced the stale control socket ", path_);
+   return true;
+}
+
+void ControlServer::handleListener() {
+   for (;;) {
+      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0) {
+         if (errno == EAGAIN)
+            return;
+         if (errno == EINTR || errno == ECONNABORTED)
+            continue;
+         TRACE(0, "cannot accept a control connection: ", errnoText());
+         loop_.modifyFd(listenFd_, 0);
+         acceptResume_.armIn(kAcceptPause);
+         return;
+      }
+      if (connections_.size() >= kMaxConnections) {
+         // A fresh socket's send buffer is empty, so the one line always fits.
+         std::string line = controlLine(controlReplyError("too many control connections (at most " +
+                                                          std::to_string(kMaxConnections) + ")"));
+         [[maybe_unused]] ssize_t n =
+             ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+         ::close(fd);
+         TRACE(1, "refused a control connection: ", kMaxConnections, " already open");
+         continue;
+      }
+      auto c = std::make_unique<Connection>();
+      c->fd = fd;
+      c->events = EPOLLIN;
+      connections_.emplace(fd, std::move(c));
+      loop_.addFd(fd, EPOLLIN, [this, fd](uint32_t) { handleConnection(fd); });
+      TRACE(3, "control connection ", fd, " opened");
+   }
+}
+
+void ControlServer::handleConnection(int fd) {
+   auto it = connections_.find(fd);
+   if (it != connections_.end())
+      doServe(*it->second);
+}
+
+// Each pass either finishes sending the pending reply, answers one complete line, or
+// reads more; replies are sent before the next line is read, which keeps a client that
+// never reads from growing either buffer without bound.
+void ControlServer::doServe(Connection& c) {
+   int answered = 0;
+   for (;;) {
+      if (c.outSent < c.out.size()) {
+         Io io = doWrite(c);
+         if (io == Io::closed)
+            return;
+         if (io == Io::wait) {
+            doWatch(c, EPOLLOUT);
+            return;
+         }
+         c.out.clear();
+         c.outSent = 0;
+      }
+      if (c.closeAfterReply) {
+         doClose(c.fd);
+         return;
+      }
+      auto nl = c.in.find('\n');
+      if (nl != std::string::npos && nl <= kMaxControlLine) {
+         if (answered == kRequestsPerTurn) {
+            // The socket is writable, so this wakes the connection again on the next turn.
+            doWatch(c, EPOLLOUT);
+            return;
+         }
+         std::string_view line(c.in.data(), nl);
+         if (!blank(line))
+            c.out = controlLine(doRequest(line));
+         c.in.erase(0, nl + 1);
+         ++answered;
+         continue;
+      }
+      if (nl != std::string::npos || c.in.size() > kMaxControlLine) {
+         TRACE(2, "control connection ", c.fd, " sent an over-long line");
+         c.out = controlLine(controlReplyError("request line longer than " +
+                                               std::to_string(kMaxControlLine) + " bytes"));
+         c.in.clear();
+         c.closeAfterReply = true;
+         continue;
+      }
+      if (c.peerDone) {
+         if (c.in.empty()) {
+            doClose(c.fd);
+            return;
+         }
+         // A last request without its newline still deserves its reply.
+         c.in += '\n';
+         continue;
+      }
+      Io io = doRead(c);
+      if (io == Io::closed)
+         return;
+      if (io == Io::wait) {
+         doWatch(c, EPOLLIN);
+         return;
+      }
+   }
+}
+
+ControlServer::Io ControlServer::doRead(Connection& c) {
+   char chunk[kReadChunk];
+   for (;;) {
+      ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
+      if (n > 0) {
+         c.in.append(chunk, static_cast<size_t>(n));
+         return Io::progress;
+      }
+      if (n == 0) {
+         c.peerDone = true;
+         return Io::progress;
+      }
+      if (errno == EINTR)
+         continue;
+      if (errno == EAGAIN)
+         return Io::wait;
+      TRACE(3, "control connection ", c.fd, " read failed: ", errnoText());
+      doClose(c.fd);
+      return Io::closed;
+   }
+}
+
+ControlServer::Io ControlServer::doWrite(Connection& c) {
+   while (c.outSent < c.out.size()) {
+      ssize_t n = ::send(c.fd, c.out.data() + c.outSent, c.out.size() - c.outSent,
+                         MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n >= 0) {
+         c.outSent += static_cast<size_t>(n);
+         continue;
+      }
+      if (errno == EINTR)
+         continue;
+      if (errno == EAGAIN)
+         return Io::wait;
+      // Typically EPIPE: the client left before its reply was complete.
+      TRACE(3, "control connection ", c.fd, " write failed: ", errnoText());
+      doClose(c.fd);
+      return Io::closed;
+   }
+   return Io::progress;
+}
+
+void ControlServer::doWatch(Connection& c, uint32_t events) {
+   if (c.events == events)
+      return;
+   c.events = events;
+   loop_.modifyFd(c.fd, events);
+}
+
+void ControlServer::doClose(int fd) {
+   loop_.removeFd(fd);
+   ::close(fd);
+   connections_.erase(fd);
+   TRACE(3, "control connection ", fd, " closed");
+}
+
+nlohmann::json ControlServer::doRequest(std::string_view line) {
+   nlohmann::json request;
+   try {
+      request = nlohmann::json::parse(line);
+   } catch (const nlohmann::json::parse_error& e) {
+      return controlReplyError("malformed JSON request: " + parseErrorText(e.what()));
+   }
+   if (!request.is_object())
+      return controlReplyError("a request must be a JSON object");
+   auto cmd = request.find("cmd");
+   if (cmd == request.end() || !cmd->is_string())
+      return controlReplyError("a request needs a string \"cmd\"");
+   const auto& name = cmd->get_ref<const std::string&>();
+   auto it = handlers_.find(name);
+   if (it == handlers_.end()) {
+      std::string known;
+      for (const auto& [each, handler] : handlers_)
+         known += (known.empty() ? "" : ", ") + each;
+      return controlReplyError("unknown command \"" + name + "\" (known: " + known + ")");
+   }
+   TRACE(4, "control command ", name);
+   // A copy: the handler may replace itself through handlerIs.
+   Handler handler = it->second;
+   try {
+      return controlReplyOk(handler(request));
+   } catch (const ControlError& e) {
+      return controlReplyError(e.what());
+   } catch (const std::exception& e) {
+      // An operator's query must never take the relay down with it.
+      TRACE(0, "control command ", name, " failed: ", e.what());
+      return controlReplyError(std::string("internal error: ") + e.what());
+   }
+}
+
+}  // namespace Frontend

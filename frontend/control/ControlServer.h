@@ -1,0 +1,88 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "frontend/control/ControlProtocol.h"
+#include "platform/loop/TimerWheel.h"
+
+namespace Platform {
+class EventLoop;
+}
+
+namespace Frontend {
+
+// The agent's end of the control socket (protocol in frontend/ControlProtocol.h). It
+// runs on the agent's event loop like everything else, so a handler sees the agent's
+// state between two events and needs no locking. Whatever a client does - garbage,
+// over-long lines, vanishing mid-reply, opening too many connections - costs it its
+// connection at most, never the agent.
+class ControlServer {
+ public:
+   // The reply's "data"; throw ControlError for an error reply.
+   using Handler = std::function<nlohmann::json(const nlohmann::json& request)>;
+
+   static constexpr size_t kMaxConnections = 32;
+
+   ControlServer(Platform::EventLoop& loop, std::string path);
+   // Closes every connection and removes the socket file, unless another process has
+   // replaced it meanwhile.
+   ~ControlServer();
+   ControlServer(const ControlServer&) = delete;
+   ControlServer& operator=(const ControlServer&) = delete;
+
+   // Creates the socket's directory (0700) if missing, replaces a socket file left by
+   // a dead agent and listens. Fails, with a reason for the operator, when another
+   // agent answers on the path.
+   bool start(std::string& error);
+
+   void handlerIs(const std::string& cmd, Handler handler);
+
+   const std::string& path() const { return path_; }
+   size_t connectionCount() const { return connections_.size(); }
+
+ private:
+   struct Connection {
+      int fd = -1;
+      uint32_t events = 0;
+      std::string in;
+      std::string out;
+      size_t outSent = 0;
+      bool peerDone = false;  // the client will send nothing more
+      bool closeAfterReply = false;
+   };
+   enum class Io { progress, wait, closed };
+
+   bool doPrepareDirectory(std::string& error);
+   bool doClaimPath(std::string& error);
+   void handleListener();
+   void handleConnection(int fd);
+   void doServe(Connection& c);
+   Io doRead(Connection& c);
+   Io doWrite(Connection& c);
+   void doWatch(Connection& c, uint32_t events);
+   void doClose(int fd);
+   nlohmann::json doRequest(std::string_view line);
+
+   Platform::EventLoop& loop_;
+   std::string path_;
+   int listenFd_ = -1;
+   // The socket file this server created, so destruction never unlinks a successor's.
+   dev_t socketDev_ = 0;
+   ino_t socketIno_ = 0;
+   std::map<std::string, Handler> handlers_;
+   std::map<int, std::unique_ptr<Connection>> connections_;
+   // Accepting pauses while the process is out of descriptors; otherwise the pending
+   // connection would wake the loop forever.
+   Platform::Timer acceptResume_;
+};
+
+}  // namespace Frontend

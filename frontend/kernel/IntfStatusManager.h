@@ -1,0 +1,124 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "frontend/kernel/KernelFrontEnd.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/store/StateStore.h"
+
+namespace Frontend {
+
+using Platform::IntfId;
+using Platform::Ptr;
+using Platform::StateStore;
+using Platform::VrfName;
+
+class IntfStatusManagerRoot;
+
+// Writes, for every device of one namespace's kernel table that maps to a system
+// interface, the interface's Interface::IntfStatus (device name, operational status: up
+// while the kernel reports the device running) and Interface::IntfStatusLocal (VRF of the
+// namespace, ifindex). Entries change by differences only and are removed when the device
+// goes, or with the manager.
+class IntfStatusManager {
+ public:
+   IntfStatusManager(IntfStatusManagerRoot& root, std::string nsName);
+   ~IntfStatusManager();
+   IntfStatusManager(const IntfStatusManager&) = delete;
+   IntfStatusManager& operator=(const IntfStatusManager&) = delete;
+
+   const std::string& nsName() const { return nsName_; }
+   // The interfaces whose entries this manager writes.
+   const std::set<IntfId>& intfs() const { return intfs_; }
+
+ private:
+   friend class IntfStatusManagerRoot;
+   void doSync();
+
+   IntfStatusManagerRoot& root_;
+   const std::string nsName_;
+   std::set<IntfId> intfs_;
+   KernelTableWatch watch_;
+};
+
+// The interface status managers of the agent, one per namespace, and what they share: the
+// two status directories they write, the device name map and the VRFs.
+//
+// An interface name can come from devices in two namespaces ("lo" is in every one): the
+// manager that wrote it first keeps it, and another takes it over when it lets go.
+class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
+ public:
+   // "interface/config/deviceName" and "ip/vrf/status/local" must be published already.
+   IntfStatusManagerRoot(StateStore& store, Ptr<Interface::AllIntfStatusDir> intfStatus,
+                         Ptr<Interface::AllIntfStatusLocalDir> intfStatusLocal);
+   // Removes every entry the managers wrote.
+   ~IntfStatusManagerRoot();
+   IntfStatusManagerRoot(const IntfStatusManagerRoot&) = delete;
+   IntfStatusManagerRoot& operator=(const IntfStatusManagerRoot&) = delete;
+
+   // Each interface's VRF and kernel ifindex, as the managers keep them.
+   const Ptr<Interface::AllIntfStatusLocalDir>& intfStatusLocal() const override {
+      return intfStatusLocal_;
+   }
+   void namespaceFollowIs(const std::string& nsName) override { intfStatusManager(nsName); }
+   void namespaceFollowDel(const std::string& nsName) override;
+
+   // Creates the manager of a namespace ("" and "default": the agent's own), or returns it.
+   IntfStatusManager* intfStatusManager(const std::string& nsName);
+   // Deletes the manager and the entries it wrote.
+   void intfStatusManagerDel(const std::string& nsName);
+
+ private:
+   friend class IntfStatusManager;
+
+   class DeviceNamesReactor : public Interface::DeviceNameConfig::Reactor {
+    public:
+      explicit DeviceNamesReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
+      void handleDeviceName(const IntfId&) override { owner_.doSyncAll(); }
+
+    private:
+      IntfStatusManagerRoot& owner_;
+   };
+   class VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
+    public:
+      explicit VrfsReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
+      void handleVrf(const VrfName& vrf) override { owner_.handleVrf(vrf); }
+      void onNotifierAttached() override;
+
+    private:
+      IntfStatusManagerRoot& owner_;
+   };
+   class VrfReactor : public Ip::VrfStatusLocal::Reactor {
+    public:
+      explicit VrfReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
+      void handleNsName() override { owner_.doSyncAll(); }
+
+    private:
+      IntfStatusManagerRoot& owner_;
+   };
+
+   void handleVrf(const VrfName& vrf);
+   // The VRF whose namespace this is; empty when no VRF has it.
+   VrfName vrfOf(const std::string& nsName) const;
+   bool doClaim(const IntfId& intf, const IntfStatusManager* manager);
+   void doRelease(const IntfId& intf);
+   void doSyncAll(const IntfStatusManager* except = nullptr);
+   static std::string canonical(const std::string& nsName);
+
+   StateStore& store_;
+   Ptr<Interface::AllIntfStatusDir> intfStatus_;
+   Ptr<Interface::AllIntfStatusLocalDir> intfStatusLocal_;
+   Ptr<const Interface::DeviceNameConfig> deviceNames_;
+   Ptr<const Ip::AllVrfStatusLocal> vrfs_;
+   std::map<IntfId, const IntfStatusManager*> writer_;
+   std::map<std::string, std::unique_ptr<IntfStatusManager>> managers_;
+   std::map<VrfName, std::unique_ptr<VrfReactor>> vrfReactors_;
+   DeviceNamesReactor deviceNamesReactor_{*this};
+   VrfsReactor vrfsReactor_{*this};
+};
+
+}  // namespace Frontend

@@ -1,0 +1,58 @@
+#include "platform/pam/LinuxRawTxPam.h"
+
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/linux/NetNs.h"
+#include "platform/trace/Trace.h"
+
+namespace Platform {
+
+LinuxRawTxPam::~LinuxRawTxPam() {
+   if (fd_ >= 0)
+      doClose();
+}
+
+bool LinuxRawTxPam::doOpen(std::string& error) {
+   NetNsGuard guard(netNs());
+   if (!guard.ok()) {
+      error = guard.error();
+      return false;
+   }
+   fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (fd_ < 0) {
+      error = std::string("cannot open a packet socket: ") + std::strerror(errno);
+      return false;
+   }
+   return true;
+}
+
+void LinuxRawTxPam::doClose() {
+   ::close(fd_);
+   fd_ = -1;
+}
+
+RawTxPam::SendResult LinuxRawTxPam::doSend(uint32_t ifindex, const Pkt& frame) {
+   // A SOCK_RAW send takes the frame as it is; the address only names the device and the
+   // protocol the kernel files the frame under.
+   sockaddr_ll addr{};
+   addr.sll_family = AF_PACKET;
+   addr.sll_protocol = htons(ethProtocol());
+   addr.sll_ifindex = static_cast<int>(ifindex);
+   const ssize_t n = ::sendto(fd_, frame.data(), frame.bytes(), 0,
+                              reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   if (n == static_cast<ssize_t>(frame.bytes()))
+      return SendResult::sent;
+   const int err = n < 0 ? errno : EMSGSIZE;
+   const bool full = err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
+   TRACE(5, name(), full ? " dropped " : " cannot send ", frame.bytes(), " bytes on ifindex ",
+         ifindex, ": ", std::strerror(err));
+   return full ? SendResult::dropped : SendResult::failed;
+}
+
+}  // namespace Platform

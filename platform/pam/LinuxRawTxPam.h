@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "platform/pam/RawTxPam.h"
+
+namespace Platform {
+
+// RawTxPam on an AF_PACKET socket of the namespace that is never bound: each send names
+// its device, and with no protocol the socket receives nothing, so it needs no reading.
+class LinuxRawTxPam final : public RawTxPam {
+ public:
+   explicit LinuxRawTxPam(std::string name) : RawTxPam(std::move(name)) {}
+   ~LinuxRawTxPam() override;
+
+ private:
+   bool doOpen(std::string& error) override;
+   void doClose() override;
+   SendResult doSend(uint32_t ifindex, const Pkt& frame) override;
+
+   int fd_ = -1;
+};
+
+}  // namespace Platform

@@ -1,0 +1,321 @@
+#include "platform/pam/LinuxUdpPam.h"
+
+#include <arpa/inet.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/linux/NetNs.h"
+#include "platform/loop/EventLoop.h"
+#include "platform/trace/Trace.h"
+
+namespace Platform {
+
+namespace {
+
+std::string errnoText(const std::string& what) {
+   return what + ": " + std::strerror(errno);
+}
+
+in_addr toInAddr(IpAddr a) {
+   in_addr out{};
+   out.s_addr = a.toNetwork();
+   return out;
+}
+
+in6_addr toIn6Addr(const Ip6Addr& a) {
+   in6_addr out{};
+   std::memcpy(out.s6_addr, a.bytes().data(), sizeof out.s6_addr);
+   return out;
+}
+
+Ip6Addr fromIn6Addr(const in6_addr& a) {
+   Ip6Addr::Bytes bytes;
+   std::memcpy(bytes.data(), a.s6_addr, bytes.size());
+   return Ip6Addr(bytes);
+}
+
+// The address the socket binds, or a send goes to, in the kernel's form.
+socklen_t toSockaddr(bool ipv6, const IpGenAddr& addr, uint16_t port, uint32_t scope,
+                     sockaddr_in6& out) {
+   out = sockaddr_in6{};
+   if (ipv6) {
+      out.sin6_family = AF_INET6;
+      out.sin6_port = htons(port);
+      if (addr.isV6())
+         out.sin6_addr = toIn6Addr(addr.v6());
+      // The kernel uses the scope only for destinations that need one (link-local,
+      // link-scoped multicast) and ignores it for the rest.
+      out.sin6_scope_id = scope;
+      return sizeof(sockaddr_in6);
+   }
+   auto& in = reinterpret_cast<sockaddr_in&>(out);
+   in.sin_family = AF_INET;
+   in.sin_port = htons(port);
+   in.sin_addr = addr.isV4() ? toInAddr(addr.v4()) : in_addr{htonl(INADDR_ANY)};
+   return sizeof(sockaddr_in);
+}
+
+}  // namespace
+
+LinuxUdpPam::LinuxUdpPam(std::string name, EventLoop& loop) : UdpPam(std::move(name)), loop_(loop) {
+   for (size_t i = 0; i < kRxBatch; ++i) {
+      msghdr& hdr = rxMsgs_[i].msg_hdr;
+      hdr.msg_name = &rxNames_[i];
+      hdr.msg_iov = &rxIovs_[i];
+      hdr.msg_iovlen = 1;
+      hdr.msg_control = rxControls_[i].bytes.data();
+   }
+}
+
+LinuxUdpPam::~LinuxUdpPam() {
+   doClose();
+}
+
+bool LinuxUdpPam::doOpen(std::string& error) {
+   const int family = ipv6() ? AF_INET6 : AF_INET;
+   int fd;
+   {
+      // The socket belongs to the namespace it was created in; binding and options can be
+      // set from anywhere afterwards, but creating it outside would serve the wrong VRF.
+      NetNsGuard guard(netNs());
+      if (!guard.ok()) {
+         error = guard.error();
+         return false;
+      }
+      fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
+      if (fd < 0) {
+         error = errnoText("socket");
+         return false;
+      }
+   }
+   const int on = 1;
+   auto option = [&](int level, int name, const char* what) {
+      if (::setsockopt(fd, level, name, &on, sizeof on) == 0)
+         return true;
+      error = errnoText(what);
+      return false;
+   };
+   bool ok = option(SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR") &&
+             option(SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST");
+   if (ok && ipv6()) {
+      // The agent opens a separate IPv4 socket where it wants IPv4: mapped addresses
+      // arriving here would only confuse the IPv6 relay.
+      ok = option(IPPROTO_IPV6, IPV6_V6ONLY, "IPV6_V6ONLY") &&
+           option(IPPROTO_IPV6, IPV6_RECVPKTINFO, "IPV6_RECVPKTINFO");
+   } else if (ok) {
+      ok = option(IPPROTO_IP, IP_PKTINFO, "IP_PKTINFO");
+   }
+   ok = ok && doSetTos(fd, error);
+   if (ok) {
+      sockaddr_in6 addr;
+      const socklen_t len = toSockaddr(ipv6(), rxAddr(), rxPort(), 0, addr);
+      if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), len) < 0) {
+         const int err = errno;
+         const std::string where =
+             rxAddr().isEmpty() ? (ipv6() ? "::" : "0.0.0.0") : rxAddr().toString();
+         error = "bind " + where + " port " + std::to_string(rxPort()) + ": " + std::strerror(err);
+         ok = false;
+      }
+   }
+   if (!ok) {
+      ::close(fd);
+      return false;
+   }
+   fd_ = fd;
+   rxPaused_ = false;
+   loop_.addFd(fd_, EPOLLIN, [this](uint32_t events) { handleEvents(events); });
+   return true;
+}
+
+void LinuxUdpPam::doClose() {
+   if (fd_ < 0)
+      return;
+   loop_.removeFd(fd_);
+   ::close(fd_);
+   fd_ = -1;
+   for (auto& pkt : rxPkts_)
+      pkt.reset();
+}
+
+bool LinuxUdpPam::doSetTos(int fd, std::string& error) {
+   const int tos = txTos();
+   const bool ok = ipv6() ? ::setsockopt(fd, IPPROTO_IPV6, IPV6_TCLASS, &tos, sizeof tos) == 0
+                          : ::setsockopt(fd, IPPROTO_IP, IP_TOS, &tos, sizeof tos) == 0;
+   if (!ok)
+      error = errnoText(ipv6() ? "IPV6_TCLASS" : "IP_TOS");
+   return ok;
+}
+
+void LinuxUdpPam::doApplyTos() {
+   std::string error;
+   if (!doSetTos(fd_, error))
+      TRACE(1, name(), " cannot set TOS ", txTos(), ": ", error);
+}
+
+void LinuxUdpPam::handleEvents(uint32_t events) {
+   if (events & EPOLLERR) {
+      // Reported even while reading is paused: collecting the error clears it, so the loop
+      // does not wake for it again.
+      int soError = 0;
+      socklen_t len = sizeof soError;
+      ::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &soError, &len);
+      TRACE(5, name(), " socket error: ", std::strerror(soError));
+   }
+   if (!(events & EPOLLIN) || rxQueueRoom() == 0)
+      return;
+   // Announcing may release this object; the reference keeps it until this event is done.
+   Ptr<const UdpPam> self(this);
+   doReceiveBatch();
+   doAnnounceRx();
+   // Stop reading while the consumer leaves the queue full; the level-triggered descriptor
+   // would otherwise wake the loop on every turn. rxPkt() resumes it.
+   if (fd_ >= 0 && rxQueueRoom() == 0 && !rxPaused_) {
+      rxPaused_ = true;
+      loop_.modifyFd(fd_, 0);
+      TRACE(5, name(), " receive queue full, reading paused");
+   }
+}
+
+void LinuxUdpPam::doResumeRx() {
+   if (fd_ < 0 || !rxPaused_)
+      return;
+   rxPaused_ = false;
+   loop_.modifyFd(fd_, EPOLLIN);
+}
+
+void LinuxUdpPam::doReceiveBatch() {
+   const size_t want = std::min(kRxBatch, rxQueueRoom());
+   const size_t payload = maxRxPayload();
+   for (size_t i = 0; i < want; ++i) {
+      // A slot keeps its packet until a datagram is queued in it, so only used slots cost a
+      // pool take; a packet of an older size is replaced.
+      Ptr<Pkt>& pkt = rxPkts_[i];
+      if (!pkt || pkt->bytes() != payload)
+         pkt = pool_.take(payload);
+      rxIovs_[i] = iovec{pkt->data(), pkt->bytes()};
+      msghdr& hdr = rxMsgs_[i].msg_hdr;
+      hdr.msg_namelen = sizeof(sockaddr_in6);
+      hdr.msg_controllen = kControlBytes;
+      hdr.msg_flags = 0;
+   }
+   const int got =
+       ::recvmmsg(fd_, rxMsgs_.data(), static_cast<unsigned>(want), MSG_DONTWAIT, nullptr);
+   if (got < 0) {
+      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+         TRACE(5, name(), " recvmmsg: ", std::strerror(errno));
+      return;
+   }
+   for (size_t i = 0; i < static_cast<size_t>(got); ++i) {
+      Ptr<Pkt>& pkt = rxPkts_[i];
+      msghdr& hdr = rxMsgs_[i].msg_hdr;
+      const size_t len = rxMsgs_[i].msg_len;
+      UdpDatagram datagram;
+      const sockaddr_in6& name6 = rxNames_[i];
+      if (name6.sin6_family == AF_INET6) {
+         datagram.src = fromIn6Addr(name6.sin6_addr);
+         datagram.srcPort = ntohs(name6.sin6_port);
+      } else {
+         const auto& name4 = reinterpret_cast<const sockaddr_in&>(name6);
+         datagram.src = IpAddr::fromNetwork(name4.sin_addr.s_addr);
+         datagram.srcPort = ntohs(name4.sin_port);
+      }
+      if (hdr.msg_flags & MSG_TRUNC) {
+         rxTruncatedInc();
+         TRACE(5, name(), " dropped a datagram longer than ", payload, " bytes from ", datagram.src,
+               ":", datagram.srcPort);
+         pkt.reset();  // its bytes were overwritten: the slot takes a fresh one next time
+         continue;
+      }
+      for (cmsghdr* c = CMSG_FIRSTHDR(&hdr); c; c = CMSG_NXTHDR(&hdr, c)) {
+         if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            datagram.dst = IpAddr::fromNetwork(info.ipi_addr.s_addr);
+            datagram.ifindex = static_cast<uint32_t>(info.ipi_ifindex);
+         } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
+            in6_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            datagram.dst = fromIn6Addr(info.ipi6_addr);
+            datagram.ifindex = info.ipi6_ifindex;
+         }
+      }
+      if (datagram.dst.isEmpty()) {
+         // Without the device the relay cannot tell which link the datagram belongs to.
+         rxDroppedInc();
+         TRACE(5, name(), " dropped a datagram without packet information from ", datagram.src, ":",
+               datagram.srcPort);
+         pkt.reset();
+         continue;
+      }
+      pkt->shrinkTail(pkt->bytes() - len);
+      datagram.pkt = std::move(pkt);
+      doQueueRx(std::move(datagram));
+   }
+}
+
+LinuxUdpPam::SendResult LinuxUdpPam::doSend(const Pkt& payload) {
+   sockaddr_in6 dst;
+   const socklen_t dstLen = toSockaddr(ipv6(), txDstAddr(), txPort(), txIfindex(), dst);
+   iovec iov{const_cast<uint8_t*>(payload.data()), payload.bytes()};
+   msghdr msg{};
+   msg.msg_name = &dst;
+   msg.msg_namelen = dstLen;
+   msg.msg_iov = &iov;
+   msg.msg_iovlen = 1;
+   Control control{};
+   // The source goes with each send (ipi_spec_dst / ipi6_addr, ip(7), ipv6(7)), so one
+   // socket sends from whichever of the namespace's addresses the relay picks, and the
+   // device (ipi_ifindex) steers broadcasts and link-scoped sends to their link.
+   if (!txSrcAddr().isEmpty() || txIfindex() != 0) {
+      msg.msg_control = control.bytes.data();
+      cmsghdr* c;
+      if (ipv6()) {
+         msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
+         c = CMSG_FIRSTHDR(&msg);
+         c->cmsg_level = IPPROTO_IPV6;
+         c->cmsg_type = IPV6_PKTINFO;
+         c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+         in6_pktinfo info{};
+         if (!txSrcAddr().isEmpty())
+            info.ipi6_addr = toIn6Addr(txSrcAddr().v6());
+         info.ipi6_ifindex = txIfindex();
+         std::memcpy(CMSG_DATA(c), &info, sizeof info);
+      } else {
+         msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
+         c = CMSG_FIRSTHDR(&msg);
+         c->cmsg_level = IPPROTO_IP;
+         c->cmsg_type = IP_PKTINFO;
+         c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+         in_pktinfo info{};
+         if (!txSrcAddr().isEmpty())
+            info.ipi_spec_dst = toInAddr(txSrcAddr().v4());
+         info.ipi_ifindex = static_cast<int>(txIfindex());
+         std::memcpy(CMSG_DATA(c), &info, sizeof info);
+      }
+   }
+   if (::sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+      return SendResult::sent;
+   const int err = errno;
+   const bool full = err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
+   TRACE(5, name(), full ? " dropped " : " cannot send ", payload.bytes(), " bytes from ",
+         txSrcAddr(), " to ", txDstAddr(), ":", txPort(), ": ", std::strerror(err));
+   return full ? SendResult::dropped : SendResult::failed;
+}
+
+bool LinuxUdpPam::doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join,
+                               std::string& error) {
+   ipv6_mreq req{};
+   req.ipv6mr_multiaddr = toIn6Addr(group);
+   req.ipv6mr_interface = ifindex;
+   if (::setsockopt(fd_, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, &req,
+                    sizeof req) == 0)
+      return true;
+   error = errnoText(join ? "IPV6_JOIN_GROUP" : "IPV6_LEAVE_GROUP");
+   return false;
+}
+
+}  // namespace Platform

@@ -1,0 +1,123 @@
+#include "platform/pam/UdpPam.h"
+
+#include <string>
+#include <utility>
+
+#include "platform/linux/NetNs.h"
+#include "platform/trace/Trace.h"
+
+namespace Platform {
+
+namespace {
+
+const char* familyName(bool ipv6) {
+   return ipv6 ? "IPv6" : "IPv4";
+}
+
+bool familyMismatch(const IpGenAddr& a, bool ipv6) {
+   return !a.isEmpty() && a.isV6() != ipv6;
+}
+
+}  // namespace
+
+void UdpPam::rxAddrIs(const IpGenAddr& v) {
+   if (rxAddr_ == v)
+      return;
+   rxAddr_ = v;
+   doApplySettings();
+}
+
+void UdpPam::rxPortIs(uint16_t v) {
+   if (rxPort_ == v)
+      return;
+   rxPort_ = v;
+   doApplySettings();
+}
+
+void UdpPam::ipv6Is(bool v) {
+   if (ipv6_ == v)
+      return;
+   ipv6_ = v;
+   doApplySettings();
+}
+
+void UdpPam::netNsIs(const std::string& v) {
+   if (netNs_ == v)
+      return;
+   // "" and "default" name the same namespace: no reason to reopen.
+   const bool same = isOwnNetNs(netNs_) && isOwnNetNs(v);
+   netNs_ = v;
+   if (!same)
+      doApplySettings();
+}
+
+void UdpPam::txTosIs(uint8_t v) {
+   if (txTos_ == v)
+      return;
+   txTos_ = v;
+   if (active())
+      doApplyTos();
+}
+
+void UdpPam::doApplySettings() {
+   if (active())
+      TRACE(3, name(), " reopens for new settings");
+   doReopen();
+}
+
+bool UdpPam::doCheckOpen(std::string& error) const {
+   if (!familyMismatch(rxAddr_, ipv6_))
+      return true;
+   error = "receive address " + rxAddr_.toString() + " is not " + familyName(ipv6_);
+   return false;
+}
+
+std::string UdpPam::tracePlace() const {
+   return " on " + rxAddr_.toString() + ":" + std::to_string(rxPort_) + " in namespace \"" +
+          netNs_ + "\"";
+}
+
+bool UdpPam::doQueueRx(UdpDatagram&& datagram) {
+   TRACE(8, name(), " received ", datagram.pkt->bytes(), " bytes from ", datagram.src, ":",
+         datagram.srcPort, " to ", datagram.dst, " on ifindex ", datagram.ifindex);
+   if (!doPushRx(std::move(datagram))) {
+      rxDroppedInc();
+      TRACE(5, name(), " receive queue full, dropped a datagram");
+      return false;
+   }
+   ++rxDatagrams_;
+   return true;
+}
+
+bool UdpPam::send(const Pkt& payload) {
+   const char* refusal = nullptr;
+   if (!active())
+      refusal = "socket not open";
+   else if (txDstAddr_.isEmpty() || familyMismatch(txDstAddr_, ipv6_))
+      refusal = "no destination of the socket's family";
+   else if (familyMismatch(txSrcAddr_, ipv6_))
+      refusal = "source address not of the socket's family";
+   if (refusal) {
+      TRACE(5, name(), " cannot send to ", txDstAddr_, ":", txPort_, ": ", refusal);
+      return doCountTx(SendResult::failed);
+   }
+   if (!doCountTx(doSend(payload)))
+      return false;
+   TRACE(8, name(), " sent ", payload.bytes(), " bytes from ", txSrcAddr_, " to ", txDstAddr_, ":",
+         txPort_);
+   return true;
+}
+
+bool UdpPam::mcastGroupIs(uint32_t ifindex, const Ip6Addr& group, bool join, std::string& error) {
+   if (!active() || !ipv6_)
+      error = "no open IPv6 socket";
+   else if (!group.isMulticast())
+      error = group.toString() + " is not a multicast group";
+   else if (doMcastGroup(ifindex, group, join, error))
+      return true;
+   TRACE(1, name(), join ? " cannot join " : " cannot leave ", group, " on ifindex ", ifindex, ": ",
+         error);
+   return false;
+}
+
+}  // namespace Platform

@@ -1,0 +1,268 @@
+#include "platform/trace/Trace.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <optional>
+
+#include "platform/base/Assert.h"
+#include "platform/trace/TraceRing.h"
+#include "platform/trace/TraceText.h"
+
+namespace Platform {
+
+namespace {
+
+constexpr int kDefaultTextLevel = 1;
+// Operators look for the agent's files under /var/log; /tmp works on any host, including a
+// container without that directory or an agent that lacks the rights to it.
+constexpr std::string_view kRingDir = "/var/log/dhcp-relay";
+constexpr std::string_view kFallbackRingDir = "/tmp";
+
+struct State {
+   std::unique_ptr<TraceRingWriter> ring;
+   int ringLevel = -1;
+   std::string ringPath;
+   int textFd = -1;
+   bool ownsTextFd = false;
+   int textLevel = -1;
+   std::string textTarget;
+   TraceCapture* capture = nullptr;
+   // Reused for every line so formatting stops allocating once they have grown.
+   std::string line;
+   std::string textLine;
+
+   // A TRACE from a destructor running after this one must find no sink.
+   ~State() {
+      Trace::Detail::keptLevel = -1;
+      if (ownsTextFd)
+         ::close(textFd);
+   }
+};
+
+// Built on first use, so usable by TRACEs in other objects' static constructors.
+State& state() {
+   static State instance;
+   return instance;
+}
+
+void updateKeptLevel() {
+   int kept = std::max(state().ring ? state().ringLevel : -1, state().textLevel);
+   if (state().capture)
+      kept = kTraceLevelMax;
+   Trace::Detail::keptLevel = kept;
+}
+
+const char* environment(const char* name) {
+   const char* value = std::getenv(name);
+   return value && *value ? value : nullptr;
+}
+
+template <class T>
+std::optional<T> parseNumber(std::string_view text) {
+   T value;
+   const auto [end, err] = std::from_chars(text.data(), text.data() + text.size(), value);
+   if (err != std::errc() || end != text.data() + text.size())
+      return std::nullopt;
+   return value;
+}
+
+std::optional<int> parseLevel(std::string_view text) {
+   const auto level = parseNumber<int>(text);
+   if (!level || *level < 0 || *level > kTraceLevelMax)
+      return std::nullopt;
+   return level;
+}
+
+std::string ringFilePath(const std::string& agentName) {
+   if (const char* dir = environment("BLIPJETDIR")) {
+      std::string path(dir);
+      while (path.size() > 1 && path.back() == '/')
+         path.pop_back();
+      return path + "/" + agentName + ".bj";
+   }
+   const std::string_view dir =
+       ::access(std::string(kRingDir).c_str(), W_OK | X_OK) == 0 ? kRingDir : kFallbackRingDir;
+   return std::string(dir) + "/" + agentName + "-" + std::to_string(::getpid()) + ".bj";
+}
+
+int64_t realtimeNs() {
+   timespec ts;
+   clock_gettime(CLOCK_REALTIME, &ts);
+   return int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
+}
+
+void writeText(int level, std::string_view line) {
+   std::string& out = state().textLine;
+   out.clear();
+   TraceText::appendPrefix(out, realtimeNs(), level);
+   out += line;
+   out += '\n';
+   // One write per line keeps lines whole when other processes share the file.
+   const char* p = out.data();
+   size_t left = out.size();
+   while (left > 0) {
+      const ssize_t n = ::write(state().textFd, p, left);
+      if (n < 0 && errno == EINTR)
+         continue;
+      if (n <= 0)
+         return;
+      p += n;
+      left -= static_cast<size_t>(n);
+   }
+}
+
+void openTextSink(std::vector<std::string>& warnings) {
+   state().textLevel = kDefaultTextLevel;
+   if (const char* value = environment("DHCP_RELAY_TRACE")) {
+      const std::string_view text(value);
+      if (text == "all") {
+         state().textLevel = kTraceLevelMax;
+      } else if (const auto level = parseLevel(text)) {
+         state().textLevel = *level;
+      } else if (text != "off") {
+         warnings.push_back("DHCP_RELAY_TRACE=" + std::string(text) +
+                            " is not 0..9, off or all: text trace keeps levels 0-1");
+      }
+   }
+   state().textFd = STDERR_FILENO;
+   state().textTarget = "stderr";
+   if (const char* path = environment("DHCP_RELAY_TRACE_FILE")) {
+      const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+      if (fd >= 0) {
+         state().textFd = fd;
+         state().ownsTextFd = true;
+         state().textTarget = path;
+      } else {
+         warnings.push_back("cannot open DHCP_RELAY_TRACE_FILE " + std::string(path) + ": " +
+                            std::strerror(errno) + "; text trace goes to stderr");
+      }
+   }
+}
+
+void openRing(const std::string& agentName, std::vector<std::string>& warnings) {
+   if (std::getenv("BLIPJET_DISABLE"))
+      return;
+   uint64_t size = TraceRingWriter::kDefaultFileSize;
+   if (const char* value = environment("BLIPJETSIZE")) {
+      const auto parsed = parseNumber<uint64_t>(value);
+      if (parsed && *parsed >= TraceRingWriter::kMinFileSize &&
+          *parsed <= TraceRingWriter::kMaxFileSize) {
+         size = *parsed;
+      } else {
+         warnings.push_back("BLIPJETSIZE=" + std::string(value) + " is not a size in bytes from " +
+                            std::to_string(TraceRingWriter::kMinFileSize) + " to " +
+                            std::to_string(TraceRingWriter::kMaxFileSize) + ": using " +
+                            std::to_string(size));
+      }
+   }
+   state().ringLevel = kTraceLevelMax;
+   if (const char* value = environment("BLIPJETLEVEL")) {
+      if (const auto level = parseLevel(value)) {
+         state().ringLevel = *level;
+      } else {
+         warnings.push_back("BLIPJETLEVEL=" + std::string(value) +
+                            " is not 0..9: the ring keeps every level");
+      }
+   }
+   const std::string path = ringFilePath(agentName);
+   std::string error;
+   state().ring = TraceRingWriter::create(path, size, agentName, error);
+   if (state().ring) {
+      state().ringPath = path;
+   } else {
+      warnings.push_back("no trace ring file: " + error);
+   }
+}
+
+}  // namespace
+
+void Trace::init(const std::string& agentName) {
+   shutdown();
+   // Problems are traced once both sinks are open, so they reach them.
+   std::vector<std::string> warnings;
+   openTextSink(warnings);
+   openRing(agentName, warnings);
+   updateKeptLevel();
+   for (const std::string& warning : warnings)
+      TRACE(1, warning);
+   if (state().ring) {
+      TRACE(1, "text trace to ", state().textTarget, " keeps levels 0-", state().textLevel,
+            "; ring file ", state().ringPath, " keeps levels 0-", state().ringLevel);
+   } else {
+      TRACE(1, "text trace to ", state().textTarget, " keeps levels 0-", state().textLevel,
+            "; no ring file");
+   }
+}
+
+void Trace::shutdown() {
+   state().ring.reset();
+   state().ringLevel = -1;
+   state().ringPath.clear();
+   if (state().ownsTextFd)
+      ::close(state().textFd);
+   state().textFd = -1;
+   state().ownsTextFd = false;
+   state().textLevel = -1;
+   updateKeptLevel();
+}
+
+const std::string& Trace::ringPath() {
+   return state().ringPath;
+}
+
+void Trace::emit(TraceSite& site, int level, std::initializer_list<TraceArg> pieces) {
+   PLATFORM_ASSERT(level >= 0 && level <= kTraceLevelMax, "trace level outside 0..9");
+   // Callers trace a failure and then look at errno again.
+   const int savedErrno = errno;
+   if (state().ring && level <= state().ringLevel) {
+      state().ring->append(site, level, {pieces.begin(), pieces.size()});
+   }
+   const bool toText = level <= state().textLevel;
+   if (toText || state().capture) {
+      std::string& line = state().line;
+      line.clear();
+      if (site.withSignature)
+         line += site.function;
+      for (const TraceArg& piece : pieces)
+         TraceText::appendPiece(line, piece);
+      if (toText)
+         writeText(level, line);
+      if (state().capture) {
+         state().capture->lines_.push_back(line);
+         state().capture->levels_.push_back(level);
+      }
+   }
+   errno = savedErrno;
+}
+
+TraceCapture::TraceCapture() : previous_(state().capture) {
+   state().capture = this;
+   updateKeptLevel();
+}
+
+TraceCapture::~TraceCapture() {
+   PLATFORM_ASSERT(state().capture == this, "trace captures must end in reverse order of start");
+   state().capture = previous_;
+   updateKeptLevel();
+}
+
+bool TraceCapture::contains(std::string_view text) const {
+   return std::any_of(lines_.begin(), lines_.end(), [text](const std::string& line) {
+      return line.find(text) != std::string::npos;
+   });
+}
+
+void TraceCapture::clear() {
+   lines_.clear();
+   levels_.clear();
+}
+
+}  // namespace Platform

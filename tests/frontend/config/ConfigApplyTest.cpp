@@ -1,0 +1,489 @@
+#include "frontend/config/ConfigApply.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frontend/config/ConfigParser.h"
+
+namespace Frontend {
+namespace {
+
+namespace Relay = Ip::Helper::DhcpRelay;
+namespace Snooping = Bridging::DhcpSnooping;
+using Platform::IntfId;
+using Platform::make;
+using Platform::Ptr;
+using Platform::VrfName;
+using Log = std::vector<std::string>;
+
+Targets freshTargets() {
+   Targets t;
+   t.relay = make<Relay::Config>("config");
+   t.snooping = make<Snooping::Config>("config");
+   t.snooping6 = make<Snooping::Dhcp6Config>("dhcp6Config");
+   t.vrfs = make<Ip::AllVrfStatusLocal>("local");
+   t.netStatus = make<System::NetStatus>("status");
+   t.entityMib = make<EntityMib::Status>("entmib");
+   t.bridging = make<Bridging::Config>("config");
+   t.deviceNames = make<Interface::DeviceNameConfig>("deviceName");
+   return t;
+}
+
+ConfigDocument document(const std::string& text) {
+   const ParsedConfig r = parseConfigText(text, "t.yaml");
+   EXPECT_EQ(r.errors, std::vector<std::string>{}) << text;
+   return r.document;
+}
+
+// Everything the targets hold, one fact per line, so that a reload can be compared
+// with a fresh start.
+std::string dump(const Targets& t) {
+   std::ostringstream o;
+   const Relay::Config& r = *t.relay;
+   o << "relay " << r.smartRelayGlobal() << int(r.dscpV4()) << int(r.dscpV6()) << r.alwaysOn()
+     << r.clientLinkLayerAddrOpt() << "\n";
+   for (const auto& [id, c] : r.intfConfig()) {
+      o << id.toString() << " vrf=" << c->vrf().str() << " flags=" << c->smartRelay()
+        << c->informationOption() << c->routeInstall() << " circuitId=" << c->circuitId() << "\n";
+      for (const auto& [k, v] : c->serverIp())
+         o << "  ip " << k.toString() << v << "\n";
+      for (const auto& [k, v] : c->serverHostname())
+         o << "  name " << k.toString() << v << "\n";
+      for (const auto& [k, v] : c->serverIp6())
+         o << "  ip6 " << k.toString() << v << "\n";
+      for (const auto& [a, v] : c->ccapCores())
+         o << "  ccap " << a.toString() << v << "\n";
+   }
+   const Snooping::Config& s = *t.snooping;
+   o << "snooping " << s.enabled() << s.informationOption() << s.circuitIdTypeValid()
+     << int(s.circuitIdType()) << s.circuitIdFormatString();
+   for (uint16_t v : s.vlan())
+      o << " " << v;
+   o << "\nsnooping6 " << t.snooping6->enabled() << t.snooping6->remoteIdOption();
+   for (uint16_t v : t.snooping6->vlan())
+      o << " " << v;
+   o << "\n";
+   for (const auto& [vrf, st] : t.vrfs->vrf()) {
+      o << "vrf " << vrf.str() << " ns=" << st->nsName().str() << " state=" << int(st->state())
+        << "\n";
+   }
+   o << "host " << t.netStatus->hostname() << " " << t.entityMib->systemMacAddr().toString()
+     << "\n";
+   for (const auto& [id, p] : t.bridging->switchIntfConfig()) {
+      o << "port " << id.toString() << " mode=" << int(p->switchportMode())
+        << " access=" << p->accessVlan() << " native=" << p->nativeVlan() << " allowed=";
+      for (uint16_t v : p->allowedVlans())
+         o << v << ",";
+      o << "\n";
+   }
+   for (const auto& [id, dev] : t.deviceNames->deviceName())
+      o << "device " << id.toString() << "=" << dev << "\n";
+   return o.str();
+}
+
+// --- reactors that log every notification -------------------------------------------
+
+// Adds "<prefix><what>" to the log for every notification of its record.
+template <class Record>
+class Logger : public Record::Reactor {
+ public:
+   Logger(Log& log, const Ptr<Record>& r, std::string prefix)
+       : log_(log), prefix_(std::move(prefix)) {
+      this->notifierIs(r);
+   }
+
+ protected:
+   void add(const std::string& s) { log_.push_back(prefix_ + s); }
+
+ private:
+   Log& log_;
+   std::string prefix_;
+};
+
+struct RelayLog : Logger<Relay::Config> {
+   using Logger::Logger;
+   void handleIntfConfig(const IntfId& i) override { add("intfConfig " + i.toString()); }
+   void handleSmartRelayGlobal() override { add("smartRelayGlobal"); }
+   void handleDscpV4() override { add("dscpV4"); }
+   void handleDscpV6() override { add("dscpV6"); }
+   void handleAlwaysOn() override { add("alwaysOn"); }
+   void handleClientLinkLayerAddrOpt() override { add("clientLinkLayerAddrOpt"); }
+};
+
+struct IntfLog : Logger<Relay::IntfConfig> {
+   using Logger::Logger;
+   void handleServerIp(const Relay::VrfIpSrcIntfSrcIp& k) override {
+      add("serverIp " + k.toString());
+   }
+   void handleServerHostname(const Relay::VrfHostnameSrcIntfSrcIp& k) override {
+      add("serverHostname " + k.toString());
+   }
+   void handleServerIp6(const Relay::VrfIpSrcIntfSrcIp& k) override {
+      add("serverIp6 " + k.toString());
+   }
+   void handleCcapCores(const Platform::Ip6Addr& a) override { add("ccapCores " + a.toString()); }
+   void handleSmartRelay() override { add("smartRelay"); }
+   void handleInformationOption() override { add("informationOption"); }
+   void handleCircuitId() override { add("circuitId"); }
+   void handleVrf() override { add("vrf"); }
+   void handleRouteInstall() override { add("routeInstall"); }
+};
+
+struct SnoopingLog : Logger<Snooping::Config> {
+   using Logger::Logger;
+   void handleEnabled() override { add("enabled"); }
+   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
+   void handleInformationOption() override { add("informationOption"); }
+   void handleCircuitIdTypeValid() override { add("circuitIdTypeValid"); }
+   void handleCircuitIdType() override { add("circuitIdType"); }
+   void handleCircuitIdFormatString() override { add("circuitIdFormatString"); }
+};
+
+struct Snooping6Log : Logger<Snooping::Dhcp6Config> {
+   using Logger::Logger;
+   void handleEnabled() override { add("enabled"); }
+   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
+   void handleRemoteIdOption() override { add("remoteIdOption"); }
+};
+
+struct AllVrfLog : Logger<Ip::AllVrfStatusLocal> {
+   using Logger::Logger;
+   void handleVrf(const VrfName& v) override { add("vrf " + v.str()); }
+};
+
+struct VrfLog : Logger<Ip::VrfStatusLocal> {
+   using Logger::Logger;
+   void handleNsName() override { add("nsName"); }
+   void handleState() override { add("state"); }
+};
+
+struct HostnameLog : Logger<System::NetStatus> {
+   using Logger::Logger;
+   void handleHostname() override { add("hostname"); }
+   void handleDomainName() override { add("domainName"); }
+};
+
+struct MacLog : Logger<EntityMib::Status> {
+   using Logger::Logger;
+   void handleSystemMacAddr() override { add("systemMacAddr"); }
+};
+
+struct BridgingLog : Logger<Bridging::Config> {
+   using Logger::Logger;
+   void handleSwitchIntfConfig(const IntfId& i) override {
+      add("switchIntfConfig " + i.toString());
+   }
+};
+
+struct PortLog : Logger<Bridging::SwitchIntfConfig> {
+   using Logger::Logger;
+   void handleSwitchportMode() override { add("switchportMode"); }
+   void handleAccessVlan() override { add("accessVlan"); }
+   void handleNativeVlan() override { add("nativeVlan"); }
+   void handleAllowedVlans(uint16_t v) override { add("allowedVlans " + std::to_string(v)); }
+};
+
+// Watches every record the targets hold at construction time.
+class Watch {
+ public:
+   explicit Watch(const Targets& t) {
+      keep(std::make_unique<RelayLog>(log, t.relay, "relay."));
+      for (const auto& [id, c] : t.relay->intfConfig())
+         keep(std::make_unique<IntfLog>(log, c, id.toString() + "."));
+      keep(std::make_unique<SnoopingLog>(log, t.snooping, "snooping."));
+      keep(std::make_unique<Snooping6Log>(log, t.snooping6, "snooping6."));
+      keep(std::make_unique<AllVrfLog>(log, t.vrfs, "vrfs."));
+      for (const auto& [vrf, s] : t.vrfs->vrf())
+         keep(std::make_unique<VrfLog>(log, s, "vrf " + vrf.str() + "."));
+      keep(std::make_unique<HostnameLog>(log, t.netStatus, "netStatus."));
+      keep(std::make_unique<MacLog>(log, t.entityMib, "entityMib."));
+      keep(std::make_unique<BridgingLog>(log, t.bridging, "bridging."));
+      for (const auto& [id, p] : t.bridging->switchIntfConfig())
+         keep(std::make_unique<PortLog>(log, p, id.toString() + "."));
+   }
+
+   Log log;
+
+ private:
+   void keep(std::unique_ptr<Platform::ReactorBase> r) { reactors_.push_back(std::move(r)); }
+   std::vector<std::unique_ptr<Platform::ReactorBase>> reactors_;
+};
+
+// --- reload -----------------------------------------------------------------------------
+
+const char* const kBase = R"(
+vrfs: {red: ns-red, blue: ns-blue}
+system: {hostname: relay1, bridge-mac: 02:00:00:00:01:00}
+relay: {dscp-v4: 10}
+devices: {Ethernet1: eth1}
+interfaces:
+  Ethernet1:
+    servers:
+      - address: 192.0.2.1
+      - hostname: dhcp.example.net
+    servers-v6:
+      - address: 2001:db8::1
+    ccap-cores: [2001:db8:cc::1]
+    information-option: true
+  Ethernet2:
+    vrf: red
+    servers:
+      - address: 192.0.2.2
+snooping:
+  enabled: true
+  vlans: [10, 20]
+  v6: {vlans: [10]}
+bridging:
+  ports:
+    Ethernet5: {mode: access, vlan: 10}
+    Ethernet6: {mode: trunk, allowed-vlans: [10, 20]}
+)";
+
+struct Edit {
+   std::string from;
+   std::string to;
+};
+
+struct Reload {
+   std::string name;
+   std::vector<Edit> before;
+   std::vector<Edit> after;
+   Log notified;
+};
+
+std::string edited(std::string text, const std::vector<Edit>& edits) {
+   for (const Edit& e : edits) {
+      const size_t at = text.find(e.from);
+      EXPECT_NE(at, std::string::npos) << e.from;
+      if (at != std::string::npos)
+         text.replace(at, e.from.size(), e.to);
+   }
+   return text;
+}
+
+// What the namespace follower would have done after the first load.
+void activateRed(const Targets& t) {
+   if (const auto red = t.vrfs->vrf(*VrfName::parse("red"))) {
+      red->stateIs(Ip::VrfStatusLocal::State::active);
+   }
+}
+
+const std::string kE2Server = "      - address: 192.0.2.2\n";
+
+const std::vector<Reload> kReloads = {
+    {"sameDocument", {}, {}, {}},
+    {"serverAdded",
+     {},
+     {{kE2Server, kE2Server + "      - address: 192.0.2.3\n"}},
+     {"Ethernet2.serverIp vrf=red ip=192.0.2.3 srcIntf= srcIp="}},
+    {"hostnameServerRemoved",
+     {},
+     {{"      - hostname: dhcp.example.net\n", ""}},
+     {"Ethernet1.serverHostname vrf=default hostname=dhcp.example.net srcIntf= srcIp="}},
+    {"serverSourceChanged",
+     {},
+     {{kE2Server, kE2Server + "        source-interface: Loopback0\n"}},
+     {"Ethernet2.serverIp vrf=red ip=192.0.2.2 srcIntf= srcIp=",
+      "Ethernet2.serverIp vrf=red ip=192.0.2.2 srcIntf=Loopback0 srcIp="}},
+    {"interfaceVrfChangedMovesItsServers",
+     {},
+     {{"    vrf: red\n", "    vrf: blue\n"}},
+     {"Ethernet2.vrf", "Ethernet2.serverIp vrf=red ip=192.0.2.2 srcIntf= srcIp=",
+      "Ethernet2.serverIp vrf=blue ip=192.0.2.2 srcIntf= srcIp="}},
+    {"interfaceRemoved",
+     {},
+     {{"  Ethernet2:\n    vrf: red\n    servers:\n" + kE2Server, ""}},
+     {"relay.intfConfig Ethernet2"}},
+    {"interfaceAdded",
+     {},
+     {{"snooping:", "  Ethernet3: {circuit-id: x}\nsnooping:"}},
+     {"relay.intfConfig Ethernet3"}},
+    {"interfaceAttributes",
+     {},
+     {{"    information-option: true\n", "    smart-relay: true\n    route-install: true\n"},
+      {"[2001:db8:cc::1]", "[2001:db8:cc::2]"},
+      {"2001:db8::1\n", "2001:db8::1\n        vrf: red\n"}},
+     {"Ethernet1.serverIp6 vrf=default ip=2001:db8::1 srcIntf= srcIp=",
+      "Ethernet1.serverIp6 vrf=red ip=2001:db8::1 srcIntf= srcIp=",
+      "Ethernet1.ccapCores 2001:db8:cc::1", "Ethernet1.ccapCores 2001:db8:cc::2",
+      "Ethernet1.smartRelay", "Ethernet1.informationOption", "Ethernet1.routeInstall"}},
+    {"relayGlobals",
+     {},
+     {{"relay: {dscp-v4: 10}",
+       "relay: {dscp-v4: 11, dscp-v6: 1, always-on: true, smart-relay: true,"
+       " client-link-layer-address: true}"}},
+     {"relay.smartRelayGlobal", "relay.dscpV4", "relay.dscpV6", "relay.alwaysOn",
+      "relay.clientLinkLayerAddrOpt"}},
+    {"vrfNamespaceChangedKeepsState", {}, {{"red: ns-red", "red: ns-red2"}}, {"vrf red.nsName"}},
+    {"vrfAddedAndRemoved",
+     {},
+     {{"blue: ns-blue", "green: ns-green"}},
+     {"vrfs.vrf green", "vrfs.vrf blue"}},
+    {"snoopingDisabledBeforeItsSettingsChange",
+     {},
+     {{"  enabled: true\n  vlans: [10, 20]\n", "  vlans: [20, 30]\n  circuit-id-type: 0\n"},
+      {"v6: {vlans: [10]}", "v6: {vlans: [10], remote-id-option: true}"}},
+     {"snooping.enabled", "snooping6.enabled", "snooping.vlan 10", "snooping.vlan 30",
+      "snooping.circuitIdTypeValid", "snooping6.remoteIdOption"}},
+    {"snoopingEnabledAfterItsSettingsChange",
+     {{"  enabled: true\n", "  enabled: false\n"}},
+     {{"  vlans: [10, 20]\n", "  vlans: [10]\n"}},
+     {"snooping.vlan 20", "snooping.enabled", "snooping6.enabled"}},
+    {"portModeChanged",
+     {},
+     {{"{mode: access, vlan: 10}", "{mode: trunk, native-vlan: 10, allowed-vlans: [10]}"}},
+     {"Ethernet5.accessVlan", "Ethernet5.nativeVlan", "Ethernet5.allowedVlans 10",
+      "Ethernet5.switchportMode"}},
+    {"portRemoved",
+     {},
+     {{"    Ethernet6: {mode: trunk, allowed-vlans: [10, 20]}\n", ""}},
+     {"bridging.switchIntfConfig Ethernet6"}},
+    {"hostFacts",
+     {},
+     {{"hostname: relay1, bridge-mac: 02:00:00:00:01:00",
+       "hostname: relay2, bridge-mac: 02:00:00:00:01:01"}},
+     {"netStatus.hostname", "entityMib.systemMacAddr"}},
+    // The device map is plain data: only the final comparison sees it.
+    {"deviceRenamed", {}, {{"Ethernet1: eth1", "Ethernet1: eth9, Ethernet2: eth2"}}, {}},
+};
+
+void PrintTo(const Reload& c, std::ostream* os) {
+   *os << c.name;
+}
+
+class ReloadTest : public testing::TestWithParam<Reload> {};
+
+// A reload notifies exactly the changes, in an order reactors can rely on, and leaves
+// the records as a fresh start with the new file would.
+TEST_P(ReloadTest, NotifiesOnlyWhatChanged) {
+   const Reload& c = GetParam();
+   const ConfigDocument before = document(edited(kBase, c.before));
+   const ConfigDocument after = document(edited(kBase, c.after));
+
+   Targets t = freshTargets();
+   applyConfig(before, t);
+   activateRed(t);
+   Watch watch(t);
+   applyConfig(after, t);
+   EXPECT_EQ(watch.log, c.notified);
+
+   Targets fresh = freshTargets();
+   applyConfig(after, fresh);
+   activateRed(fresh);
+   EXPECT_EQ(dump(t), dump(fresh));
+}
+
+INSTANTIATE_TEST_SUITE_P(ConfigApply, ReloadTest, testing::ValuesIn(kReloads),
+                         [](const testing::TestParamInfo<Reload>& i) { return i.param.name; });
+
+std::string repoRoot() {
+   const std::string self = __FILE__;
+   return self.substr(0, self.rfind("/tests/"));
+}
+
+TEST(ConfigApply, ShippedExampleIsValidAndASecondApplyNotifiesNothing) {
+   const ParsedConfig r = parseConfigFile(repoRoot() + "/examples/dhcp-relay.yaml");
+   ASSERT_EQ(r.errors, std::vector<std::string>{});
+   // The example is documentation: every section must really be read.
+   EXPECT_FALSE(r.document.vrfs.empty());
+   EXPECT_FALSE(r.document.devices.empty());
+   EXPECT_FALSE(r.document.interfaces.empty());
+   EXPECT_FALSE(r.document.ports.empty());
+   EXPECT_TRUE(r.document.system.bridgeMac.has_value());
+   EXPECT_FALSE(r.document.snooping.vlans.empty());
+   Targets t = freshTargets();
+   applyConfig(r.document, t);
+   Watch watch(t);
+   applyConfig(r.document, t);
+   EXPECT_EQ(watch.log, Log{});
+}
+
+TEST(ConfigApply, NewVrfsStartInactiveAndTheDefaultVrfIsAlwaysThere) {
+   Targets t = freshTargets();
+   applyConfig(document("vrfs: {red: ns-red}\n"), t);
+   ASSERT_EQ(t.vrfs->vrf().size(), 2u);
+   const auto red = t.vrfs->vrf(*VrfName::parse("red"));
+   EXPECT_EQ(red->nsName().str(), "ns-red");
+   EXPECT_EQ(red->state(), Ip::VrfStatusLocal::State::inactive);
+
+   applyConfig(document(""), t);
+   ASSERT_EQ(t.vrfs->vrf().size(), 1u);
+   EXPECT_EQ(t.vrfs->vrf().begin()->first, VrfName::defaultVrf());
+   EXPECT_EQ(t.vrfs->vrf().begin()->second->nsName().str(), "default");
+}
+
+TEST(ConfigApply, HostFactsFillWhatTheFileLeavesOut) {
+   Targets t = freshTargets();
+   applyConfig(document("system: {hostname: relay1, bridge-mac: 02:00:00:00:01:00}\n"), t);
+   EXPECT_EQ(t.netStatus->hostname(), "relay1");
+   EXPECT_EQ(t.entityMib->systemMacAddr().toString(), "02:00:00:00:01:00");
+
+   // Dropping the lines from the file falls back to the host, not to the old values.
+   applyConfig(document(""), t);
+   EXPECT_EQ(t.netStatus->hostname(), hostHostname());
+   EXPECT_FALSE(hostHostname().empty());
+   EXPECT_EQ(t.entityMib->systemMacAddr(), hostBridgeMac());
+}
+
+struct FakeDevice {
+   const char* name;
+   const char* type;
+   const char* ifindex;
+   const char* address;
+};
+
+struct MacCase {
+   std::string name;
+   std::vector<FakeDevice> devices;
+   std::string mac;
+};
+
+const std::vector<MacCase> kMacCases = {
+    {"noDevices", {}, "00:00:00:00:00:00"},
+    {"loopbackOnly", {{"lo", "772", "1", "00:00:00:00:00:00"}}, "00:00:00:00:00:00"},
+    {"lowestIfindexWinsOverDirectoryOrder",
+     {{"lo", "772", "1", "00:00:00:00:00:00"},
+      {"a-eth", "1", "7", "02:00:00:00:00:07"},
+      {"z-eth", "1", "3", "02:00:00:00:00:03"}},
+     "02:00:00:00:00:03"},
+    {"skipsOtherLinkTypesAndZeroOrUnreadableAddresses",
+     {{"gre0", "778", "2", "02:00:00:00:00:02"},
+      {"dummy", "1", "3", "00:00:00:00:00:00"},
+      {"odd", "1", "4", "not-a-mac"},
+      {"noindex", "1", "", "02:00:00:00:00:05"},
+      {"eth9", "1", "9", "02:00:00:00:00:09"}},
+     "02:00:00:00:00:09"},
+};
+
+void PrintTo(const MacCase& c, std::ostream* os) {
+   *os << c.name;
+}
+
+class HostBridgeMacTest : public testing::TestWithParam<MacCase> {};
+
+TEST_P(HostBridgeMacTest, PicksTheFirstEthernetDevice) {
+   std::string dir = testing::TempDir() + "sysnetXXXXXX";
+   ASSERT_NE(::mkdtemp(dir.data()), nullptr);
+   for (const FakeDevice& d : GetParam().devices) {
+      const std::string base = dir + "/" + d.name;
+      ASSERT_TRUE(std::filesystem::create_directory(base));
+      std::ofstream(base + "/type") << d.type << "\n";
+      std::ofstream(base + "/address") << d.address << "\n";
+      std::ofstream(base + "/ifindex") << d.ifindex << "\n";
+   }
+   EXPECT_EQ(hostBridgeMac(dir).toString(), GetParam().mac);
+   std::filesystem::remove_all(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(ConfigApply, HostBridgeMacTest, testing::ValuesIn(kMacCases),
+                         [](const testing::TestParamInfo<MacCase>& i) { return i.param.name; });
+
+}  // namespace
+}  // namespace Frontend

@@ -1,0 +1,364 @@
+#include "frontend/control/ControlServer.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/NetnsFixture.h"
+
+namespace Frontend {
+namespace {
+
+using nlohmann::json;
+
+class ControlServerTest : public Platform::TestNet::LoopTest {
+ protected:
+   void SetUp() override {
+      char tmpl[] = "/tmp/ctl-test-XXXXXX";
+      ASSERT_NE(mkdtemp(tmpl), nullptr);
+      dir_ = tmpl;
+      path_ = dir_ + "/run/ctl.sock";
+   }
+
+   void TearDown() override {
+      for (int fd : fds_)
+         close(fd);
+      servers_.clear();
+      std::filesystem::remove_all(dir_);
+   }
+
+   ControlServer& server() {
+      if (servers_.empty()) {
+         auto s = std::make_unique<ControlServer>(loop_, path_);
+         s->handlerIs("echo", [](const json& request) { return request; });
+         s->handlerIs("refuse", [](const json&) -> json { throw ControlError("not today"); });
+         s->handlerIs("crash", [](const json&) -> json { throw std::runtime_error("bug"); });
+         s->handlerIs("big", [](const json& request) {
+            return json(std::string(request.at("size").get<size_t>(), 'x'));
+         });
+         servers_.push_back(std::move(s));
+      }
+      return *servers_.front();
+   }
+
+   void startServer() {
+      std::string error;
+      ASSERT_TRUE(server().start(error)) << error;
+   }
+
+   int rawSocket() {
+      int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      fds_.push_back(fd);
+      return fd;
+   }
+
+   // Connects (or binds, for a socket nobody listens on) to the server's path.
+   int client(decltype(::connect) op = ::connect) {
+      int fd = rawSocket();
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
+      EXPECT_EQ(op(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << std::strerror(errno);
+      return fd;
+   }
+
+   void closeClient(int fd) {
+      close(fd);
+      std::erase(fds_, fd);
+   }
+
+   // Sends everything, turning the loop whenever the socket buffer is full.
+   void sendAll(int fd, const std::string& data) {
+      size_t sent = 0;
+      ASSERT_TRUE(turnUntil([&] {
+         ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+         if (n > 0)
+            sent += static_cast<size_t>(n);
+         return sent == data.size();
+      }));
+   }
+
+   // Reads until a whole line has arrived; nullopt when the server closed first.
+   std::optional<json> reply(int fd) {
+      std::string& buf = pending_[fd];
+      bool closed = false;
+      turnUntil([&] {
+         char chunk[65536];
+         ssize_t n;
+         while ((n = recv(fd, chunk, sizeof chunk, 0)) > 0)
+            buf.append(chunk, static_cast<size_t>(n));
+         closed = n == 0;
+         return closed || buf.find('\n') != std::string::npos;
+      });
+      auto nl = buf.find('\n');
+      if (nl == std::string::npos)
+         return std::nullopt;
+      json r = json::parse(buf.substr(0, nl));
+      buf.erase(0, nl + 1);
+      return r;
+   }
+
+   bool closedByServer(int fd) {
+      return turnUntil([&] {
+         char c;
+         return recv(fd, &c, 1, 0) == 0;
+      });
+   }
+
+   // The connection still gets an answer to a good request.
+   void expectServed(int fd) {
+      sendAll(fd, "{\"cmd\":\"echo\"}\n");
+      auto r = reply(fd);
+      ASSERT_TRUE(r);
+      EXPECT_TRUE(r->at("ok"));
+   }
+
+   std::string errorOf(const std::optional<json>& r) {
+      if (!r || r->value("ok", true))
+         return "<no error reply>";
+      return r->at("error").get<std::string>();
+   }
+
+   std::string dir_;
+   std::string path_;
+   std::vector<std::unique_ptr<ControlServer>> servers_;
+   std::vector<int> fds_;
+   std::map<int, std::string> pending_;
+};
+
+TEST_F(ControlServerTest, AnswersPipelinedAndSplitRequestsInOrder) {
+   startServer();
+   int fd = client();
+   // More requests in one write than the server answers per wake-up, with a blank line
+   // that must not produce a reply.
+   std::string batch;
+   for (int i = 0; i < 20; ++i)
+      batch += json{{"cmd", "echo"}, {"id", i}}.dump() + (i == 3 ? "\n\n" : "\n");
+   sendAll(fd, batch);
+   for (int i = 0; i < 20; ++i) {
+      auto r = reply(fd);
+      ASSERT_TRUE(r);
+      EXPECT_EQ(*r, (json{{"ok", true}, {"data", {{"cmd", "echo"}, {"id", i}}}}));
+   }
+
+   // A request arriving in pieces is answered once, when its newline arrives.
+   sendAll(fd, R"({"cmd": "ec)");
+   loop_.runOnce(0);
+   sendAll(fd, "ho\", \"id\": \"split\"}\r\n");
+   auto r = reply(fd);
+   ASSERT_TRUE(r);
+   EXPECT_EQ(r->at("data").at("id"), "split");
+
+   // Error replies from handlers leave the connection usable.
+   sendAll(fd, "{\"cmd\":\"refuse\"}\n{\"cmd\":\"crash\"}\n");
+   EXPECT_EQ(errorOf(reply(fd)), "not today");
+   EXPECT_EQ(errorOf(reply(fd)), "internal error: bug");
+   expectServed(fd);
+}
+
+TEST_F(ControlServerTest, BadRequestsGetErrorRepliesAndTheServerKeepsServing) {
+   startServer();
+   int fd = client();
+   const std::string deep = std::string(30000, '[') + std::string(30000, ']');
+   const std::vector<std::pair<std::string, std::string>> cases = {
+       {"{\"cmd\": ", "malformed JSON request"},
+       {"not json at all", "malformed JSON request"},
+       {"[1, 2]", "a request must be a JSON object"},
+       {deep, "a request must be a JSON object"},
+       {"\"show\"", "a request must be a JSON object"},
+       {"{}", "a request needs a string \"cmd\""},
+       {"{\"cmd\": 7}", "a request needs a string \"cmd\""},
+       {"{\"cmd\": \"frobnicate\"}",
+        "unknown command \"frobnicate\" (known: big, crash, echo, refuse)"},
+   };
+   for (const auto& [request, expected] : cases) {
+      sendAll(fd, request + "\n");
+      EXPECT_EQ(errorOf(reply(fd)).substr(0, expected.size()), expected) << request.substr(0, 40);
+   }
+   expectServed(client());
+}
+
+TEST_F(ControlServerTest, LineLimitAcceptsExactlyTheMaximumAndClosesBeyondIt) {
+   startServer();
+   // Padding inside the object keeps it valid JSON at any length.
+   auto padded = [](size_t length) {
+      std::string head = "{\"cmd\":\"echo\"";
+      return head + std::string(length - head.size() - 1, ' ') + "}";
+   };
+   int fd = client();
+   sendAll(fd, padded(kMaxControlLine) + "\n");
+   auto r = reply(fd);
+   ASSERT_TRUE(r);
+   EXPECT_TRUE(r->at("ok"));
+
+   // Over the limit, with and without the newline having arrived.
+   for (std::string tail : {"\n", ""}) {
+      int fd = client();
+      sendAll(fd, padded(kMaxControlLine + 1) + tail);
+      EXPECT_EQ(errorOf(reply(fd)), "request line longer than 65536 bytes");
+      EXPECT_TRUE(closedByServer(fd));
+   }
+   EXPECT_TRUE(turnUntil([&] { return server().connectionCount() == 1; }));
+}
+
+TEST_F(ControlServerTest, LargeRepliesSurvivePartialWritesAndClientsThatLeave) {
+   startServer();
+   const size_t size = 4 * 1024 * 1024;  // far more than a socket buffer holds
+   int fd = client();
+   sendAll(fd, json{{"cmd", "big"}, {"size", size}}.dump() + "\n");
+   auto r = reply(fd);
+   ASSERT_TRUE(r);
+   EXPECT_EQ(r->at("data").get<std::string>().size(), size);
+
+   // Leaving mid-reply must not raise SIGPIPE in the agent or leak the connection.
+   int leaver = client();
+   sendAll(leaver, json{{"cmd", "big"}, {"size", size}}.dump() + "\n");
+   loop_.runOnce(0);
+   closeClient(leaver);
+   // Leaving with requests still unread.
+   int quitter = client();
+   sendAll(quitter, "{\"cmd\":\"echo\"}\n{\"cmd\":\"echo\"}\n");
+   closeClient(quitter);
+   EXPECT_TRUE(turnUntil([&] { return server().connectionCount() == 1; }));
+
+   // A last request without its newline is still answered after the client's shutdown.
+   int last = client();
+   sendAll(last, "{\"cmd\":\"echo\",\"id\":\"last\"}");
+   shutdown(last, SHUT_WR);
+   r = reply(last);
+   ASSERT_TRUE(r);
+   EXPECT_EQ(r->at("data").at("id"), "last");
+   EXPECT_TRUE(closedByServer(last));
+}
+
+TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreRefusedWithAReason) {
+   startServer();
+   std::vector<int> open;
+   for (size_t i = 0; i < ControlServer::kMaxConnections; ++i) {
+      open.push_back(client());
+      loop_.runOnce(0);  // accepts, keeping the listen backlog short
+   }
+   ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == open.size(); }));
+   int extra = client();
+   EXPECT_EQ(errorOf(reply(extra)), "too many control connections (at most 32)");
+   EXPECT_TRUE(closedByServer(extra));
+
+   closeClient(open.back());
+   ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == open.size() - 1; }));
+   expectServed(client());
+}
+
+TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
+   startServer();
+   struct stat st;
+   ASSERT_EQ(stat(path_.c_str(), &st), 0);
+   EXPECT_TRUE(S_ISSOCK(st.st_mode));
+   EXPECT_EQ(st.st_mode & 07777, 0600u);
+   ASSERT_EQ(stat((dir_ + "/run").c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 07777, 0700u);
+
+   int fd = client();
+   loop_.runOnce(0);
+   servers_.clear();
+   EXPECT_FALSE(std::filesystem::exists(path_));
+   EXPECT_TRUE(closedByServer(fd));
+}
+
+TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
+   // What a killed agent leaves behind: the file of a socket nobody listens on.
+   std::filesystem::create_directories(dir_ + "/run");
+   closeClient(client(::bind));
+   ASSERT_TRUE(std::filesystem::exists(path_));
+
+   startServer();
+   int fd = client();
+   expectServed(fd);
+
+   {
+      ControlServer second(loop_, path_);
+      std::string error;
+      EXPECT_FALSE(second.start(error));
+      EXPECT_NE(error.find("already running"), std::string::npos) << error;
+   }
+
+   // The first agent still owns and serves its socket after the refused one is gone.
+   expectServed(fd);
+   expectServed(client());
+}
+
+TEST_F(ControlServerTest, NeverRemovesFilesItDoesNotOwn) {
+   // Something that is not a socket is left alone and blocks the start.
+   std::filesystem::create_directories(dir_ + "/run");
+   std::ofstream(path_) << "precious";
+   std::string error;
+   EXPECT_FALSE(server().start(error));
+   EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
+   servers_.clear();
+   EXPECT_TRUE(std::filesystem::exists(path_));
+
+   // A file that replaced the server's socket survives the server's destruction.
+   std::filesystem::remove(path_);
+   startServer();
+   std::filesystem::remove(path_);
+   std::ofstream(path_) << "successor";
+   servers_.clear();
+   EXPECT_TRUE(std::filesystem::exists(path_));
+
+   std::string tooLong = "/tmp/" + std::string(200, 'x');
+   ControlServer unbindable(loop_, tooLong);
+   EXPECT_FALSE(unbindable.start(error));
+   EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
+}
+
+TEST_F(ControlServerTest, BlockingClientGetsRepliesAndReportsUnreachableAgents) {
+   startServer();
+   // The command line blocks on its socket, so it runs beside the loop here.
+   std::atomic<bool> done = false;
+   std::vector<std::optional<json>> replies;
+   std::string clientError;
+   std::thread cli([&] {
+      ControlClient c;
+      if (c.connect(path_, clientError)) {
+         replies.push_back(c.request({{"cmd", "echo"}, {"n", 1}}, clientError));
+         replies.push_back(c.request({{"cmd", "refuse"}}, clientError));
+      }
+      done = true;
+   });
+   EXPECT_TRUE(turnUntil([&] { return done.load(); }));
+   cli.join();
+   ASSERT_EQ(replies.size(), 2u) << clientError;
+   ASSERT_TRUE(replies[0] && replies[1]);
+   EXPECT_EQ(replies[0]->at("data").at("n"), 1);
+   EXPECT_EQ(*replies[1], controlReplyError("not today"));
+
+   std::string error;
+   ControlClient nobody;
+   EXPECT_FALSE(nobody.connect(dir_ + "/nothing.sock", error));
+   EXPECT_EQ(error, std::strerror(ENOENT));
+}
+
+TEST(ControlProtocolTest, InvalidUtf8FromOutsideDoesNotBreakAReply) {
+   EXPECT_EQ(controlLine(controlReplyOk(std::string("eth\xff"))),
+             "{\"data\":\"eth\xEF\xBF\xBD\",\"ok\":true}\n");
+   EXPECT_THROW(requestString(json{{"what", 3}}, "what"), ControlError);
+   EXPECT_EQ(requestString(json{{"what", "vrfs"}}, "what"), "vrfs");
+}
+
+}  // namespace
+}  // namespace Frontend

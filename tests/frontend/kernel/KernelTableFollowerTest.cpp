@@ -1,0 +1,322 @@
+#include "frontend/kernel/KernelTableFollower.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/NetnsFixture.h"
+
+namespace Frontend {
+namespace {
+
+using namespace Platform;
+
+using KernelNetInfo::KernelIntf;
+using KernelNetInfo::Status;
+using Texts = std::vector<std::string>;
+
+template <class C>
+Texts texts(const C& values) {
+   Texts out;
+   for (const auto& v : values)
+      out.push_back(v.toString());
+   return out;
+}
+
+// One line per device, IPv6 sorted: the follower keeps a set, `ip` prints a list.
+std::string line(uint32_t ifindex, const std::string& name, const EthAddr& mac, bool up,
+                 bool running, const Texts& ipv4, Texts ipv6) {
+   std::sort(ipv6.begin(), ipv6.end());
+   std::string s = std::to_string(ifindex) + " " + name + " " + mac.toString() +
+                   (up ? " up" : " down") + (running ? " running" : "");
+   for (const auto& t : ipv4)
+      s += " " + t;
+   for (const auto& t : ipv6)
+      s += " " + t;
+   return s;
+}
+
+Texts describe(const Status& table) {
+   Texts out;
+   for (const auto& [ifindex, k] : table.interfaceByIndex())
+      out.push_back(line(ifindex, k->deviceName(), k->mac(), k->up(), k->running(),
+                         texts(k->ipv4()), texts(k->ipv6())));
+   return out;
+}
+
+struct IntfLog : KernelIntf::Reactor {
+   int name = 0, up = 0, running = 0, ipv4 = 0, ipv6 = 0;
+   void handleDeviceName() override { ++name; }
+   void handleUp() override { ++up; }
+   void handleRunning() override { ++running; }
+   void handleIpv4() override { ++ipv4; }
+   void handleIpv6(const Ip6Prefix&) override { ++ipv6; }
+   int total() const { return name + up + running + ipv4 + ipv6; }
+};
+
+struct TableLog : Status::Reactor {
+   std::vector<uint32_t> changed;
+   void handleInterfaceByIndex(uint32_t ifindex) override { changed.push_back(ifindex); }
+};
+
+class KernelTableFollowerTest : public TestNet::NetnsTest {
+ protected:
+   void TearDown() override {
+      followers_.clear();
+      NetnsTest::TearDown();
+   }
+
+   static int ipIn(const std::string& ns, const std::string& args) {
+      return TestNet::ip("-n " + ns + " " + args);
+   }
+
+   KernelTableFollower& follow(const std::string& ns, const Ptr<Status>& table) {
+      followers_.push_back(std::make_unique<KernelTableFollower>(loop_, ns, table));
+      std::string error;
+      EXPECT_TRUE(followers_.back()->start(error)) << error;
+      EXPECT_TRUE(turnUntil([&] { return followers_.back()->inSync(); }));
+      return *followers_.back();
+   }
+
+   // What `ip` reads, with running as "up, and the operational state up or unknown".
+   static Texts kernelView(const std::string& ns) {
+      const std::string text = TestNet::output("ip -j -n " + ns + " addr show 2>/dev/null");
+      auto doc = nlohmann::json::parse(text, nullptr, false);
+      if (!doc.is_array())
+         return {"unreadable: " + text};
+      Texts out;
+      for (const auto& d : doc) {
+         const auto& flags = d["flags"];
+         const bool up = std::find(flags.begin(), flags.end(), "UP") != flags.end();
+         const std::string oper = d.value("operstate", "");
+         Texts ipv4, ipv6;
+         for (const auto& a : d["addr_info"]) {
+            std::string addr = a.value("local", "") + "/" + std::to_string(a.value("prefixlen", 0));
+            (a.value("family", "") == "inet" ? ipv4 : ipv6).push_back(addr);
+         }
+         out.push_back(line(d.value("ifindex", 0u), d.value("ifname", ""),
+                            EthAddr::parse(d.value("address", "")).value_or(EthAddr()), up,
+                            up && (oper == "UP" || oper == "UNKNOWN"), ipv4, ipv6));
+      }
+      std::sort(out.begin(), out.end());
+      return out;
+   }
+
+   static bool matchesKernel(const std::string& ns, const Status& table) {
+      Texts ours = describe(table);
+      std::sort(ours.begin(), ours.end());
+      return ours == kernelView(ns);
+   }
+
+   Ptr<KernelIntf> byName(const Status& table, const std::string& name) {
+      for (const auto& [ifindex, k] : table.interfaceByIndex())
+         if (k->deviceName() == name)
+            return k;
+      return nullptr;
+   }
+
+   std::vector<std::unique_ptr<KernelTableFollower>> followers_;
+};
+
+TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
+   const std::string ns = nsAdd("order");
+   ASSERT_EQ(ipIn(ns, "link add v0 address 02:00:00:00:00:01 type veth peer name v1"), 0);
+   ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
+   auto table = make<Status>();
+   follow(ns, table);
+
+   Ptr<KernelIntf> lo = table->interfaceByIndex(1);
+   ASSERT_TRUE(lo);
+   EXPECT_EQ(lo->deviceName(), "lo");
+   EXPECT_TRUE(lo->up() && lo->running());
+   EXPECT_EQ(texts(lo->ipv4()), (Texts{"127.0.0.1/8"}));
+   Ptr<KernelIntf> v0 = byName(*table, "v0");
+   ASSERT_TRUE(v0);
+   EXPECT_EQ(v0->mac().toString(), "02:00:00:00:00:01");
+   EXPECT_FALSE(v0->up());
+   EXPECT_EQ(texts(v0->ipv4()), (Texts{"192.0.2.1/24"}));
+
+   // Secondaries stay behind every primary, whatever order they came in.
+   ASSERT_EQ(TestNet::shell("ip netns exec " + ns +
+                            " sysctl -qw net.ipv4.conf.all.promote_secondaries=1"),
+             0);
+   for (const char* a : {"192.0.2.2/24", "192.0.2.3/24", "198.51.100.1/30"})
+      ASSERT_EQ(ipIn(ns, std::string("addr add ") + a + " dev v0"), 0);
+   const Texts added{"192.0.2.1/24", "198.51.100.1/30", "192.0.2.2/24", "192.0.2.3/24"};
+   EXPECT_TRUE(turnUntil([&] { return texts(v0->ipv4()) == added; }))
+       << testing::PrintToString(texts(v0->ipv4()));
+
+   // The kernel promotes 192.0.2.2 and moves it behind the remaining primary: one change.
+   IntfLog log;
+   log.notifierIs(v0);
+   ASSERT_EQ(ipIn(ns, "addr del 192.0.2.1/24 dev v0"), 0);
+   const Texts promoted{"198.51.100.1/30", "192.0.2.2/24", "192.0.2.3/24"};
+   EXPECT_TRUE(turnUntil([&] { return texts(v0->ipv4()) == promoted; }));
+   EXPECT_TRUE(turnUntil([&] { return followers_[0]->inSync(); }));
+   loop_.runOnce(50);
+   EXPECT_EQ(log.ipv4, 1);
+   EXPECT_EQ(log.total(), 1);
+   EXPECT_TRUE(matchesKernel(ns, *table));
+}
+
+TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
+   const std::string ns = nsAdd("link");
+   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   auto table = make<Status>();
+   follow(ns, table);
+   Ptr<KernelIntf> v0 = byName(*table, "v0");
+   Ptr<KernelIntf> v1 = byName(*table, "v1");
+   ASSERT_TRUE(v0 && v1);
+   IntfLog log;
+   log.notifierIs(v0);
+
+   // Host bits are part of an interface address.
+   const Ip6Prefix global = *Ip6Prefix::parse("2001:db8::5/64");
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::5/64 dev v0 nodad"), 0);
+   EXPECT_TRUE(turnUntil([&] { return v0->ipv6().contains(global); }));
+   ASSERT_EQ(ipIn(ns, "addr del 2001:db8::5/64 dev v0"), 0);
+   EXPECT_TRUE(turnUntil([&] { return !v0->ipv6().contains(global); }));
+   EXPECT_EQ(log.ipv6, 2);
+
+   // Up without a carrier is not running.
+   ASSERT_EQ(ipIn(ns, "link set v0 up"), 0);
+   EXPECT_TRUE(turnUntil([&] { return v0->up(); }));
+   EXPECT_FALSE(v0->running());
+   ASSERT_EQ(ipIn(ns, "link set v1 name w1"), 0);
+   ASSERT_EQ(ipIn(ns, "link set w1 up"), 0);
+   EXPECT_TRUE(turnUntil([&] { return v0->running() && v1->up(); }));
+   EXPECT_EQ(v1->deviceName(), "w1");
+   ASSERT_EQ(ipIn(ns, "link set v0 down"), 0);
+   EXPECT_TRUE(turnUntil([&] { return !v0->up(); }));
+   EXPECT_FALSE(v0->running());
+   EXPECT_EQ(log.up, 2);
+   EXPECT_EQ(log.running, 2);
+   EXPECT_EQ(log.name, 0);
+   EXPECT_TRUE(turnUntil([&] { return matchesKernel(ns, *table); }));
+}
+
+TEST_F(KernelTableFollowerTest, DeviceMovedToAnotherNamespaceChangesTables) {
+   const std::string a = nsAdd("a");
+   const std::string b = nsAdd("b");
+   ASSERT_EQ(ipIn(a, "link add v0 type veth peer name v1"), 0);
+   auto tableA = make<Status>();
+   auto tableB = make<Status>();
+   follow(a, tableA);
+   follow(b, tableB);
+   ASSERT_TRUE(byName(*tableA, "v1"));
+   const uint32_t v0Index = byName(*tableA, "v0")->ifindex();
+
+   ASSERT_EQ(ipIn(a, "link set dev v1 netns " + b), 0);
+   EXPECT_TRUE(turnUntil([&] { return !byName(*tableA, "v1") && byName(*tableB, "v1"); }));
+   EXPECT_TRUE(tableA->interfaceByIndex(v0Index));
+   EXPECT_TRUE(matchesKernel(a, *tableA));
+   EXPECT_TRUE(matchesKernel(b, *tableB));
+
+   // Deleting one end of a pair deletes both, each in its own namespace.
+   ASSERT_EQ(ipIn(b, "link del v1"), 0);
+   EXPECT_TRUE(turnUntil([&] { return !byName(*tableB, "v1") && !byName(*tableA, "v0"); }));
+}
+
+TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
+   const std::string ns = nsAdd("lost");
+   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   ASSERT_EQ(ipIn(ns, "link add w0 type veth peer name w1"), 0);
+   ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::1/64 dev v0 nodad"), 0);
+   auto table = make<Status>();
+   KernelTableFollower& follower = follow(ns, table);
+   IntfLog loLog;
+   loLog.notifierIs(table->interfaceByIndex(1));
+   TableLog tableLog;
+   tableLog.notifierIs(table);
+   std::vector<uint32_t> pair{byName(*table, "w0")->ifindex(), byName(*table, "w1")->ifindex()};
+
+   // The smallest receive buffer holds a few notifications; the batch below makes hundreds,
+   // and the deletions at its end are surely among the lost ones.
+   const int smallest = 0;
+   ASSERT_EQ(::setsockopt(follower.fd(), SOL_SOCKET, SO_RCVBUF, &smallest, sizeof(smallest)), 0);
+   const std::string batch = "/tmp/" + ns + ".batch";
+   {
+      std::unique_ptr<FILE, int (*)(FILE*)> f(std::fopen(batch.c_str(), "w"), &std::fclose);
+      ASSERT_TRUE(f);
+      for (int i = 1; i <= 100; ++i) {
+         std::fprintf(f.get(), "addr add 198.51.100.%d/32 dev v0\n", i);
+         std::fprintf(f.get(), "addr add 2001:db8:1::%x/128 dev v0 nodad\n", i);
+      }
+      std::fprintf(f.get(), "addr del 192.0.2.1/24 dev v0\naddr del 2001:db8::1/64 dev v0\n");
+      std::fprintf(f.get(), "link del w0\nlink set v0 up\n");
+   }
+   const int rc = ipIn(ns, "-batch " + batch);
+   std::remove(batch.c_str());
+   ASSERT_EQ(rc, 0);
+
+   EXPECT_TRUE(turnUntil([&] { return follower.inSync() && matchesKernel(ns, *table); }));
+   EXPECT_GE(follower.resyncs(), 1u);
+   EXPECT_EQ(byName(*table, "v0")->ipv4().size(), 100u);
+   // Only what changed was touched: no device was deleted and created again.
+   std::sort(tableLog.changed.begin(), tableLog.changed.end());
+   std::sort(pair.begin(), pair.end());
+   EXPECT_EQ(tableLog.changed, pair);
+   EXPECT_EQ(loLog.total(), 0);
+}
+
+// Routes are counted, not kept: each route or rule change moves the generation on, and the
+// device table does not notice.
+TEST_F(KernelTableFollowerTest, RouteAndRuleChangesMoveTheRouteGeneration) {
+   const std::string ns = nsAdd("route");
+   auto table = make<Status>();
+   follow(ns, table);
+   TableLog log;
+   log.notifierIs(table);
+   for (const char* change :
+        {"route add blackhole 198.51.100.0/24", "rule add to 203.0.113.0/24 table 7",
+         "route del blackhole 198.51.100.0/24"}) {
+      const uint64_t before = table->routeGeneration();
+      ASSERT_EQ(ipIn(ns, change), 0) << change;
+      EXPECT_TRUE(turnUntil([&] { return table->routeGeneration() != before; })) << change;
+   }
+   EXPECT_TRUE(log.changed.empty());
+}
+
+TEST_F(KernelTableFollowerTest, RestartKeepsTheTableAndStopClearsIt) {
+   const std::string ns = nsAdd("stop");
+   auto table = make<Status>();
+   KernelTableFollower missing(loop_, ns + "-missing", table);
+   std::string error;
+   EXPECT_FALSE(missing.start(error));
+   EXPECT_NE(error.find(ns + "-missing"), std::string::npos) << error;
+   EXPECT_FALSE(missing.started());
+
+   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   follow(ns, table);
+   ASSERT_EQ(table->interfaceByIndex().size(), 3u);
+   TableLog log;
+   log.notifierIs(table);
+
+   // The owner may keep the table across followers: destruction leaves it, and a new
+   // follower over it changes nothing that did not change.
+   followers_.clear();
+   KernelTableFollower& again = follow(ns, table);
+   EXPECT_TRUE(log.changed.empty());
+   EXPECT_EQ(table->interfaceByIndex().size(), 3u);
+
+   again.stop();
+   EXPECT_FALSE(again.started());
+   EXPECT_TRUE(table->interfaceByIndex().empty());
+   EXPECT_EQ(log.changed.size(), 3u);
+   // Nothing is followed any more.
+   ASSERT_EQ(ipIn(ns, "link add x0 type veth peer name x1"), 0);
+   loop_.runOnce(50);
+   EXPECT_TRUE(table->interfaceByIndex().empty());
+}
+
+}  // namespace
+}  // namespace Frontend

@@ -1,0 +1,305 @@
+#include "platform/loop/TimerWheel.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace Platform {
+namespace {
+
+class TimerWheelTest : public testing::Test {
+ protected:
+   // Each timer logs its label when it fires.
+   Timer& make(int label) {
+      timers_.push_back(
+          std::make_unique<Timer>(wheel_, [this, label] { fired_.push_back(label); }));
+      return *timers_.back();
+   }
+
+   ManualClock clock_{100.0};
+   ManualClock utc_{1.7e9};
+   TimerWheel wheel_{clock_, utc_};
+   std::vector<int> fired_;
+   std::vector<std::unique_ptr<Timer>> timers_;
+};
+
+TEST_F(TimerWheelTest, FiresDueTimersInDeadlineOrderWithTiesInArmingOrder) {
+   make(1).armAt(105);
+   make(2).armAt(101);
+   make(3).armAt(103);
+   make(4).armAt(101);
+   make(5).armAt(105);
+   make(6).armAt(110);
+   EXPECT_EQ(wheel_.nextDeadline(), 101);
+   EXPECT_EQ(wheel_.armedCount(), 6u);
+
+   wheel_.runExpired();
+   EXPECT_TRUE(fired_.empty()) << "nothing is due before its deadline";
+
+   clock_.set(105);  // a deadline equal to now is due
+   wheel_.runExpired();
+   EXPECT_EQ(fired_, (std::vector<int>{2, 4, 3, 1, 5}));
+   EXPECT_FALSE(timers_[0]->armed());
+   EXPECT_EQ(timers_[0]->deadline(), kNever);
+   EXPECT_TRUE(timers_[5]->armed());
+   EXPECT_EQ(wheel_.armedCount(), 1u);
+   EXPECT_EQ(wheel_.nextDeadline(), 110);
+}
+
+TEST_F(TimerWheelTest, ArmingMovesCancellingAndNeverDisarm) {
+   Timer& moved = make(1);
+   moved.armAt(150);
+   moved.armAt(102);  // earlier
+   Timer& later = make(2);
+   later.armAt(101);
+   later.armAt(120);  // later
+   EXPECT_EQ(wheel_.armedCount(), 2u);
+   EXPECT_EQ(moved.deadline(), 102);
+
+   Timer& cancelled = make(3);
+   cancelled.armAt(101);
+   cancelled.cancel();
+   cancelled.cancel();
+   Timer& never = make(4);
+   never.armAt(101);
+   never.armAt(kNever);
+   Timer& neverIn = make(5);
+   neverIn.armIn(kNever);
+   for (Timer* t : {&cancelled, &never, &neverIn}) {
+      EXPECT_FALSE(t->armed());
+      EXPECT_EQ(t->deadline(), kNever);
+   }
+
+   Timer& relative = make(6);
+   relative.armIn(2.5);
+   EXPECT_EQ(relative.deadline(), 102.5);
+
+   clock_.set(1000);
+   wheel_.runExpired();
+   EXPECT_EQ(fired_, (std::vector<int>{1, 6, 2}));
+   EXPECT_EQ(wheel_.nextDeadline(), kNever);
+   EXPECT_EQ(wheel_.armedCount(), 0u);
+}
+
+TEST_F(TimerWheelTest, ReportsOnlyChangesOfTheEarliestDeadline) {
+   std::vector<double> reports;
+   Timer& a = make(1);
+   a.armAt(200);
+   wheel_.onNextDeadlineChanged([&](double d) { reports.push_back(d); });
+   EXPECT_EQ(reports, (std::vector<double>{200})) << "installing reports the current value";
+
+   Timer& b = make(2);
+   b.armAt(300);  // not the earliest: no report
+   b.armAt(150);
+   a.armAt(400);  // not the earliest either
+   b.cancel();
+   a.cancel();
+   EXPECT_EQ(reports, (std::vector<double>{200, 150, 400, kNever}));
+
+   // Changes made while timers fire reach the callback once, at the end.
+   reports.clear();
+   a.armAt(101);
+   Timer self(wheel_, [&] {
+      b.armAt(103);
+      b.armAt(102);
+      a.armAt(104);
+   });
+   self.armAt(100);
+   wheel_.runExpired();
+   EXPECT_EQ(reports, (std::vector<double>{101, 100, 102}));
+   wheel_.onNextDeadlineChanged(nullptr);
+}
+
+TEST_F(TimerWheelTest, HandlerMayDestroyItsOwnTimer) {
+   std::unique_ptr<Timer> self;
+   // A capture big enough to live outside std::function's inline buffer: it must survive
+   // the Timer that held the handler for as long as the handler runs.
+   std::string payload(64, 'x');
+   std::string seen;
+   self = std::make_unique<Timer>(wheel_, [&, payload] {
+      self.reset();
+      seen = payload;
+   });
+   self->armAt(100);
+   make(2).armAt(100);
+
+   wheel_.runExpired();
+   EXPECT_EQ(seen, payload);
+   EXPECT_EQ(fired_, (std::vector<int>{2}));
+   EXPECT_EQ(wheel_.armedCount(), 0u);
+}
+
+TEST_F(TimerWheelTest, HandlerCancelsMovesOrDestroysOtherTimersOfTheSameBatch) {
+   Timer& cancelled = make(2);
+   Timer& moved = make(3);
+   auto destroyed = std::make_unique<Timer>(wheel_, [&] { fired_.push_back(4); });
+   Timer first(wheel_, [&] {
+      fired_.push_back(1);
+      cancelled.cancel();
+      moved.armAt(200);
+      destroyed.reset();
+   });
+   double seenNext = 0;
+   Timer last(wheel_, [&] {
+      fired_.push_back(5);
+      seenNext = wheel_.nextDeadline();
+   });
+   first.armAt(99);
+   moved.armAt(100);
+   destroyed->armAt(100);
+   last.armAt(100);
+   cancelled.armAt(100);  // due after `last`, cancelled before it fires
+
+   wheel_.runExpired();
+   EXPECT_EQ(fired_, (std::vector<int>{1, 5}));
+   EXPECT_EQ(seenNext, 200) << "what is left of the batch is gone";
+   EXPECT_EQ(wheel_.nextDeadline(), 200);
+   clock_.set(200);
+   wheel_.runExpired();
+   EXPECT_EQ(fired_, (std::vector<int>{1, 5, 3}));
+}
+
+TEST_F(TimerWheelTest, TimersArmedWhileFiringWaitForTheNextRun) {
+   int ticks = 0;
+   Timer periodic(wheel_, [&] {
+      EXPECT_FALSE(periodic.armed()) << "a firing timer is no longer armed";
+      ++ticks;
+      periodic.armIn(0);  // already due: must not spin this run
+   });
+   std::unique_ptr<Timer> spawned;
+   Timer spawner(wheel_, [&] {
+      spawned = std::make_unique<Timer>(wheel_, [&] { fired_.push_back(9); });
+      spawned->armAt(50);
+   });
+   periodic.armAt(100);
+   spawner.armAt(100);
+
+   wheel_.runExpired();
+   EXPECT_EQ(ticks, 1);
+   EXPECT_TRUE(fired_.empty());
+   EXPECT_EQ(wheel_.nextDeadline(), 50);
+
+   wheel_.runExpired();
+   EXPECT_EQ(ticks, 2);
+   EXPECT_EQ(fired_, (std::vector<int>{9}));
+}
+
+TEST_F(TimerWheelTest, ThrowingHandlerLeavesTheWheelUsable) {
+   bool shouldThrow = true;
+   Timer thrower(wheel_, [&] {
+      fired_.push_back(1);
+      if (shouldThrow)
+         throw std::runtime_error("handler failed");
+   });
+   thrower.armAt(100);
+   make(2).armAt(100);
+   make(3).armAt(300);
+
+   EXPECT_THROW(wheel_.runExpired(), std::runtime_error);
+   EXPECT_EQ(wheel_.armedCount(), 2u);
+   EXPECT_EQ(wheel_.nextDeadline(), 100);
+   shouldThrow = false;
+   thrower.armAt(100);
+   wheel_.runExpired();
+   EXPECT_EQ(fired_, (std::vector<int>{1, 2, 1}));
+}
+
+TEST_F(TimerWheelTest, IdleTimerMayOutliveItsWheel) {
+   auto wheel = std::make_unique<TimerWheel>(clock_, utc_);
+   Timer timer(*wheel, [] {});
+   timer.armAt(200);
+   timer.cancel();
+   wheel.reset();
+}
+
+// Random arm/move/cancel traffic against a plain model: deadline order, arming order on
+// ties (with few distinct deadlines, ties are common) and nextDeadline() after every step.
+TEST_F(TimerWheelTest, MatchesAReferenceModelUnderRandomTraffic) {
+   constexpr int kTimers = 500;
+   struct Expected {
+      double deadline = kNever;
+      uint64_t seq = 0;
+   };
+   std::vector<Expected> model(kTimers);
+   for (int i = 0; i < kTimers; ++i)
+      make(i);
+   std::mt19937 rng(12345);
+   uint64_t seq = 0;
+
+   for (int round = 0; round < 20; ++round) {
+      for (int op = 0; op < 2000; ++op) {
+         const int i = static_cast<int>(rng() % kTimers);
+         if (rng() % 4 == 0) {
+            timers_[i]->cancel();
+            model[i].deadline = kNever;
+         } else {
+            const double d = clock_.now() + static_cast<double>(rng() % 8);
+            timers_[i]->armAt(d);
+            model[i] = {d, seq++};
+         }
+         double earliest = kNever;
+         for (const Expected& e : model)
+            earliest = std::min(earliest, e.deadline);
+         ASSERT_EQ(wheel_.nextDeadline(), earliest);
+      }
+      clock_.advance(3);
+      std::vector<int> due;
+      for (int i = 0; i < kTimers; ++i) {
+         if (model[i].deadline <= clock_.now())
+            due.push_back(i);
+      }
+      std::sort(due.begin(), due.end(), [&](int a, int b) {
+         return std::tie(model[a].deadline, model[a].seq) <
+                std::tie(model[b].deadline, model[b].seq);
+      });
+      for (int i : due)
+         model[i].deadline = kNever;
+      fired_.clear();
+      wheel_.runExpired();
+      ASSERT_EQ(fired_, due) << "round " << round;
+   }
+}
+
+TEST_F(TimerWheelTest, HundredThousandTimersFireInExactSteps) {
+   constexpr int kTimers = 100000;
+   constexpr double kStep = 62.5;  // 1000 deadlines per step; all values exact in binary
+   int firedCount = 0;
+   double lastFired = 0;
+   bool ordered = true;
+   std::vector<std::unique_ptr<Timer>> timers;
+   timers.reserve(kTimers);
+   clock_.set(0);
+   for (int k = 0; k < kTimers; ++k) {
+      // Scrambled arming order; deadlines 1/16 s apart, every 10th timer cancelled again.
+      const int slot = static_cast<int>((static_cast<int64_t>(k) * 7919) % kTimers);
+      const double deadline = (slot + 1) * 0.0625;
+      timers.push_back(std::make_unique<Timer>(wheel_, [&, deadline] {
+         ordered = ordered && deadline >= lastFired && deadline <= clock_.now();
+         lastFired = deadline;
+         ++firedCount;
+      }));
+      timers.back()->armAt(deadline);
+      if (slot % 10 == 0)
+         timers.back()->cancel();
+   }
+   EXPECT_EQ(wheel_.armedCount(), 90000u);
+
+   for (int step = 1; step <= kTimers / 1000; ++step) {
+      clock_.set(step * kStep);
+      firedCount = 0;
+      wheel_.runExpired();
+      ASSERT_EQ(firedCount, 900) << "step " << step;
+      ASSERT_EQ(wheel_.armedCount(), static_cast<size_t>(90000 - 900 * step));
+   }
+   EXPECT_TRUE(ordered);
+   EXPECT_EQ(wheel_.nextDeadline(), kNever);
+}
+
+}  // namespace
+}  // namespace Platform

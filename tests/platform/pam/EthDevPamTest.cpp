@@ -1,0 +1,299 @@
+#include "platform/pam/EthDevPam.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/pam/EthDevTestPam.h"
+#include "platform/pam/LinuxEthDevPam.h"
+#include "tests/support/PacketTestNet.h"
+#include "tests/support/TestFrames.h"
+
+namespace Platform {
+namespace {
+
+using namespace TestFrames;
+
+Bytes bytesOf(const Pkt& pkt) {
+   return {pkt.span().begin(), pkt.span().end()};
+}
+
+struct Captured {
+   Bytes frame;
+   std::optional<uint16_t> vlanId;
+   uint32_t ifindex;
+   bool operator==(const Captured&) const = default;
+};
+
+void PrintTo(const Captured& c, std::ostream* os) {
+   *os << c.frame.size() << " bytes, vlan " << (c.vlanId ? int{*c.vlanId} : -1) << ", ifindex "
+       << c.ifindex;
+}
+
+// A consumer that takes one frame per announcement, or (take = false) none.
+class Taker : public EthDevPam::Reactor {
+ public:
+   explicit Taker(const Ptr<EthDevPam>& pam) : pam_(pam) { notifierIs(pam); }
+
+   void handleReadableCount() override {
+      ++announcements;
+      if (!take)
+         return;
+      if (auto f = pam_->rxFrame())
+         frames.push_back({bytesOf(*f->frame), f->vlanId, f->ifindex});
+      if (after)
+         after();
+   }
+
+   void release() {
+      notifierIs(nullptr);
+      pam_ = nullptr;
+   }
+
+   bool holds(const Bytes& frame) const {
+      for (const Captured& c : frames)
+         if (c.frame == frame)
+            return true;
+      return false;
+   }
+
+   bool take = true;
+   std::function<void()> after;
+   int announcements = 0;
+   std::vector<Captured> frames;
+
+ private:
+   Ptr<EthDevPam> pam_;
+};
+
+class EthDevPamTest : public PacketTest::VethTest {
+ protected:
+   void SetUp() override {
+      VethTest::SetUp();
+      if (IsSkipped() || HasFatalFailure())
+         return;
+      pam_ = make<LinuxEthDevPam>(loop_, "a0", nsA_);
+      pam_->modeIs(EthDevPam::modeOpen);
+      ASSERT_TRUE(pam_->active()) << pam_->error();
+      peer_ = std::make_unique<PacketTest::PeerSocket>(loop_, nsB_, "b0");
+      ASSERT_TRUE(peer_->ok());
+   }
+
+   Ptr<LinuxEthDevPam> pam_;
+   std::unique_ptr<PacketTest::PeerSocket> peer_;
+};
+
+TEST_F(EthDevPamTest, CapturesOnlyDhcpAndDhcpv6FramesWithTheirVlan) {
+   Taker taker(pam_);
+   const Bytes request = ipv4(kUdp, 68, 67, 1);
+   const Bytes solicit = ipv6(kUdp, 546, 547, 2);
+   // An empty `captured` is a frame the filter keeps out.
+   struct Case {
+      Bytes sent;
+      Bytes captured;
+      std::optional<uint16_t> vlanId;
+   };
+   const std::vector<Case> cases = {
+       {eth(kIpv4) + request, eth(kIpv4) + request, {}},
+       // A server's reply, with IP options moving the UDP header.
+       {eth(kIpv4) + ipv4(kUdp, 67, 68, 3, 2), eth(kIpv4) + ipv4(kUdp, 67, 68, 3, 2), {}},
+       {eth(kIpv4) + ipv4(kUdp, 1024, 53, 4), {}, {}},
+       {eth(0x0806) + ipv4(kUdp, 68, 67, 5), {}, {}},
+       {eth(kIpv4) + ipv4(6, 68, 67, 6), {}, {}},
+       // A later fragment has no UDP header, whatever its bytes look like.
+       {eth(kIpv4) + ipv4(kUdp, 68, 67, 7, 0, 0x0010), {}, {}},
+       // VLAN 10 with priority bits; the kernel takes the tag off before the filter.
+       {eth(kIpv4, {0x8100600a}) + request, eth(kIpv4) + request, 10},
+       // A priority tag is a tag with VLAN id 0.
+       {eth(kIpv4, {0x8100a000}) + request, eth(kIpv4) + request, 0},
+       {eth(kIpv6) + solicit, eth(kIpv6) + solicit, {}},
+       {eth(kIpv6) + ipv6(kUdp, 547, 546, 8), eth(kIpv6) + ipv6(kUdp, 547, 546, 8), {}},
+       {eth(kIpv6) + ipv6(kUdp, 5353, 53, 9), {}, {}},
+       {eth(kIpv6) + ipv6(58, 546, 547, 10), {}, {}},
+       // Stacked tags: the kernel takes the outer one, so the filter finds the inner one in
+       // the data, and the frame keeps it.
+       {eth(kIpv4, {0x88a80064, 0x8100000a}) + request, eth(kIpv4, {0x8100000a}) + request, 100},
+       {eth(kIpv6, {0x88a80064, 0x8100000a}) + solicit, eth(kIpv6, {0x8100000a}) + solicit, 100},
+       {eth(kIpv4, {0x88a80064, 0x8100000a}) + ipv4(kUdp, 1024, 53, 11), {}, {}},
+   };
+   std::vector<Captured> expected;
+   for (const Case& c : cases) {
+      ASSERT_TRUE(peer_->send(c.sent));
+      if (!c.captured.empty())
+         expected.push_back({c.captured, c.vlanId, ifindexA_});
+   }
+   // Frames cross the pair in order: once the last one is in, every earlier one has been
+   // captured or filtered out.
+   const Bytes last = eth(kIpv4) + ipv4(kUdp, 68, 67, 99);
+   ASSERT_TRUE(peer_->send(last));
+   expected.push_back({last, {}, ifindexA_});
+   ASSERT_TRUE(turnUntil([&] { return taker.holds(last); }));
+   EXPECT_EQ(taker.frames, expected);
+   EXPECT_EQ(pam_->readableCount(), expected.size());
+   EXPECT_EQ(pam_->rxFrames(), expected.size());
+}
+
+TEST_F(EthDevPamTest, SendsOnTheDeviceAndCapturesNothingTheHostSends) {
+   Taker taker(pam_);
+   const Bytes reply = eth(kIpv4, {0x8100000a}) + ipv4(kUdp, 67, 68, 1);
+   ASSERT_TRUE(pam_->send(*Pkt::copyOf(reply)));
+   // Another sender of the same host (the relay's UDP or raw socket).
+   PacketTest::PeerSocket local(loop_, nsA_, "a0");
+   ASSERT_TRUE(local.ok());
+   ASSERT_TRUE(local.send(eth(kIpv4) + ipv4(kUdp, 67, 68, 3)));
+   const Bytes last = eth(kIpv4) + ipv4(kUdp, 68, 67, 2);
+   ASSERT_TRUE(peer_->send(last));
+   ASSERT_TRUE(turnUntil([&] { return taker.holds(last); }));
+   EXPECT_EQ(taker.frames.size(), 1u);
+   // The far end sees the frame with its tag taken off by its own kernel.
+   EXPECT_TRUE(turnUntil([&] { return peer_->received(eth(kIpv4) + ipv4(kUdp, 67, 68, 1)); }));
+   EXPECT_EQ(pam_->txFrames(), 1u);
+
+   EXPECT_FALSE(pam_->send(*Pkt::copyOf(Bytes(13, 0xff))));
+   pam_->modeIs(EthDevPam::modeClosed);
+   EXPECT_FALSE(pam_->active());
+   EXPECT_FALSE(pam_->send(*Pkt::copyOf(reply)));
+   EXPECT_EQ(pam_->txFailed(), 2u);
+}
+
+TEST_F(EthDevPamTest, LeavesFramesWithTheKernelWhileTheQueueIsFull) {
+   Taker idle(pam_);
+   idle.take = false;
+   constexpr uint32_t kSent = EthDevPam::kRxQueueCapacity + 6;
+   for (uint32_t i = 0; i < kSent; ++i)
+      ASSERT_TRUE(peer_->send(eth(kIpv4) + ipv4(kUdp, 68, 67, i)));
+   ASSERT_TRUE(turnUntil([&] { return pam_->rxFrames() == EthDevPam::kRxQueueCapacity; }));
+   for (int i = 0; i < 5; ++i)
+      loop_.runOnce(0);
+   EXPECT_EQ(pam_->rxFrames(), EthDevPam::kRxQueueCapacity);
+   // A handler that takes nothing stops the announcements of its wake-up.
+   EXPECT_LT(idle.announcements, static_cast<int>(EthDevPam::kRxQueueCapacity));
+
+   uint32_t next = 0;
+   auto takeAll = [&] {
+      while (auto f = pam_->rxFrame())
+         EXPECT_EQ(bytesOf(*f->frame), eth(kIpv4) + ipv4(kUdp, 68, 67, next++));
+   };
+   takeAll();
+   ASSERT_TRUE(turnUntil([&] { return pam_->rxFrames() == kSent; }));
+   takeAll();
+   EXPECT_EQ(next, kSent);
+   EXPECT_EQ(pam_->rxDropped(), 0u);
+}
+
+TEST_F(EthDevPamTest, OpenFailsClosedAndIsRetried) {
+   // "lo" exists in the agent's own namespace: opening it there instead would be the bug.
+   auto lost = make<LinuxEthDevPam>(loop_, "lo", nsA_ + "-missing");
+   lost->modeIs(EthDevPam::modeOpen);
+   EXPECT_FALSE(lost->active());
+   EXPECT_NE(lost->error().find("/run/netns/" + nsA_ + "-missing"), std::string::npos)
+       << lost->error();
+   EXPECT_FALSE(lost->send(*Pkt::copyOf(eth(kIpv4) + ipv4(kUdp, 67, 68, 1))));
+
+   auto later = make<LinuxEthDevPam>(loop_, "c0", nsA_);
+   later->modeIs(EthDevPam::modeOpen);
+   EXPECT_FALSE(later->active());
+   EXPECT_NE(later->error().find("c0"), std::string::npos) << later->error();
+   ASSERT_EQ(PacketTest::ip("-n " + nsA_ + " link add c0 type veth peer name c1"), 0);
+   later->modeIs(EthDevPam::modeOpen);
+   EXPECT_TRUE(later->active()) << later->error();
+   EXPECT_TRUE(later->error().empty());
+   EXPECT_EQ(later->ifindex(), PacketTest::ifindexOf(nsA_, "c0"));
+   later->modeIs(EthDevPam::modeClosed);
+   EXPECT_FALSE(later->active());
+   EXPECT_EQ(later->ifindex(), 0u);
+}
+
+TEST(EthFrameVlanTakeTest, CutsOnlyATagTheKernelLeftInTheFrame) {
+   const Bytes request = ipv4(kUdp, 68, 67, 1);
+
+   auto inData = Pkt::copyOf(eth(kIpv4, {0x8100e00a}) + request);
+   EXPECT_EQ(ethFrameVlanTake(*inData, std::nullopt), 10);
+   EXPECT_EQ(bytesOf(*inData), eth(kIpv4) + request);
+
+   // With the kernel's tag, a tag still in the data is an inner one and stays.
+   const Bytes stacked = eth(kIpv4, {0x8100000a}) + request;
+   auto kernel = Pkt::copyOf(stacked);
+   EXPECT_EQ(ethFrameVlanTake(*kernel, 0x2064), 100);
+   EXPECT_EQ(bytesOf(*kernel), stacked);
+
+   // Untagged, and a tag with no ethertype after it.
+   for (const Bytes& untouched : {eth(kIpv4) + request, eth(0x8100) + Bytes{0, 10}}) {
+      auto pkt = Pkt::copyOf(untouched);
+      EXPECT_EQ(ethFrameVlanTake(*pkt, std::nullopt), std::nullopt);
+      EXPECT_EQ(bytesOf(*pkt), untouched);
+   }
+}
+
+class EthDevTestPamTest : public testing::Test {
+ protected:
+   void SetUp() override { pam_->modeIs(EthDevPam::modeOpen); }
+
+   Ptr<EthDevTestPam> pam_ = make<EthDevTestPam>("eth1", "vrf1", 7);
+};
+
+TEST_F(EthDevTestPamTest, InjectedFramesAreAnnouncedOneByOneAndSendsRecorded) {
+   Taker taker(pam_);
+   const Bytes tagged = eth(kIpv4) + ipv4(kUdp, 68, 67, 1);
+   const Bytes plain = eth(kIpv6) + ipv6(kUdp, 546, 547, 2);
+   EXPECT_TRUE(pam_->rxFrameInject(tagged, 10));
+   EXPECT_TRUE(pam_->rxFrameInject(plain));
+   EXPECT_EQ(taker.frames, (std::vector<Captured>{{tagged, 10, 7}, {plain, {}, 7}}));
+   EXPECT_EQ(pam_->readableCount(), 2u);
+
+   EXPECT_TRUE(pam_->send(*Pkt::copyOf(tagged)));
+   EXPECT_TRUE(pam_->send(*Pkt::copyOf(plain)));
+   EXPECT_EQ(pam_->sent(), (std::vector<Bytes>{tagged, plain}));
+
+   // Beyond the queue's capacity frames are dropped and counted.
+   taker.take = false;
+   for (size_t i = 0; i < EthDevPam::kRxQueueCapacity; ++i)
+      ASSERT_TRUE(pam_->rxFrameInject(plain));
+   EXPECT_FALSE(pam_->rxFrameInject(plain));
+   EXPECT_EQ(pam_->rxDropped(), 1u);
+   EXPECT_EQ(pam_->readableCount(), 2 + EthDevPam::kRxQueueCapacity);
+   EXPECT_TRUE(pam_->rxFrame());
+   EXPECT_TRUE(pam_->rxFrameInject(plain));
+
+   // A closed device captures nothing and forgets what it held.
+   pam_->modeIs(EthDevPam::modeClosed);
+   EXPECT_FALSE(pam_->rxFrame());
+   EXPECT_FALSE(pam_->rxFrameInject(plain));
+   EXPECT_FALSE(pam_->send(*Pkt::copyOf(plain)));
+   EXPECT_EQ(pam_->sent().size(), 2u);
+
+   pam_->openErrorIs("no such device");
+   pam_->modeIs(EthDevPam::modeOpen);
+   EXPECT_FALSE(pam_->active());
+   EXPECT_EQ(pam_->error(), "no such device");
+}
+
+TEST_F(EthDevTestPamTest, AHandlerMayCloseOrReleaseTheDevice) {
+   const Bytes frame = eth(kIpv4) + ipv4(kUdp, 68, 67, 1);
+   {
+      Taker closer(pam_);
+      closer.after = [&] { pam_->modeIs(EthDevPam::modeClosed); };
+      EXPECT_TRUE(pam_->rxFrameInject(frame));
+      EXPECT_FALSE(pam_->active());
+      EXPECT_EQ(closer.frames.size(), 1u);
+   }
+   pam_->modeIs(EthDevPam::modeOpen);
+   Taker releaser(pam_);
+   releaser.after = [&] {
+      // Drops the last references: the reactor's and the test's.
+      releaser.release();
+      pam_ = nullptr;
+   };
+   EXPECT_TRUE(pam_->rxFrameInject(frame));
+   EXPECT_EQ(pam_, nullptr);
+}
+
+}  // namespace
+}  // namespace Platform

@@ -1,0 +1,593 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/packet/PktPool.h"
+#include "platform/pam/LinuxUdpPam.h"
+#include "platform/pam/UdpTestPam.h"
+#include "platform/trace/Trace.h"
+#include "tests/support/PacketTestNet.h"
+#include "tests/support/TestFrames.h"
+
+namespace Platform {
+namespace {
+
+using PacketTest::Bytes;
+
+IpGenAddr v4(const char* text) {
+   return *IpAddr::parse(text);
+}
+
+Ip6Addr v6(const char* text) {
+   return *Ip6Addr::parse(text);
+}
+
+// Datagram `seq` of a test: its number in the first two bytes.
+Bytes numbered(size_t seq, size_t size = 40) {
+   Bytes b(size, 0xab);
+   b[0] = static_cast<uint8_t>(seq >> 8);
+   b[1] = static_cast<uint8_t>(seq);
+   return b;
+}
+
+size_t seqOf(const UdpDatagram& d) {
+   return size_t{*d.pkt->at(0)} << 8 | *d.pkt->at(1);
+}
+
+Bytes bytesOf(const Pkt& pkt) {
+   return {pkt.span().begin(), pkt.span().end()};
+}
+
+// Watches a socket the way the relay does: one datagram per notification, unless told to
+// leave them queued.
+class Consumer : public UdpPam::Reactor {
+ public:
+   explicit Consumer(const Ptr<UdpPam>& pam) : pam_(pam.get()) { notifierIs(pam); }
+
+   void handleReadableCount() override {
+      ++notifications;
+      if (onNotify)
+         onNotify();
+      if (taking && pam_)
+         if (auto d = pam_->rxPkt())
+            got.push_back(std::move(*d));
+   }
+   void handleActive() override { activeSeen.push_back(notifier()->active()); }
+
+   UdpPam* pam_;
+   bool taking = true;
+   std::function<void()> onNotify;
+   size_t notifications = 0;
+   std::vector<UdpDatagram> got;
+   std::vector<bool> activeSeen;
+};
+
+TEST(PktPoolTest, HandsOutAPacketAgainOnlyOnceThePoolHoldsItAlone) {
+   PktPool pool(16, 32, 2);
+   Ptr<Pkt> a = pool.take(100);
+   ASSERT_TRUE(a->growHead(8) && a->growTail(20));
+   a->span()[0] = 0x55;
+   Ptr<Pkt> b = pool.take(100);
+   EXPECT_NE(a.get(), b.get());
+
+   // Released, the same block comes back laid out and zeroed as if new.
+   Pkt* const first = a.get();
+   a.reset();
+   Ptr<Pkt> again = pool.take(60);
+   EXPECT_EQ(again.get(), first);
+   EXPECT_EQ(again->headroom(), 16u);
+   EXPECT_EQ(again->tailroom(), 32u + 40u);
+   EXPECT_EQ(bytesOf(*again), Bytes(60, 0));
+   EXPECT_EQ(pool.created(), 2u);
+   // A layout the buffer cannot hold is refused without change.
+   EXPECT_FALSE(again->reset(120, 32));
+   EXPECT_EQ(again->bytes(), 60u);
+
+   // A free packet too small for the size asked is replaced; beyond the limit packets are
+   // still handed out, just not kept.
+   again.reset();
+   Ptr<Pkt> big = pool.take(400);
+   EXPECT_EQ(big->tailroom(), 32u);
+   EXPECT_EQ(pool.created(), 3u);
+   EXPECT_TRUE(pool.take(10));
+   EXPECT_EQ(pool.size(), 2u);
+   EXPECT_EQ(pool.created(), 4u);
+}
+
+// ---- The double, and through it what both objects share.
+
+class UdpTestPamTest : public testing::Test {
+ protected:
+   static UdpDatagram datagram(size_t seq, size_t size = 40) {
+      return {Pkt::copyOf(numbered(seq, size)), v4("10.0.0.9"), 68, IpAddr::broadcast(), 7};
+   }
+
+   Ptr<UdpTestPam> pam_ = make<UdpTestPam>("UdpSocket-red");
+   Consumer consumer_{pam_};
+};
+
+TEST_F(UdpTestPamTest, InjectedDatagramsGoThroughTheQueueLikeReceivedOnes) {
+   EXPECT_FALSE(pam_->inject(datagram(0))) << "a closed socket receives nothing";
+   pam_->modeIs(UdpPam::modeOpen);
+   consumer_.taking = false;
+   for (size_t i = 0; i < UdpPam::kRxQueueCapacity; ++i)
+      ASSERT_TRUE(pam_->inject(datagram(i)));
+   EXPECT_FALSE(pam_->inject(datagram(999)));
+   EXPECT_EQ(pam_->rxDropped(), 1u);
+   EXPECT_EQ(pam_->readableCount(), UdpPam::kRxQueueCapacity);
+   EXPECT_EQ(seqOf(*pam_->rxPkt()), 0u);
+   pam_->maxRxPayloadIs(39);
+   EXPECT_FALSE(pam_->inject(datagram(1, 40)));
+   EXPECT_EQ(pam_->rxTruncated(), 1u);
+
+   // A handler may drop the last reference to the socket while it is being announced.
+   UdpTestPam* const raw = pam_.get();
+   consumer_.onNotify = [&] {
+      consumer_.notifierIs(nullptr);
+      consumer_.pam_ = nullptr;
+      pam_.reset();
+   };
+   raw->maxRxPayloadIs(1500);
+   raw->inject(datagram(1));
+   EXPECT_EQ(consumer_.notifications, UdpPam::kRxQueueCapacity + 1);
+}
+
+TEST_F(UdpTestPamTest, RecordsEverySendWithTheSettingsItWentWith) {
+   const Ptr<Pkt> first = Pkt::copyOf(Bytes{1, 0, 6, 0, 0xde, 0xad});
+   const Ptr<Pkt> second = Pkt::copyOf(numbered(3, 300));
+   EXPECT_FALSE(pam_->send(*first)) << "nothing leaves a closed socket";
+   pam_->modeIs(UdpPam::modeOpen);
+   pam_->txDstAddrIs(v4("192.0.2.10"));
+   pam_->txPortIs(67);
+   pam_->txSrcAddrIs(v4("10.1.1.1"));
+   pam_->txTosIs(184);
+   ASSERT_TRUE(pam_->send(*first));
+   pam_->txSrcAddrIs(IpGenAddr());
+   pam_->txDstAddrIs(IpAddr::broadcast());
+   pam_->txIfindexIs(12);
+   pam_->txTosIs(0);
+   ASSERT_TRUE(pam_->send(*second));
+
+   auto settings = [](const UdpTestPam::Sent& s) {
+      return s.src.toString() + " > " + s.dst.toString() + ":" + std::to_string(s.port) + " tos " +
+             std::to_string(s.tos) + " if " + std::to_string(s.ifindex);
+   };
+   ASSERT_EQ(pam_->sent().size(), 2u);
+   EXPECT_EQ(pam_->sent()[0].bytes, bytesOf(*first));
+   EXPECT_EQ(settings(pam_->sent()[0]), "10.1.1.1 > 192.0.2.10:67 tos 184 if 0");
+   EXPECT_EQ(pam_->sent()[1].bytes, bytesOf(*second));
+   EXPECT_EQ(settings(pam_->sent()[1]), " > 255.255.255.255:67 tos 0 if 12");
+
+   // Refused before the kernel as the real socket refuses them: a destination or source
+   // of the other family; and a kernel failure.
+   pam_->clearSent();
+   pam_->txDstAddrIs(v6("2001:db8::1"));
+   EXPECT_FALSE(pam_->send(*first));
+   pam_->txDstAddrIs(v4("192.0.2.10"));
+   pam_->txSrcAddrIs(v6("2001:db8::2"));
+   EXPECT_FALSE(pam_->send(*first));
+   pam_->txSrcAddrIs(IpGenAddr());
+   pam_->sendFailsIs(true);
+   EXPECT_FALSE(pam_->send(*first));
+   EXPECT_TRUE(pam_->sent().empty());
+   EXPECT_EQ(pam_->txFailed(), 4u);
+   EXPECT_EQ(pam_->txDatagrams(), 2u);
+}
+
+TEST_F(UdpTestPamTest, MulticastMembershipsBelongToTheOpenIpv6Socket) {
+   std::string error;
+   const Ip6Addr group = v6("ff02::1:2");
+   pam_->modeIs(UdpPam::modeOpen);
+   EXPECT_FALSE(pam_->mcastGroupIs(3, group, true, error)) << "an IPv4 socket joins nothing";
+   pam_->ipv6Is(true);
+   EXPECT_FALSE(pam_->mcastGroupIs(3, v6("fe80::1"), true, error));
+   ASSERT_TRUE(pam_->mcastGroupIs(3, group, true, error)) << error;
+   ASSERT_TRUE(pam_->mcastGroupIs(4, group, true, error)) << error;
+   EXPECT_FALSE(pam_->mcastGroupIs(4, group, true, error));
+   ASSERT_TRUE(pam_->mcastGroupIs(3, group, false, error)) << error;
+   EXPECT_FALSE(pam_->mcastGroupIs(3, group, false, error));
+   EXPECT_EQ(pam_->mcastGroups(), (std::set<std::pair<uint32_t, Ip6Addr>>{{4, group}}));
+   EXPECT_EQ(pam_->mcastChanges().size(), 3u);
+
+   pam_->rxPortIs(547);  // reopens: the new socket has no memberships
+   EXPECT_TRUE(pam_->mcastGroups().empty());
+}
+
+TEST_F(UdpTestPamTest, SettingsThatPlaceTheSocketReopenIt) {
+   pam_->netNsIs("red");
+   pam_->modeIs(UdpPam::modeOpen);
+   consumer_.taking = false;
+   ASSERT_TRUE(pam_->inject(datagram(1)));
+   pam_->rxPortIs(1067);
+   EXPECT_EQ(consumer_.activeSeen, (std::vector<bool>{true, false, true}));
+   EXPECT_FALSE(pam_->rxPkt()) << "what the old socket had queued went with it";
+
+   // Live settings, and the own namespace under its other name, leave the socket alone.
+   pam_->netNsIs("");
+   consumer_.activeSeen.clear();
+   pam_->txTosIs(32);
+   pam_->maxRxPayloadIs(9000);
+   pam_->netNsIs("default");
+   EXPECT_TRUE(consumer_.activeSeen.empty());
+
+   // A bind address of the other family cannot open; fixing the family opens it.
+   pam_->rxAddrIs(v6("2001:db8::1"));
+   EXPECT_FALSE(pam_->active());
+   EXPECT_EQ(pam_->error(), "receive address 2001:db8::1 is not IPv4");
+   pam_->ipv6Is(true);
+   EXPECT_TRUE(pam_->active());
+   EXPECT_TRUE(pam_->error().empty());
+}
+
+// ---- The kernel socket, between the namespaces of PacketTest::VethTest.
+
+// What a plain socket of the test received, with the packet information it asked for.
+struct PeerRx {
+   Bytes bytes;
+   IpGenAddr src, dst;
+   uint16_t srcPort = 0;
+   uint32_t ifindex = 0;
+   int tos = -1;
+};
+
+class LinuxUdpPamTest : public PacketTest::VethTest {
+ protected:
+   void TearDown() override {
+      consumers_.clear();
+      pams_.clear();
+      for (int fd : fds_)
+         ::close(fd);
+      VethTest::TearDown();
+   }
+
+   void sh(const std::string& ipArgs) { ASSERT_EQ(PacketTest::ip(ipArgs), 0) << ipArgs; }
+
+   Ptr<LinuxUdpPam> pam(bool ipv6, uint16_t port, const std::string& ns = {}) {
+      auto p = make<LinuxUdpPam>("UdpSocket", loop_);
+      p->netNsIs(ns.empty() ? nsA_ : ns);
+      p->ipv6Is(ipv6);
+      p->rxPortIs(port);
+      p->modeIs(UdpPam::modeOpen);
+      EXPECT_TRUE(p->active()) << p->error();
+      pams_.push_back(p);
+      consumers_.push_back(std::make_unique<Consumer>(p));
+      return p;
+   }
+   Consumer& consumer(size_t i) { return *consumers_.at(i); }
+
+   // Loopback traffic from a second socket in namespace A, to port 6767.
+   Ptr<LinuxUdpPam> loopbackSender() {
+      sh("-n " + nsA_ + " link set lo up");
+      auto tx = pam(false, 6768);
+      tx->txDstAddrIs(v4("127.0.0.1"));
+      tx->txPortIs(6767);
+      return tx;
+   }
+
+   // A plain IPv4 socket on the wildcard address and `port` in namespace B, reporting
+   // destination, device and TOS of what it receives: the kernel's word, not the agent's.
+   int peer(uint16_t port) {
+      NetNsGuard guard(nsB_);
+      const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      fds_.push_back(fd);
+      const int on = 1;
+      ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
+      ::setsockopt(fd, IPPROTO_IP, IP_RECVTOS, &on, sizeof on);
+      sockaddr_in a{};
+      a.sin_family = AF_INET;
+      a.sin_port = htons(port);
+      EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0) << std::strerror(errno);
+      return fd;
+   }
+
+   // Waits on the kernel for up to two seconds.
+   static std::optional<PeerRx> peerRecv(int fd) {
+      pollfd p{fd, POLLIN, 0};
+      if (::poll(&p, 1, 2000) != 1)
+         return std::nullopt;
+      PeerRx rx;
+      rx.bytes.resize(65536);
+      sockaddr_in from{};
+      iovec iov{rx.bytes.data(), rx.bytes.size()};
+      alignas(cmsghdr) unsigned char control[256];
+      msghdr msg{&from, sizeof from, &iov, 1, control, sizeof control, 0};
+      const ssize_t n = ::recvmsg(fd, &msg, MSG_DONTWAIT);
+      if (n < 0)
+         return std::nullopt;
+      rx.bytes.resize(static_cast<size_t>(n));
+      rx.src = IpAddr::fromNetwork(from.sin_addr.s_addr);
+      rx.srcPort = ntohs(from.sin_port);
+      for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+         if (c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            rx.dst = IpAddr::fromNetwork(info.ipi_addr.s_addr);
+            rx.ifindex = static_cast<uint32_t>(info.ipi_ifindex);
+         } else if (c->cmsg_type == IP_TOS) {
+            rx.tos = *CMSG_DATA(c);
+         }
+      }
+      return rx;
+   }
+
+   void turns(int n) {
+      for (int i = 0; i < n; ++i)
+         loop_.runOnce(0);
+   }
+
+   std::vector<int> fds_;
+   std::vector<std::unique_ptr<Consumer>> consumers_;
+   std::vector<Ptr<LinuxUdpPam>> pams_;
+};
+
+TEST_F(LinuxUdpPamTest, ReceivesAClientBroadcastFromAddressZero) {
+   sh("-n " + nsA_ + " addr add 10.77.0.1/24 dev a0");
+   pam(false, 67);
+   Bytes discover = numbered(0, 300);
+   discover[0] = 1;
+   PacketTest::PeerSocket client(loop_, nsB_, "b0");
+   ASSERT_TRUE(client.ok());
+   // As it leaves the client: without an address of its own, so the frame is built by hand (a
+   // socket would put an address of the namespace there).
+   using namespace TestFrames;
+   ASSERT_TRUE(client.send(eth(kIpv4) + ipv4(kUdp, 68, 67, discover)));
+
+   ASSERT_TRUE(turnUntil([&] { return !consumer(0).got.empty(); }));
+   const UdpDatagram& d = consumer(0).got[0];
+   EXPECT_EQ(bytesOf(*d.pkt), discover);
+   EXPECT_EQ(d.src.toString() + ":" + std::to_string(d.srcPort), "0.0.0.0:68");
+   EXPECT_EQ(d.dst.toString(), "255.255.255.255");
+   EXPECT_EQ(d.ifindex, ifindexA_);
+   // Room for the relay to add headers and options in place.
+   EXPECT_GE(d.pkt->headroom(), 64u);
+   EXPECT_GE(d.pkt->tailroom(), 512u);
+}
+
+TEST_F(LinuxUdpPamTest, SendsFromTheChosenAddressWithTheChosenTosAndDevice) {
+   sh("-n " + nsA_ + " link add a1 type veth peer name b1 netns " + nsB_);
+   for (const auto& [ns, dev, addr] : {std::tuple{nsA_, "a0", "10.77.0.1/24"},
+                                       {nsA_, "a0", "10.77.0.2/24"},
+                                       {nsB_, "b0", "10.77.0.9/24"},
+                                       {nsA_, "a1", "10.78.0.1/24"},
+                                       {nsB_, "b1", "10.78.0.9/24"}}) {
+      sh("-n " + ns + " addr add " + addr + " dev " + dev);
+      sh("-n " + ns + " link set " + dev + " up");
+   }
+   const int rx = peer(6700);
+   auto sock = pam(false, 6767);
+   const Ptr<Pkt> payload = Pkt::copyOf(numbered(1, 120));
+
+   sock->txDstAddrIs(v4("10.77.0.9"));
+   sock->txPortIs(6700);
+   sock->txSrcAddrIs(v4("10.77.0.2"));
+   sock->txTosIs(46 << 2);
+   ASSERT_TRUE(sock->send(*payload));
+   auto got = peerRecv(rx);
+   ASSERT_TRUE(got);
+   EXPECT_EQ(got->bytes, bytesOf(*payload));
+   EXPECT_EQ(got->src.toString() + ":" + std::to_string(got->srcPort), "10.77.0.2:6767");
+   EXPECT_EQ(got->tos, 184);
+
+   // Both apply to the open socket: the kernel's choice of source, TOS back to zero.
+   sock->txSrcAddrIs(IpGenAddr());
+   sock->txTosIs(0);
+   ASSERT_TRUE(sock->send(*payload));
+   got = peerRecv(rx);
+   ASSERT_TRUE(got);
+   EXPECT_EQ(got->src.toString(), "10.77.0.1");
+   EXPECT_EQ(got->tos, 0);
+
+   // A limited broadcast leaves by the device asked for, from that device's address.
+   sock->txDstAddrIs(IpAddr::broadcast());
+   sock->txIfindexIs(PacketTest::ifindexOf(nsA_, "a1"));
+   ASSERT_TRUE(sock->send(*payload));
+   got = peerRecv(rx);
+   ASSERT_TRUE(got);
+   EXPECT_EQ(got->dst.toString(), "255.255.255.255");
+   EXPECT_EQ(got->ifindex, PacketTest::ifindexOf(nsB_, "b1"));
+   EXPECT_EQ(got->src.toString(), "10.78.0.1");
+
+   // The kernel refuses a source the namespace does not own.
+   sock->txIfindexIs(0);
+   sock->txDstAddrIs(v4("10.77.0.9"));
+   sock->txSrcAddrIs(v4("10.77.0.50"));
+   EXPECT_FALSE(sock->send(*payload));
+   EXPECT_EQ(sock->txFailed(), 1u);
+}
+
+TEST_F(LinuxUdpPamTest, Ipv6LinkLocalAndMulticast) {
+   sh("-n " + nsA_ + " addr add fe80::1/64 dev a0 nodad");
+   // The kernel's own pick for fe80::2 (longest match), so fe80::1 must be asked for.
+   sh("-n " + nsA_ + " addr add fe80::3/64 dev a0 nodad");
+   sh("-n " + nsB_ + " addr add fe80::2/64 dev b0 nodad");
+   auto relay = pam(true, 547);
+   auto client = pam(true, 546, nsB_);
+   client->txPortIs(547);
+   client->txIfindexIs(PacketTest::ifindexOf(nsB_, "b0"));
+   const Consumer& c = consumer(0);
+   auto sendTo = [&](const char* dst, size_t seq) {
+      client->txDstAddrIs(v6(dst));
+      ASSERT_TRUE(client->send(*Pkt::copyOf(numbered(seq))));
+   };
+
+   sendTo("fe80::1", 1);
+   ASSERT_TRUE(turnUntil([&] { return c.got.size() == 1; }));
+   EXPECT_EQ(c.got[0].src.toString() + " " + std::to_string(c.got[0].srcPort), "fe80::2 546");
+   EXPECT_EQ(c.got[0].dst.toString(), "fe80::1");
+   EXPECT_EQ(c.got[0].ifindex, ifindexA_);
+
+   // To the group: delivered only between join and leave. A unicast datagram follows each
+   // on the same link, so its arrival shows the group one had its chance.
+   const Ip6Addr group = v6("ff02::1:2");
+   auto groupThenUnicast = [&](size_t seq, size_t expect) {
+      sendTo("ff02::1:2", seq);
+      sendTo("fe80::1", seq + 1);
+      ASSERT_TRUE(turnUntil([&] { return seqOf(c.got.back()) == seq + 1; }));
+      EXPECT_EQ(c.got.size(), expect);
+   };
+   groupThenUnicast(10, 2);
+   std::string error;
+   ASSERT_TRUE(relay->mcastGroupIs(ifindexA_, group, true, error)) << error;
+   groupThenUnicast(20, 4);
+   EXPECT_EQ(c.got[2].dst.toString(), "ff02::1:2");
+   EXPECT_EQ(c.got[2].ifindex, ifindexA_);
+   ASSERT_TRUE(relay->mcastGroupIs(ifindexA_, group, false, error)) << error;
+   EXPECT_FALSE(relay->mcastGroupIs(ifindexA_, group, false, error));
+   groupThenUnicast(30, 5);
+
+   // The reply goes to a link-local address out of the device named, from the source named.
+   relay->txDstAddrIs(v6("fe80::2"));
+   relay->txPortIs(546);
+   relay->txIfindexIs(ifindexA_);
+   relay->txSrcAddrIs(v6("fe80::1"));
+   ASSERT_TRUE(relay->send(*Pkt::copyOf(numbered(40))));
+   ASSERT_TRUE(turnUntil([&] { return !consumer(1).got.empty(); }));
+   EXPECT_EQ(consumer(1).got[0].src.toString(), "fe80::1");
+   EXPECT_EQ(seqOf(consumer(1).got[0]), 40u);
+}
+
+TEST_F(LinuxUdpPamTest, DropsADatagramLongerThanTheMaximum) {
+   auto tx = loopbackSender();
+   auto sock = pam(false, 6767);
+   const Consumer& c = consumer(1);
+   TraceCapture trace;
+
+   sock->maxRxPayloadIs(200);
+   tx->send(*Pkt::copyOf(numbered(1, 201)));
+   tx->send(*Pkt::copyOf(numbered(2, 200)));
+   ASSERT_TRUE(turnUntil([&] { return !c.got.empty(); }));
+   turns(3);
+   ASSERT_EQ(c.got.size(), 1u);
+   EXPECT_EQ(bytesOf(*c.got[0].pkt), numbered(2, 200));
+   EXPECT_EQ(sock->rxTruncated(), 1u);
+   EXPECT_EQ(sock->readableCount(), 1u) << "a dropped datagram is never announced";
+   EXPECT_TRUE(trace.contains("longer than 200 bytes"));
+
+   // The limit applies to the open socket from the next datagram on.
+   sock->maxRxPayloadIs(2000);
+   tx->send(*Pkt::copyOf(numbered(3, 1800)));
+   ASSERT_TRUE(turnUntil([&] { return c.got.size() == 2; }));
+   EXPECT_EQ(bytesOf(*c.got[1].pkt), numbered(3, 1800));
+}
+
+TEST_F(LinuxUdpPamTest, ABurstIsAnnouncedOneDatagramAtATime) {
+   auto tx = loopbackSender();
+   auto sock = pam(false, 6767);
+   Consumer& c = consumer(1);
+   auto burst = [&](size_t first, size_t n) {
+      for (size_t i = first; i < first + n; ++i)
+         ASSERT_TRUE(tx->send(*Pkt::copyOf(numbered(i))));
+   };
+   burst(0, 50);
+   ASSERT_TRUE(turnUntil([&] { return c.got.size() == 50; }));
+   turns(3);
+   EXPECT_EQ(c.notifications, 50u);
+   EXPECT_EQ(sock->readableCount(), 50u);
+   for (size_t i = 0; i < 50; ++i)
+      EXPECT_EQ(seqOf(c.got[i]), i);
+   EXPECT_EQ(c.got[7].src.toString() + ":" + std::to_string(c.got[7].srcPort), "127.0.0.1:6768");
+
+   // Once the consumer lets go of its packets, the next burst reuses them.
+   c.got.clear();
+   const uint64_t created = sock->pktPool().created();
+   burst(50, 50);
+   ASSERT_TRUE(turnUntil([&] { return c.got.size() == 50; }));
+   EXPECT_EQ(sock->pktPool().created(), created);
+
+   // A handler closing the socket ends the announcements of the batch at once.
+   c.onNotify = [&] {
+      if (c.notifications == 110)
+         sock->modeIs(UdpPam::modeClosed);
+   };
+   burst(100, 20);
+   ASSERT_TRUE(turnUntil([&] { return c.notifications >= 110; }));
+   turns(3);
+   EXPECT_EQ(c.notifications, 110u);
+   EXPECT_FALSE(sock->rxPkt());
+}
+
+TEST_F(LinuxUdpPamTest, AConsumerThatTakesNothingDoesNotSpinTheLoop) {
+   auto tx = loopbackSender();
+   auto sock = pam(false, 6767);
+   Consumer& c = consumer(1);
+   c.taking = false;
+   // More than the queue holds: reading stops while it is full.
+   const size_t total = UdpPam::kRxQueueCapacity + 36;
+   for (size_t i = 0; i < total; ++i)
+      ASSERT_TRUE(tx->send(*Pkt::copyOf(numbered(i))));
+   ASSERT_TRUE(turnUntil([&] { return c.notifications > 0; }));
+   turns(100);
+   EXPECT_LE(c.notifications, 4u);
+   const double before = clock_.now();
+   loop_.runOnce(50);
+   EXPECT_GE(clock_.now() - before, 0.045) << "an idle turn waits out its timeout";
+
+   // Nothing is lost or reordered; taking makes room and reading resumes.
+   std::vector<size_t> seqs;
+   while (auto d = sock->rxPkt())
+      seqs.push_back(seqOf(*d));
+   EXPECT_EQ(seqs.size(), UdpPam::kRxQueueCapacity);
+   c.taking = true;
+   ASSERT_TRUE(turnUntil([&] { return seqs.size() + c.got.size() == total; }));
+   for (const auto& d : c.got)
+      seqs.push_back(seqOf(d));
+   for (size_t i = 0; i < total; ++i)
+      EXPECT_EQ(seqs[i], i);
+}
+
+TEST_F(LinuxUdpPamTest, AMissingNamespaceOpensNothing) {
+   sh("-n " + nsA_ + " link set lo up");
+   sockaddr_in any{};
+   any.sin_family = AF_INET;
+   auto bindsIn = [&](const std::string& ns) {  // without SO_REUSEADDR: fails if taken
+      NetNsGuard guard(ns);
+      const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      socklen_t len = sizeof any;
+      const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&any), len) == 0;
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&any), &len);
+      ::close(fd);
+      return ok;
+   };
+   ASSERT_TRUE(bindsIn(""));  // a port free in the agent's own namespace
+   const uint16_t port = ntohs(any.sin_port);
+
+   const size_t fdsBefore = TestNet::openFdCount();
+   auto sock = make<LinuxUdpPam>("UdpSocket-missing", loop_);
+   const std::string missing = nsA_ + "-missing";
+   sock->netNsIs(missing);
+   sock->rxPortIs(port);
+   sock->modeIs(UdpPam::modeOpen);
+   EXPECT_FALSE(sock->active());
+   EXPECT_NE(sock->error().find("/run/netns/" + missing), std::string::npos) << sock->error();
+   EXPECT_EQ(TestNet::openFdCount(), fdsBefore);
+   EXPECT_TRUE(bindsIn(""));
+
+   // In a namespace that exists, the socket opens there and only there.
+   sock->netNsIs(nsA_);
+   ASSERT_TRUE(sock->active()) << sock->error();
+   EXPECT_FALSE(bindsIn(nsA_));
+   EXPECT_TRUE(bindsIn(""));
+   sock->modeIs(UdpPam::modeClosed);
+   EXPECT_TRUE(bindsIn(nsA_));
+
+   // A failed bind leaves nothing open either.
+   sock->rxAddrIs(v4("192.0.2.77"));
+   sock->modeIs(UdpPam::modeOpen);
+   EXPECT_EQ(sock->error(),
+             "bind 192.0.2.77 port " + std::to_string(port) + ": " + std::strerror(EADDRNOTAVAIL));
+   EXPECT_EQ(TestNet::openFdCount(), fdsBefore);
+}
+
+}  // namespace
+}  // namespace Platform
