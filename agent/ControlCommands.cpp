@@ -36,6 +36,21 @@ json kernelIntfJson(const KernelNetInfo::KernelIntf& k, const Platform::IntfId& 
            {"intfId", id.empty() ? json(nullptr) : json(id)}};
 }
 
+json drops(const Status& status) {
+   json out = json::object();
+   status.forEachDrop([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; });
+   return out;
+}
+
+json warnings(const IntfStatus& s) {
+   json out = json::array();
+   if (s.smartRelayNoSecondary())
+      out.push_back(
+          "smart relay is on but the interface has no secondary address: relaying "
+          "from the primary address");
+   return out;
+}
+
 }  // namespace
 
 ControlCommands::ControlCommands(Frontend::ControlServer& server,
@@ -126,11 +141,15 @@ json ControlCommands::doShowStatus() const {
       }
       intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
                                 {"counters", counters(*s)},
+                                {"warnings", warnings(*s)},
                                 {"prefixBindings", bindings}};
    }
    return {{"counters", counters(*status)},
+           {"drops", drops(*status)},
            {"interfaces", intfs},
            {"numSmartRelayedHosts", status->numSmartRelayedHosts()},
+           {"numClientBindings", status->numClientBindings()},
+           {"clientBindingsRefused", status->clientBindingsRefused()},
            {"counterUpdateTime", status->counterUpdateTime()},
            {"lastResetAllTime", status->lastResetAllTime()},
            {"runControl", status->runControl()}};
@@ -155,6 +174,7 @@ json ControlCommands::doShowCounters(const json& request) const {
    if (!one) {
       out["lastResetAllTime"] = status->lastResetAllTime();
       out["counters"] = counters(*status);
+      out["drops"] = drops(*status);
    }
    return out;
 }

@@ -16,7 +16,7 @@
 #include "model/switch/KernelNetInfo.h"
 #include "platform/loop/TimerWheel.h"
 #include "platform/store/AgentHost.h"
-#include "relay4/DhcpPamFactory.h"
+#include "relay/DhcpPamFactory.h"
 #include "servers/DhcpRelayServerIpSm.h"
 
 namespace Ip::Helper::DhcpRelay {

@@ -152,7 +152,78 @@ bool removeInfoOpt(Platform::Pkt& pkt, size_t dhcpOffset) {
    return true;
 }
 
+// Replaces the one option 82 of the options field by what `rewrite` makes of its value
+// (nothing left: the option goes); without an option 82 `rewrite` gets an empty value and
+// a new option goes right before the end option.
+template <class Rewrite>
+bool replaceInfoOpt(Platform::Pkt& pkt, size_t dhcpOffset, Rewrite&& rewrite) {
+   DhcpOptionAreas areas;
+   if (Codec::locateOptionAreas(pkt, dhcpOffset, areas) != OptionsStatus::Ok)
+      return false;
+   const Codec::OptionLookup present = Codec::findOption(pkt, areas, DhcpOption::relayAgentInfo);
+   if (present.status != OptionsStatus::Ok || present.instances > 1)
+      return false;
+   const Codec::OptionArea& field = areas.optionsField();
+   size_t at = 0, oldSize = 0;
+   std::span<const uint8_t> value;
+   if (present.instances == 1) {
+      at = present.first.offset;
+      if (at < field.offset || at >= field.offset + field.length)
+         return false;
+      oldSize = 2 + present.first.length;
+      value = present.first.value;
+   } else {
+      if (!areas.endOffset)
+         return false;
+      at = *areas.endOffset;
+   }
+   Codec::RelayAgentInfoBuffer option;
+   const std::optional<size_t> size = rewrite(value, option);
+   if (!size)
+      return false;
+   const size_t after = at + oldSize;
+   const size_t tail = pkt.bytes() - after;
+   if (*size > oldSize) {
+      if (!pkt.growTail(*size - oldSize))
+         return false;
+   }
+   const bool moved = pkt.moveRange(after, at + *size, tail);
+   PLATFORM_ASSERT(moved, "option 82 gap outside the packet");
+   if (*size < oldSize) {
+      const bool shrunk = pkt.shrinkTail(oldSize - *size);
+      PLATFORM_ASSERT(shrunk, "option 82 cut outside the packet");
+   }
+   const bool written = pkt.write(at, std::span<const uint8_t>(option.data(), *size));
+   PLATFORM_ASSERT(written, "option 82 write outside the packet");
+   return true;
+}
+
 }  // namespace
+
+bool mergeInfoOpt(Platform::Pkt& pkt, std::string_view vrfName, Platform::IpAddr serverIdOverride,
+                  Platform::IpAddr linkSelection, size_t dhcpOffset) {
+   const Codec::RelayAgentInfoValues own{{}, {}, vrfName, serverIdOverride, linkSelection};
+   return replaceInfoOpt(pkt, dhcpOffset, [&](std::span<const uint8_t> value, auto& out) {
+      return Codec::rewriteRelayAgentInfo(value, own, out);
+   });
+}
+
+bool stripOwnInfoSubOptions(Platform::Pkt& pkt, size_t dhcpOffset) {
+   if (!infoOptPresent(pkt, dhcpOffset))
+      return Codec::findOption(pkt, dhcpOffset, DhcpOption::relayAgentInfo).status !=
+             OptionsStatus::Malformed;
+   return replaceInfoOpt(pkt, dhcpOffset, [](std::span<const uint8_t> value, auto& out) {
+      return Codec::rewriteRelayAgentInfo(value, {}, out);
+   });
+}
+
+std::optional<uint32_t> getLeaseTime(const Platform::Pkt& pkt, size_t dhcpOffset) {
+   const auto tlv = Codec::singleOption(pkt, dhcpOffset, DhcpOption::leaseTime, 4);
+   if (!tlv)
+      return std::nullopt;
+   Platform::ByteReader reader(tlv->value);
+   return *reader.read32();
+}
 
 std::string_view getDhcpMsgType(const Platform::Pkt& pkt, size_t dhcpOffset) {
    const Codec::OptionLookup found = Codec::findOption(pkt, dhcpOffset, DhcpOption::msgType);

@@ -96,6 +96,24 @@ bool preparePacket(Platform::Pkt& pkt, uint8_t op, bool flag, std::string_view c
                    Platform::IpAddr serverIdOverride, Platform::IpAddr linkSelection,
                    size_t dhcpOffset);
 
+// Puts the relay's own link selection, server identifier override and VRF name sub-options
+// (those set) into the option 82 a first-hop agent added, replacing any of theirs with
+// those codes, so that a copy that needs them carries them while the first hop's
+// circuit-id and remote-id travel on (one option 82 per message, RFC 3046 section 2.1).
+// Without option 82 it adds one with just these sub-options. False, unchanged: option 82
+// outside the options field or more than once, a malformed area, a result over 255
+// bytes, not enough tail room.
+bool mergeInfoOpt(Platform::Pkt& pkt, std::string_view vrfName, Platform::IpAddr serverIdOverride,
+                  Platform::IpAddr linkSelection, size_t dhcpOffset);
+
+// Takes the relay's own sub-options (link selection, server identifier override, VRF name)
+// out of option 82 and leaves the rest as it came, so that a first-hop agent finds its own
+// option in the reply; an option left empty goes. True when there is nothing to take out.
+bool stripOwnInfoSubOptions(Platform::Pkt& pkt, size_t dhcpOffset);
+
+// Option 51, the lease time in seconds, when the message carries exactly one of 4 bytes.
+std::optional<uint32_t> getLeaseTime(const Platform::Pkt& pkt, size_t dhcpOffset = 0);
+
 // Reads option 82 of a reply into the outputs, cleared first. A message without option
 // 82 (or without options) parses: every output is empty, and the reply of a relay
 // that adds no option is still relayed. False when the option area is malformed, option

@@ -13,6 +13,7 @@ namespace Codec {
 
 namespace DhcpOption {
 constexpr uint8_t requestedIp = 50;
+constexpr uint8_t leaseTime = 51;
 constexpr uint8_t overload = 52;
 constexpr uint8_t msgType = 53;
 constexpr uint8_t serverId = 54;

@@ -83,6 +83,36 @@ std::optional<size_t> encodeRelayAgentInfo(const RelayAgentInfoValues& values,
    return size;
 }
 
+std::optional<size_t> rewriteRelayAgentInfo(std::span<const uint8_t> value,
+                                            const RelayAgentInfoValues& own,
+                                            RelayAgentInfoBuffer& out) {
+   Platform::ByteWriter writer(out);
+   writer.write8(DhcpOption::relayAgentInfo);
+   writer.write8(0);
+   TlvWalker<Dhcp4SubOptionFormat> walker(value);
+   Tlv tlv;
+   TlvStep step;
+   while ((step = walker.next(tlv)) == TlvStep::Item) {
+      if (isRelayOwnSubOption(static_cast<uint8_t>(tlv.tag)))
+         continue;
+      if (!writer.write8(static_cast<uint8_t>(tlv.tag)) ||
+          !writer.write8(static_cast<uint8_t>(tlv.length)) || !writer.bytes(tlv.value))
+         return std::nullopt;
+   }
+   if (step != TlvStep::EndOfData)
+      return std::nullopt;
+   const bool fits = putAddr(writer, RelayAgentSubOption::linkSelection, own.linkSelection) &&
+                     putAddr(writer, RelayAgentSubOption::serverIdOverride, own.serverIdOverride) &&
+                     putVrf(writer, own.vrfName);
+   if (!fits)
+      return std::nullopt;
+   const size_t size = writer.offset();
+   if (size == 2)
+      return 0;
+   out[1] = static_cast<uint8_t>(size - 2);
+   return size;
+}
+
 bool decodeRelayAgentInfo(std::span<const uint8_t> value, std::string& circuitId,
                           std::string& remoteId, std::string& vrfName,
                           Platform::IpAddr& serverIdOverride, Platform::IpAddr& linkSelection) {

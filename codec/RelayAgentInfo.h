@@ -50,6 +50,24 @@ using RelayAgentInfoBuffer = std::array<uint8_t, maxRelayAgentInfoBytes>;
 std::optional<size_t> encodeRelayAgentInfo(const RelayAgentInfoValues& values,
                                            RelayAgentInfoBuffer& out);
 
+// The sub-options this relay writes on its own account, besides circuit-id and remote-id:
+// a first-hop agent's option 82 that travels on (kept) gets these added, and they are
+// taken out again on the way back.
+constexpr bool isRelayOwnSubOption(uint8_t code) {
+   return code == RelayAgentSubOption::linkSelection ||
+          code == RelayAgentSubOption::serverIdOverride ||
+          code == RelayAgentSubOption::virtualSubnet;
+}
+
+// Writes a whole option 82 made of the sub-options of `value` (an existing option's value)
+// that are not the relay's own, in their order and bytes, followed by the link selection,
+// server identifier override and VRF name of `own` (its circuit-id and remote-id are not
+// used). Returns the size: 0 when nothing is left; nullopt when `value` cannot be walked
+// or the result would not fit one option.
+std::optional<size_t> rewriteRelayAgentInfo(std::span<const uint8_t> value,
+                                            const RelayAgentInfoValues& own,
+                                            RelayAgentInfoBuffer& out);
+
 // Reads the value of an option 82 into the outputs, which are cleared first (a reused
 // string keeps its capacity, so a caller holding them across packets allocates
 // nothing). Unknown sub-options are skipped. False, with the outputs partly filled, when

@@ -67,13 +67,22 @@ void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf) {
    }
 }
 
+void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf, DropReason reason) {
+   status.dropsInc(reason);
+   TRACE(6, " dropped (", dropReasonName(reason), ") on ", intf);
+   pktDropped(status, op, intf);
+}
+
 void copyDhcpRelayCounters(const Status& from, Status& to) {
    to.countersIs(from);
+   to.dropsIs(from);
+   to.clientBindingsRefusedIs(from.clientBindingsRefused());
    to.lastResetAllTimeIs(from.lastResetAllTime());
    for (const auto& [intf, src] : from.intfStatus()) {
       Ptr<IntfStatus> dst = to.intfStatusIs(intf);
       dst->countersIs(*src);
       dst->lastResetTimeIs(src->lastResetTime());
+      dst->smartRelayNoSecondaryIs(src->smartRelayNoSecondary());
    }
 }
 

@@ -16,6 +16,9 @@ namespace Ip::Helper::DhcpRelay {
 void pktReceived(Status& status, uint8_t op, const Platform::IntfId& intf);
 void pktForwarded(Status& status, uint8_t op, const Platform::IntfId& intf);
 void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf);
+// The one way the packet paths drop a message: the totals above, the reason's counter and a
+// trace line naming the reason. The caller writes its own line with the details.
+void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf, DropReason reason);
 
 // Copies the counters and reset times of `from` into `to`, globally and per interface,
 // creating the intfStatus entries `to` lacks. Entries `to` has beyond `from` are left alone,

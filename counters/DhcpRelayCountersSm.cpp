@@ -41,6 +41,7 @@ class DhcpRelayCountersSm::LocalStatusReactor : public Status::Reactor {
    void handleCounter() override { sm_.handleCounter(); }
    // Not one of the list counters, so it does not come through handleCounter.
    void handleNumSmartRelayedHosts() override { sm_.handleCounter(); }
+   void handleNumClientBindings() override { sm_.handleCounter(); }
    void handleIntfStatus(const IntfId& intf) override { sm_.handleLocalIntfStatus(intf); }
 
  private:
@@ -159,6 +160,7 @@ void DhcpRelayCountersSm::handleCounterUpdateRequest() {
 void DhcpRelayCountersSm::doUpdateCountersLocalToStatebase() {
    copyDhcpRelayCounters(*localDhcpRelayStatus_, *status_);
    status_->numSmartRelayedHostsIs(localDhcpRelayStatus_->numSmartRelayedHosts());
+   status_->numClientBindingsIs(localDhcpRelayStatus_->numClientBindings());
    // Interfaces the agent no longer has. The key is copied before the deletion frees it, and
    // the walk resumes after it: the published Status's reactors may change it meanwhile.
    const auto& published = status_->intfStatus();
@@ -191,6 +193,8 @@ void DhcpRelayCountersSm::resetAllCounters() {
    Status& local = *localDhcpRelayStatus_;
    const double now = doUtcNow();
    local.countersReset();
+   local.dropsReset();
+   local.clientBindingsRefusedIs(0);
    for (const auto& [intf, entry] : local.intfStatus()) {
       // requestsForwardedWithCrossVrfIp survives a reset of all counters, on purpose.
       entry->requestsReceivedIs(0);

@@ -15,6 +15,17 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::Ptr;
 
+// What the relay does with a client request that already carries option 82 and has no
+// giaddr: a first-hop agent (an access switch) added it, or the client forged it. RFC 3046
+// section 2.1.1 has a relay discard such requests from a circuit it does not trust.
+enum class InfoOptionPolicy : uint8_t {
+   drop,     // the first hop is not trusted: such requests are dropped
+   keep,     // trusted: the option travels on, with the relay's own sub-options added where
+             // a copy needs them, and comes back down to the first hop as it went up
+   replace,  // trusted, but the relay's option replaces it (or none goes, without
+             // information-option)
+};
+
 // Relay settings of one interface. An interface relays exactly while it has one.
 class IntfConfig : public Platform::Entity {
  public:
@@ -29,6 +40,7 @@ class IntfConfig : public Platform::Entity {
       virtual void handleCcapCores(const Platform::Ip6Addr& /*addr*/) {}
       virtual void handleSmartRelay() {}
       virtual void handleInformationOption() {}
+      virtual void handleInformationOptionPolicy() {}
       virtual void handleCircuitId() {}
       virtual void handleVrf() {}
       virtual void handleRouteInstall() {}
@@ -82,6 +94,10 @@ class IntfConfig : public Platform::Entity {
    void informationOptionIs(bool v) {
       attrIs(informationOption_, v, &Reactor::handleInformationOption);
    }
+   InfoOptionPolicy informationOptionPolicy() const { return informationOptionPolicy_; }
+   void informationOptionPolicyIs(InfoOptionPolicy v) {
+      attrIs(informationOptionPolicy_, v, &Reactor::handleInformationOptionPolicy);
+   }
    // Circuit-id sub-option text; empty means the interface name.
    const std::string& circuitId() const { return circuitId_; }
    void circuitIdIs(const std::string& v) { attrIs(circuitId_, v, &Reactor::handleCircuitId); }
@@ -99,6 +115,7 @@ class IntfConfig : public Platform::Entity {
    std::map<Platform::Ip6Addr, bool> ccapCores_;
    bool smartRelay_ = false;
    bool informationOption_ = false;
+   InfoOptionPolicy informationOptionPolicy_ = InfoOptionPolicy::drop;
    std::string circuitId_;
    Platform::VrfName vrf_ = Platform::VrfName::defaultVrf();
    bool routeInstall_ = false;

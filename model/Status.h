@@ -1,10 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
 
 #include "model/Counters.h"
+#include "model/DropReason.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
 #include "platform/addr/VrfName.h"
@@ -67,6 +69,7 @@ class IntfStatus : public Platform::Entity {
       virtual void handleCounter() {}
       DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_HANDLER)
       virtual void handleLastResetTime() {}
+      virtual void handleSmartRelayNoSecondary() {}
       virtual void handlePrefixBinding(const Platform::Ip6Prefix& /*prefix*/) {}
    };
 
@@ -77,6 +80,13 @@ class IntfStatus : public Platform::Entity {
 
    double lastResetTime() const { return lastResetTime_; }
    void lastResetTimeIs(double v) { attrIs(lastResetTime_, v, &Reactor::handleLastResetTime); }
+
+   // Smart relay is on but the interface has no secondary address, so it relays from its
+   // primary: shown to the operator as a warning.
+   bool smartRelayNoSecondary() const { return smartRelayNoSecondary_; }
+   void smartRelayNoSecondaryIs(bool v) {
+      attrIs(smartRelayNoSecondary_, v, &Reactor::handleSmartRelayNoSecondary);
+   }
 
    const std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>>& prefixBinding() const {
       return prefixBinding_;
@@ -98,6 +108,7 @@ class IntfStatus : public Platform::Entity {
    Platform::IntfId intfId_;
    DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
    double lastResetTime_ = 0;
+   bool smartRelayNoSecondary_ = false;
    std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>> prefixBinding_;
 };
 
@@ -124,6 +135,7 @@ class Status : public Platform::Entity {
       virtual void handleCounter() {}
       DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_HANDLER)
       virtual void handleNumSmartRelayedHosts() {}
+      virtual void handleNumClientBindings() {}
       virtual void handleCounterUpdateTime() {}
       virtual void handleLastResetAllTime() {}
       virtual void handleFailoverCopyInProgress() {}
@@ -144,6 +156,43 @@ class Status : public Platform::Entity {
 
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
    MODEL_COUNTER_BULK(DHCP_RELAY_STATUS_COUNTERS, Status)
+
+   // Messages dropped, by reason. Every drop is also in the totals above; these say why.
+   uint64_t drops(DropReason r) const { return drops_[static_cast<size_t>(r)]; }
+   void dropsInc(DropReason r) {
+      ++drops_[static_cast<size_t>(r)];
+      notify(&Reactor::handleCounter);
+   }
+   template <class F>
+   void forEachDrop(F&& fn) const {
+      for (size_t i = 0; i < kDropReasonCount; ++i)
+         fn(dropReasonName(static_cast<DropReason>(i)), drops_[i]);
+   }
+   void dropsIs(const Status& src) {
+      if (drops_ == src.drops_)
+         return;
+      drops_ = src.drops_;
+      notify(&Reactor::handleCounter);
+   }
+   void dropsReset() {
+      if (drops_ == std::array<uint64_t, kDropReasonCount>{})
+         return;
+      drops_ = {};
+      notify(&Reactor::handleCounter);
+   }
+
+   // Client bindings the relay keeps for unicast renewals (see ClientContext); bounded
+   // like smart relay's clients, and refusals are counted (clientBindingsRefused).
+   static constexpr uint32_t numClientBindingsMax() { return 100000; }
+   uint32_t numClientBindings() const { return numClientBindings_; }
+   void numClientBindingsIs(uint32_t v) {
+      attrIs(numClientBindings_, v, &Reactor::handleNumClientBindings);
+   }
+   uint64_t clientBindingsRefused() const { return clientBindingsRefused_; }
+   void clientBindingsRefusedIs(uint64_t v) {
+      attrIs(clientBindingsRefused_, v, &Reactor::handleCounter);
+   }
+   void clientBindingsRefusedInc() { clientBindingsRefusedIs(clientBindingsRefused_ + 1); }
 
    // Clients currently relayed by smart relay; bounded so that a flood of clients
    // cannot grow the relay's per-client state without limit.
@@ -179,7 +228,10 @@ class Status : public Platform::Entity {
 
    std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
+   std::array<uint64_t, kDropReasonCount> drops_{};
    uint32_t numSmartRelayedHosts_ = 0;
+   uint32_t numClientBindings_ = 0;
+   uint64_t clientBindingsRefused_ = 0;
    double counterUpdateTime_ = 0;
    double lastResetAllTime_ = 0;
    bool failoverCopyInProgress_ = false;

@@ -31,56 +31,6 @@ class DhcpRelaySm::IpStatusReactor : public Ip::Status::Reactor {
    DhcpRelaySm& sm_;
 };
 
-class DhcpRelaySm::AllVrfStatusReactor : public Ip::AllVrfStatusLocal::Reactor {
- public:
-   AllVrfStatusReactor(DhcpRelaySm& sm, const Ptr<const Ip::AllVrfStatusLocal>& vrfs) : sm_(sm) {
-      notifierIs(vrfs);
-   }
-   void handleVrf(const VrfName& vrf) override { sm_.handleAllVrfStatus(vrf); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::VrfStatusReactor : public Ip::VrfStatusLocal::Reactor {
- public:
-   VrfStatusReactor(DhcpRelaySm& sm, const Ptr<const Ip::VrfStatusLocal>& vrf) : sm_(sm) {
-      notifierIs(vrf);
-   }
-   void handleState() override { sm_.handleVrfStatus(notifier()->vrf()); }
-   // Sockets cannot follow a VRF into another namespace: they are opened again there.
-   void handleNsName() override {
-      const VrfName vrf = notifier()->vrf();
-      sm_.handleVrfDel(vrf);
-      sm_.handleVrfStatus(vrf);
-   }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::ActiveVrfDirReactor : public VrfWithCountDir::Reactor {
- public:
-   ActiveVrfDirReactor(DhcpRelaySm& sm, const Ptr<const VrfWithCountDir>& dir) : sm_(sm) {
-      notifierIs(dir);
-   }
-   void handleVrfCount(const VrfName& vrf) override { sm_.handleActiveVrfDir(vrf); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::VrfWithCountReactor : public VrfWithCount::Reactor {
- public:
-   VrfWithCountReactor(DhcpRelaySm& sm, const Ptr<const VrfWithCount>& count) : sm_(sm) {
-      notifierIs(count);
-   }
-   void handleCount() override { sm_.handleActiveVrfDir(notifier()->vrfName()); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
 class DhcpRelaySm::PacketQueuesReactor : public DhcpPacketQueues::Reactor {
  public:
    PacketQueuesReactor(DhcpRelaySm& sm, const Ptr<const DhcpPacketQueues>& queues) : sm_(sm) {
@@ -140,35 +90,37 @@ class DhcpRelaySm::KelDrIntfConfig : public IntfConfig::Reactor {
    std::unique_ptr<DhcpSmartRelayIntfSm> smartRelaySm_;
 };
 
-DhcpRelaySm::DhcpRelaySm(Inputs inputs) : in_(std::move(inputs)) {
-   PLATFORM_ASSERT(in_.config && in_.status && in_.ipStatus && in_.vrfStatus &&
-                       in_.deviceIntfStatusDir && in_.packetQueues && in_.activeVrfDir &&
-                       in_.intfServerIpDir && in_.clientContext && in_.entityManager &&
-                       in_.intfStatusManagerRoot && in_.pamFactory,
+namespace {
+
+const DhcpRelaySm::Inputs& checked(const DhcpRelaySm::Inputs& in) {
+   PLATFORM_ASSERT(in.config && in.status && in.ipStatus && in.vrfStatus &&
+                       in.deviceIntfStatusDir && in.packetQueues && in.activeVrfDir &&
+                       in.intfServerIpDir && in.clientContext && in.entityManager &&
+                       in.intfStatusManagerRoot && in.pamFactory && in.timerWheel,
                    "DhcpRelaySm inputs");
+   return in;
+}
+
+}  // namespace
+
+DhcpRelaySm::DhcpRelaySm(Inputs inputs)
+    : in_(checked(inputs)), vrfs_(*this, in_.vrfStatus, in_.activeVrfDir) {
    configReactor_ = std::make_unique<ConfigReactor>(*this, in_.config);
    ipStatusReactor_ = std::make_unique<IpStatusReactor>(*this, in_.ipStatus);
-   allVrfStatusReactor_ = std::make_unique<AllVrfStatusReactor>(*this, in_.vrfStatus);
-   activeVrfDirReactor_ = std::make_unique<ActiveVrfDirReactor>(*this, in_.activeVrfDir);
    packetQueuesReactor_ = std::make_unique<PacketQueuesReactor>(*this, in_.packetQueues);
 }
 
-DhcpRelaySm::~DhcpRelaySm() {
-   // Sockets close before the records they read go away.
-   for (auto& [vrf, sm] : dhcpVrfSm_)
-      sm->handleDel();
-}
+// Sockets close (with their machines) before the records they read go away.
+DhcpRelaySm::~DhcpRelaySm() = default;
 
 void DhcpRelaySm::handleInitialized() {
    if (initialized_)
       return;
    initialized_ = true;
+   bindings_.emplace(*in_.timerWheel, in_.clientContext, in_.status);
    for (const auto& [intf, config] : in_.config->intfConfig())
       onIntfConfig(intf);
-   for (const auto& [vrf, status] : in_.vrfStatus->vrf())
-      handleAllVrfStatus(vrf);
-   for (const auto& [vrf, count] : in_.activeVrfDir->vrfCount())
-      handleActiveVrfDir(vrf);
+   vrfs_.handleInitialized();
 }
 
 // --- interfaces -----------------------------------------------------------------------
@@ -190,8 +142,8 @@ void DhcpRelaySm::onIntfConfig(const IntfId& intf) {
          node.mapped()->smartRelaySmDel();
       }
    }
-   handleIpIntfStatus(intf);
    updateIntfStatus(intf);
+   handleIpIntfStatus(intf);
 }
 
 void DhcpRelaySm::updateIntfStatus(const IntfId& intf) {
@@ -210,14 +162,9 @@ void DhcpRelaySm::handleIpIntfStatus(const IntfId& intf) {
    if (!initialized_)
       return;
    // Rows are rebuilt whole so that a packet never sees half of an interface's addresses.
-   for (auto it = intfLookupTbl_.begin(); it != intfLookupTbl_.end();) {
-      auto next = std::next(it);
-      if (it->second == intf) {
-         TRACE(4, " delete ( ", it->first, " ) from lookup table");
-         intfLookupTblDel(it->first);
-      }
-      it = next;
-   }
+   for (const VrfIpPair& row : lookup_.rows(intf))
+      TRACE(4, " delete ( ", row, " ) from lookup table");
+   lookup_.rowsDel(intf);
    KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
    if (!reactor)
       return;
@@ -232,11 +179,11 @@ void DhcpRelaySm::handleIpIntfStatus(const IntfId& intf) {
    const IpAddr primary = status->activeAddrWithMask().address();
    if (!primary.isZero()) {
       TRACE(4, " adding ( ", primary, ":vrf=", vrf, " ) to lookup table");
-      intfLookupTblIs(genVrfIpPair(vrf, primary), intf);
+      lookup_.rowIs(genVrfIpPair(vrf, primary), intf);
    }
    for (const Platform::IpAddrWithMask& secondary : status->activeSecondaryWithMask()) {
       TRACE(4, " adding secondary ip ( ", secondary.address(), ":vrf=", vrf, " ) to lookup table");
-      intfLookupTblIs(genVrfIpPair(vrf, secondary.address()), intf);
+      lookup_.rowIs(genVrfIpPair(vrf, secondary.address()), intf);
    }
    handleSmartRelay(intf);
 }
@@ -264,19 +211,22 @@ void DhcpRelaySm::handleSmartRelay(const IntfId& intf) {
       current = nullptr;
    }
    if (wanted && !current) {
-      PLATFORM_ASSERT(in_.timerWheel, "DhcpRelaySm inputs: timerWheel");
       TRACE(2, " create smart relay SM for interface ", intf);
       reactor->smartRelaySmIs(*in_.timerWheel, in_.status);
+   }
+   // On Linux addresses come and go under the relay: without a secondary there is nowhere
+   // to move a client to, so the interface relays from its primary until one appears.
+   if (Ptr<IntfStatus> entry = in_.status->intfStatus(intf)) {
+      const bool idle = wanted && status->activeSecondaryWithMask().empty();
+      if (idle && !entry->smartRelayNoSecondary())
+         TRACE(1, " smart relay on ", intf, " has no secondary address: relaying from the primary");
+      entry->smartRelayNoSecondaryIs(idle);
    }
 }
 
 DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySm(const IntfId& intf) const {
    KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
-   return reactor ? smartRelaySm(*reactor) : nullptr;
-}
-
-DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySm(const KelDrIntfConfig& reactor) {
-   return reactor.smartRelaySm();
+   return reactor ? reactor->smartRelaySm() : nullptr;
 }
 
 void DhcpRelaySm::handleVrf(const IntfId& intf) {
@@ -296,19 +246,6 @@ void DhcpRelaySm::handleVrf(const IntfId& intf) {
    handleIpIntfStatus(intf);
 }
 
-void DhcpRelaySm::intfLookupTblIs(const VrfIpPair& key, const IntfId& intf) {
-   intfLookupTbl_[key] = intf;
-}
-
-void DhcpRelaySm::intfLookupTblDel(const VrfIpPair& key) {
-   intfLookupTbl_.erase(key);
-}
-
-IntfId DhcpRelaySm::intfLookupTbl(const VrfIpPair& key) const {
-   auto it = intfLookupTbl_.find(key);
-   return it == intfLookupTbl_.end() ? IntfId() : it->second;
-}
-
 DhcpRelaySm::KelDrIntfConfig* DhcpRelaySm::kelDrIntfConfig(const IntfId& intf) const {
    auto it = kelDrIntfConfig_.find(intf);
    return it == kelDrIntfConfig_.end() ? nullptr : it->second.get();
@@ -321,90 +258,24 @@ VrfName DhcpRelaySm::vrfNameFromIntfId(const IntfId& intf) const {
 
 // --- VRFs ------------------------------------------------------------------------------
 
-void DhcpRelaySm::handleAllVrfStatus(const VrfName& vrf) {
-   if (!initialized_)
-      return;
-   Ptr<Ip::VrfStatusLocal> status = in_.vrfStatus->vrf(vrf);
-   if (status) {
-      auto& reactor = vrfStatusReactor_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<VrfStatusReactor>(*this, status);
-   } else {
-      vrfStatusReactor_.erase(vrf);
-   }
-   handleVrfStatus(vrf);
-}
-
-void DhcpRelaySm::handleVrfStatus(const VrfName& vrf) {
-   if (!initialized_)
-      return;
-   if (vrfUsable(vrf)) {
-      if (vrfNeeded(vrf))
-         handleVrfAdd(vrf);
-   } else if (!vrf.isDefault()) {
-      handleVrfDel(vrf);
-   }
-}
-
-void DhcpRelaySm::handleActiveVrfDir(const VrfName& vrf) {
-   if (!initialized_)
-      return;
-   Ptr<VrfWithCount> count = in_.activeVrfDir->vrfCount(vrf);
-   if (count) {
-      auto& reactor = vrfWithCountReactor_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<VrfWithCountReactor>(*this, count);
-   } else {
-      vrfWithCountReactor_.erase(vrf);
-   }
-   if (vrfNeeded(vrf))
-      handleVrfAdd(vrf);
-   else
-      handleVrfDel(vrf);
-}
-
-// The default VRF is entered with count 0 and always has relay sockets; any other
-// VRF has them while something counts on it.
-bool DhcpRelaySm::vrfNeeded(const VrfName& vrf) const {
-   Ptr<VrfWithCount> count = in_.activeVrfDir->vrfCount(vrf);
-   return count && (vrf.isDefault() || count->count() > 0);
-}
-
-bool DhcpRelaySm::vrfUsable(const VrfName& vrf) const {
-   if (vrf.isDefault())
-      return true;
-   Ptr<Ip::VrfStatusLocal> status = in_.vrfStatus->vrf(vrf);
-   return status && status->state() == Ip::VrfStatusLocal::State::active;
-}
-
 void DhcpRelaySm::handleVrfAdd(const VrfName& vrf) {
-   if (dhcpVrfSm(vrf) || !vrfUsable(vrf))
+   if (dhcpVrfSm(vrf) || !vrfs_.usable(vrf))
       return;
-   Ptr<Ip::VrfStatusLocal> status = in_.vrfStatus->vrf(vrf);
-   const Platform::NamespaceName nsName = vrf.isDefault() || !status
-                                              ? Platform::NamespaceName(VrfName::defaultVrf().str())
-                                              : status->nsName();
+   const Platform::NamespaceName nsName = vrfs_.nsName(vrf);
    TRACE(2, " vrf ", vrf, " namespace ", nsName);
-   dhcpVrfSmIs(vrf, nsName);
+   dhcpVrfSm_[vrf] = std::make_unique<DhcpVrfSm>(
+       vrf, nsName, in_.config,
+       VrfSockets::Deps{*in_.pamFactory, *in_.entityManager, *in_.intfStatusManagerRoot,
+                        in_.deviceIntfStatusDir},
+       *in_.status, *this);
 }
 
 void DhcpRelaySm::handleVrfDel(const VrfName& vrf) {
-   if (!dhcpVrfSm(vrf))
+   auto node = dhcpVrfSm_.extract(vrf);
+   if (!node)
       return;
    TRACE(2, " vrf ", vrf);
-   dhcpVrfSmDel(vrf);
-}
-
-void DhcpRelaySm::dhcpVrfSmIs(const VrfName& vrf, const Platform::NamespaceName& nsName) {
-   dhcpVrfSm_[vrf] = std::make_unique<DhcpVrfSm>(vrf, nsName, in_.config, in_.deviceIntfStatusDir,
-                                                 *in_.intfStatusManagerRoot, *in_.entityManager,
-                                                 *in_.pamFactory, *this);
-}
-
-void DhcpRelaySm::dhcpVrfSmDel(const VrfName& vrf) {
-   auto node = dhcpVrfSm_.extract(vrf);
-   if (node)
-      node.mapped()->handleDel();
+   node.mapped()->handleDel();
 }
 
 DhcpVrfSm* DhcpRelaySm::dhcpVrfSm(const VrfName& vrf) const {
@@ -420,29 +291,29 @@ void DhcpRelaySm::doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp
    const uint8_t op = pkt.bytes() ? pkt.data()[0] : 0;
 
    // Our own broadcast on a link comes back to our socket on that link.
-   auto owner = intfLookupTbl_.find(genVrfIpPair(vrf, srcIp));
-   if (owner != intfLookupTbl_.end() && owner->second == intf) {
+   const IntfId* owner = lookup_.find(genVrfIpPair(vrf, srcIp));
+   if (owner && *owner == intf) {
       TRACE(7, " dropping packet received from",
             " the interface that sent it. Packet IP SA=", srcIp, " interface=", intf);
-      pktDropped(status, op, intf);
+      pktDropped(status, op, intf, DropReason::ownEcho);
       return;
    }
    std::optional<DhcpHdr> hdr = DhcpHdr::of(pkt);
    if (!hdr) {
       TRACE(5, " packet of ", pkt.bytes(), " bytes is shorter than the DHCP header on ", intf,
             ". Dropping packet.");
-      pktDropped(status, op, intf);
+      pktDropped(status, op, intf, DropReason::tooShort);
       return;
    }
    if (hdr->hops() > kHopsMax) {
       TRACE(5, " hops greater than.", kHopsMax, ". Dropping packet.");
-      pktDropped(status, op, intf);
+      pktDropped(status, op, intf, DropReason::hopLimit);
       return;
    }
    DhcpVrfSm* sm = dhcpVrfSm(vrf);
    if (!sm) {
       TRACE(5, " No vrfSm for vrf ", vrf, ". Dropping packet.");
-      pktDropped(status, op, intf);
+      pktDropped(status, op, intf, DropReason::noVrfSocket);
       return;
    }
    switch (op) {
@@ -454,6 +325,7 @@ void DhcpRelaySm::doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp
          return;
       default:
          TRACE(5, " unknown bootp op.", " Dropping packet.");
+         status.dropsInc(DropReason::unknownOp);
          return;
    }
 }

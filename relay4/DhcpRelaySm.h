@@ -2,12 +2,14 @@
 
 #include <map>
 #include <memory>
-#include <unordered_map>
+#include <optional>
+#include <string>
 
 #include "codec/DhcpHdr.h"
 #include "model/ClientContext.h"
 #include "model/Config.h"
 #include "model/DhcpPacketQueues.h"
+#include "model/DropReason.h"
 #include "model/IntfServerIpDir.h"
 #include "model/Status.h"
 #include "model/VrfIpPair.h"
@@ -20,21 +22,29 @@
 #include "platform/loop/TimerWheel.h"
 #include "platform/packet/Pkt.h"
 #include "platform/store/StateStore.h"
-#include "relay4/DhcpPamFactory.h"
+#include "relay/DhcpPamFactory.h"
+#include "relay/IntfLookupTable.h"
+#include "relay/RelayVrfSet.h"
+#include "relay4/ClientBindings.h"
+#include "relay4/DhcpPacketSink.h"
 #include "relay4/DhcpSmartRelayIntfSm.h"
 #include "relay4/DhcpVrfSm.h"
 
 namespace Ip::Helper::DhcpRelay {
 
-// The DHCPv4 relay's central machine. It follows the relay configuration, the interfaces'
-// IP status and the VRFs, and keeps current what the packet paths read: which relay
+// The DHCPv4 relay's central machine. It follows the relay configuration and the
+// interfaces' IP status, and keeps current what the packet paths read: which relay
 // interface owns an address in a VRF (intfLookupTbl), one socket machine per VRF in use
-// (dhcpVrfSm) and one IntfStatus per relay interface. Every datagram the VRF sockets
-// receive comes back here through doProcessPacket.
+// (dhcpVrfSm, kept by the shared RelayVrfSet) and one IntfStatus per relay interface. Every
+// datagram the VRF sockets receive comes back here through doProcessPacket.
+//
+// The packet paths decide before they write: for a request, each server's copy is planned
+// (socket, giaddr, option 82) or refused with a reason, then sent; every drop goes through
+// pktDropped with its DropReason.
 //
 // Notifications are ignored until handleInitialized, which replays the current state
 // through the same handlers.
-class DhcpRelaySm {
+class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
  public:
    static constexpr uint8_t kHopsMax = 254;
 
@@ -53,7 +63,7 @@ class DhcpRelaySm {
       Platform::StateStore* entityManager = nullptr;
       Interface::IntfStatusSource* intfStatusManagerRoot = nullptr;
       DhcpPamFactory* pamFactory = nullptr;
-      // The agent's wheel; needed once an interface runs smart relay.
+      // The agent's wheel: smart relay's and the client bindings' timers.
       Platform::TimerWheel* timerWheel = nullptr;
    };
 
@@ -78,19 +88,18 @@ class DhcpRelaySm {
    // Creates or deletes the interface's smart-relay machine: it runs while smart relay is on
    // for the interface (its own flag or the global one) and the interface has IP status.
    void handleSmartRelay(const Platform::IntfId& intf);
-   void handleAllVrfStatus(const Platform::VrfName& vrf);
-   void handleVrfStatus(const Platform::VrfName& vrf);
-   void handleActiveVrfDir(const Platform::VrfName& vrf);
-   void handleVrfAdd(const Platform::VrfName& vrf);
-   void handleVrfDel(const Platform::VrfName& vrf);
+   void handleAllVrfStatus(const Platform::VrfName& vrf) { vrfs_.handleAllVrfStatus(vrf); }
+   void handleVrfStatus(const Platform::VrfName& vrf) { vrfs_.handleVrfStatus(vrf); }
+   void handleActiveVrfDir(const Platform::VrfName& vrf) { vrfs_.handleActiveVrfDir(vrf); }
+   void handleVrfAdd(const Platform::VrfName& vrf) override;
+   void handleVrfDel(const Platform::VrfName& vrf) override;
    // Packets handed over by DHCP snooping; their path is built with the snooping queues.
    virtual void handleSnoopingToRelayPacket() {}
 
    // Every DHCPv4 datagram a VRF socket receives: the checks common to all messages, then
-   // the request or reply path by the BOOTP op. `intf` is empty for a message from a device
-   // that is no switch interface.
-   virtual void doProcessPacket(Platform::Pkt& pkt, Platform::IpAddr srcIp, Platform::IpAddr dstIp,
-                                const Platform::IntfId& intf, const Platform::VrfName& vrf);
+   // the request or reply path by the BOOTP op.
+   void doProcessPacket(Platform::Pkt& pkt, Platform::IpAddr srcIp, Platform::IpAddr dstIp,
+                        const Platform::IntfId& intf, const Platform::VrfName& vrf) override;
 
    // Queries for the packet paths.
    const Ptr<const Config>& dhcpRelayConfig() const { return in_.config; }
@@ -99,10 +108,8 @@ class DhcpRelaySm {
    const Ptr<ClientContext>& dhcpClientContext() const { return in_.clientContext; }
    const Ptr<const IntfServerIpDir>& intfServerIpDir() const { return in_.intfServerIpDir; }
    // The relay interface owning the address in the VRF; empty when none does.
-   Platform::IntfId intfLookupTbl(const VrfIpPair& key) const;
-   const std::unordered_map<VrfIpPair, Platform::IntfId>& intfLookupTbl() const {
-      return intfLookupTbl_;
-   }
+   Platform::IntfId intfLookupTbl(const VrfIpPair& key) const { return lookup_.owner(key); }
+   const IntfLookupTable& intfLookupTbl() const { return lookup_; }
    DhcpVrfSm* dhcpVrfSm(const Platform::VrfName& vrf) const;
    const std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSm>>& dhcpVrfSm() const {
       return dhcpVrfSm_;
@@ -112,10 +119,11 @@ class DhcpRelaySm {
    DhcpSmartRelayIntfSm* smartRelaySm(const Platform::IntfId& intf) const;
    // The interface's VRF from its IP status; empty without one.
    Platform::VrfName vrfNameFromIntfId(const Platform::IntfId& intf) const;
+   const ClientBindings& clientBindings() const { return *bindings_; }
 
  protected:
    // The request path: a BOOTREQUEST that passed the common checks. It chooses between
-   // handleRequest and handleRenew.
+   // handleRequest, handleRenew and the path of requests other agents relayed.
    virtual void doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
                                  Platform::IpAddr srcIp, Platform::IpAddr dstIp,
                                  const Platform::IntfId& intf);
@@ -123,7 +131,7 @@ class DhcpRelaySm {
    virtual void handleRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
                               const Platform::IntfId& intf);
    // A client's unicast renewal to the relay's own address on its link: forwarded to the
-   // server recorded in the client's cross-VRF binding.
+   // server recorded in the client's binding.
    virtual void handleRenew(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
                             const Platform::IntfId& intf);
    // A server reply received in `vrf`: sent to the client as a whole frame.
@@ -133,6 +141,9 @@ class DhcpRelaySm {
    // Where the kernel of the VRF's namespace sends a packet to `server`. Virtual so that
    // tests without namespaces can answer for the kernel.
    virtual std::optional<Platform::EgressRoute> egressRoute(DhcpVrfSm& sm, Platform::IpAddr server);
+   // Whether the address is one of the relay's own in the VRF's namespace. Virtual for the
+   // same reason.
+   virtual bool ownAddress(const DhcpVrfSm& sm, Platform::IpAddr addr) const;
 
    // Counts a copy relayed from `addr` as coming from outside the interface's subnets or
    // from another VRF than the server's.
@@ -146,52 +157,59 @@ class DhcpRelaySm {
    bool buildReplyPkt(Platform::Pkt& pkt, const Platform::EthAddr& srcMac, Platform::IpAddr srcIp);
 
  private:
-   // The same for an interface's reactor already at hand (the request path has it).
-   static DhcpSmartRelayIntfSm* smartRelaySm(const KelDrIntfConfig& reactor);
+   struct RequestContext;
+   struct CopyPlan;
+   struct OptionPlan;
+   class ConfigReactor;
+   class IpStatusReactor;
+   class PacketQueuesReactor;
+   class IpIntfStatusReactor;
+
+   // --- requests (RequestPath.cpp)
+   // A request from another relay agent sent to one of our addresses: relayed to the
+   // receiving interface's servers with its giaddr and option 82 as they came.
+   void handleRelayedRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Platform::Pkt& pkt,
+                             const Platform::IntfId& intf);
+   // Applies the interface's policy to an option 82 a first hop put in; false when the
+   // request is dropped (counted).
+   bool doFirstHopOption(RequestContext& ctx);
+   std::optional<CopyPlan> planOwnVrfCopy(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server);
+   std::optional<CopyPlan> planCrossVrfCopy(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server);
+   // False when the copy was not sent (counted); `abandon` is set when no further copy of
+   // the request may go either.
+   bool doSendCopy(RequestContext& ctx, const CopyPlan& plan, bool& abandon);
+   bool doApplyOption(RequestContext& ctx, const OptionPlan& option);
+   void doDrop(const RequestContext& ctx, DropReason reason);
+
+   // --- replies (ReplyPath.cpp)
+   // Takes out of the reply the option 82 the relay put in, or the relay's own sub-options
+   // of a first hop's option that travelled up; leaves anything else.
+   bool doStripOwnOption(Platform::Pkt& pkt, const IntfConfig& config,
+                         const Platform::IntfId& clientIntf, bool ownSubOptions);
+   // Whether `srcIp` is a server the interface relays to in `vrf`.
+   bool isServerOf(const Platform::IntfId& intf, const Platform::VrfName& vrf,
+                   Platform::IpAddr srcIp) const;
+
    // The primary address of the interface a route leaves by; zero when it has none.
    Platform::IpAddr getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const;
    // The kernel device of a system interface in the VRF's namespace.
    Ptr<const KernelNetInfo::KernelIntf> kernelIntfOf(const DhcpVrfSm& sm,
                                                      const Platform::IntfId& intf) const;
-   // One copy of a request to a server in the client's own VRF, from the client's gateway
-   // address unless the server entry names another source; true when sent.
-   bool relayToOwnVrfServer(DhcpHdr& hdr, Platform::Pkt& pkt, const Platform::IntfId& intf,
-                            const IntfConfig& config, const VrfIpSrcIntfSrcIp& server,
-                            const Platform::IpAddrWithMask& gateway, uint8_t hops,
-                            bool& optionAdded);
-   class ConfigReactor;
-   class IpStatusReactor;
-   class AllVrfStatusReactor;
-   class VrfStatusReactor;
-   class ActiveVrfDirReactor;
-   class VrfWithCountReactor;
-   class PacketQueuesReactor;
-   class IpIntfStatusReactor;
-
-   void intfLookupTblIs(const VrfIpPair& key, const Platform::IntfId& intf);
-   void intfLookupTblDel(const VrfIpPair& key);
-   void dhcpVrfSmIs(const Platform::VrfName& vrf, const Platform::NamespaceName& nsName);
-   void dhcpVrfSmDel(const Platform::VrfName& vrf);
    void updateIntfStatus(const Platform::IntfId& intf);
-   // Whether the VRF's namespace can hold sockets now.
-   bool vrfUsable(const Platform::VrfName& vrf) const;
-   bool vrfNeeded(const Platform::VrfName& vrf) const;
 
    Inputs in_;
    bool initialized_ = false;
+   IntfLookupTable lookup_;
+   RelayVrfSet vrfs_;
+   std::optional<ClientBindings> bindings_;
    // Outputs of parseInfoOpt, kept so that their capacity is reused from reply to reply.
    std::string replyCircuitId_;
    std::string replyRemoteId_;
    std::string replyVrfName_;
-   std::unordered_map<VrfIpPair, Platform::IntfId> intfLookupTbl_;
    std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSm>> dhcpVrfSm_;
    std::map<Platform::IntfId, std::unique_ptr<KelDrIntfConfig>> kelDrIntfConfig_;
-   std::map<Platform::VrfName, std::unique_ptr<VrfStatusReactor>> vrfStatusReactor_;
-   std::map<Platform::VrfName, std::unique_ptr<VrfWithCountReactor>> vrfWithCountReactor_;
    std::unique_ptr<ConfigReactor> configReactor_;
    std::unique_ptr<IpStatusReactor> ipStatusReactor_;
-   std::unique_ptr<AllVrfStatusReactor> allVrfStatusReactor_;
-   std::unique_ptr<ActiveVrfDirReactor> activeVrfDirReactor_;
    std::unique_ptr<PacketQueuesReactor> packetQueuesReactor_;
 };
 

@@ -48,12 +48,15 @@ void DhcpSmartRelayIntfSm::ClientState::handleDiscoverCount() {
       const auto& secondaries = intf.activeSecondaryWithMask();
       if (state_->gatewayAddress() == primary) {
          TRACE(5, " the gateway address is the primary IP");
-         // Without a secondary address there is nowhere to move to; smart relay is only
-         // meant for interfaces that have one, so this stops the agent.
-         PLATFORM_ASSERT(!secondaries.empty(), "activeSecondaryWithMask not empty");
-         const IpAddrWithMask& next = *secondaries.begin();
-         TRACE(5, " setting the gateway address for packets from ", mac, " to ", next);
-         state_->gatewayAddressIs(next);
+         // The administrator may take the last secondary away at any time: the client then
+         // stays on the primary until one comes back.
+         if (secondaries.empty()) {
+            TRACE(5, " no secondary IP address on the interface; staying on the primary");
+         } else {
+            const IpAddrWithMask& next = *secondaries.begin();
+            TRACE(5, " setting the gateway address for packets from ", mac, " to ", next);
+            state_->gatewayAddressIs(next);
+         }
       } else {
          TRACE(5, " the gateway address is not the primary IP");
          auto next = secondaries.upper_bound(state_->gatewayAddress());
@@ -141,7 +144,7 @@ std::optional<IpAddrWithMask> DhcpSmartRelayIntfSm::smartRelayRequest(const Intf
       }
       TRACE(5, " No valid IP address found on client interface ( ", requested,
             " vrf: ", intfStatus.vrf(), " ). Dropping packet");
-      pktDropped(*status_, bootRequest, intf);
+      pktDropped(*status_, bootRequest, intf, DropReason::smartRelayNoSubnet);
       return std::nullopt;
    }
 

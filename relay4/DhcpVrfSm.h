@@ -1,38 +1,30 @@
 #pragma once
 
 #include <memory>
-#include <string>
+#include <optional>
 
 #include "model/Config.h"
-#include "model/switch/IntfStatusDir.h"
-#include "model/switch/KernelNetInfo.h"
+#include "model/Status.h"
 #include "platform/addr/VrfName.h"
-#include "platform/linux/RouteSocket.h"
-#include "platform/pam/RawTxPam.h"
-#include "platform/pam/UdpPam.h"
-#include "platform/store/StateStore.h"
-#include "relay4/DhcpPamFactory.h"
-#include "relay4/EgressRouteCache.h"
+#include "relay/EgressRouteCache.h"
+#include "relay/VrfSockets.h"
+#include "relay4/DhcpPacketSink.h"
 
 namespace Ip::Helper::DhcpRelay {
 
-class DhcpRelaySm;
-
 // Everything the DHCPv4 relay needs to take packets off and put packets on the wire in one
-// VRF: the server-port UDP socket, a raw transmit socket and a netlink route socket, all in
-// the VRF's namespace, and the namespace's kernel table that turns the arrival ifindex of
-// a datagram into a switch interface. Every received datagram goes to
-// DhcpRelaySm::doProcessPacket. Initialised on construction; handleDel undoes it.
+// VRF: the server-port UDP socket, a raw transmit socket and a route socket in the VRF's
+// namespace (VrfSockets), and the IPv4 reading of what arrives: one datagram per readable
+// notification, its arrival device turned into a system interface, counted and handed to
+// the packet paths. Initialised on construction; handleDel, or the destructor, undoes it.
 class DhcpVrfSm {
  public:
    static constexpr uint16_t kServerPort = 67;
+   static const RelayFamily kFamily;
 
    DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
-             const Ptr<const Config>& config,
-             const Ptr<const Interface::DeviceNameConfig>& deviceIntfStatusDir,
-             Interface::IntfStatusSource& netNsIntfStatusManagerRoot,
-             Platform::StateStore& entityManager, DhcpPamFactory& pamFactory,
-             DhcpRelaySm& dhcpRelaySm);
+             const Ptr<const Config>& config, const VrfSockets::Deps& deps, Status& status,
+             DhcpPacketSink& sink);
    ~DhcpVrfSm();
    DhcpVrfSm(const DhcpVrfSm&) = delete;
    DhcpVrfSm& operator=(const DhcpVrfSm&) = delete;
@@ -44,41 +36,34 @@ class DhcpVrfSm {
 
    const Platform::VrfName& vrfName() const { return vrfName_; }
    const Platform::NamespaceName& nsName() const { return nsName_; }
-   bool initialized() const { return initialized_; }
-   const Ptr<Platform::UdpPam>& udpPam() const { return udpPam_; }
-   const Ptr<Platform::RawTxPam>& rawTxPam() const { return rawTxPam_; }
+   bool initialized() const { return sockets_.has_value(); }
+   // The sockets; null (and empty) once handleDel ran.
+   Platform::UdpPam* udpPam() const { return sockets_ ? sockets_->udpPam().get() : nullptr; }
+   Platform::RawTxPam* rawTxPam() const { return sockets_ ? sockets_->rawTxPam().get() : nullptr; }
+   Platform::RouteSocket* netlinkSocket() const {
+      return sockets_ ? sockets_->routeSocket() : nullptr;
+   }
+   const VrfSockets* sockets() const { return sockets_ ? &*sockets_ : nullptr; }
    const Ptr<const Config>& dhcpRelayConfig() const { return dhcpRelayConfig_; }
-   // The namespace's route socket; null when it could not be opened (traced).
-   Platform::RouteSocket* netlinkSocket() const { return netlinkSocket_.get(); }
    // How the kernel reaches `server` in this VRF, asked again only once the namespace's
    // routes, rules, devices or addresses changed; null without a route socket.
    const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server);
-   // The namespace's kernel devices by ifindex.
-   const Ptr<const KernelNetInfo::Status>& kernelTable() const { return kniRoot_; }
 
  private:
    class ConfigReactor;
-   class UdpPamReactor;
-   class RawTxPamReactor;
+
+   void doClose();
 
    const Platform::VrfName vrfName_;
    const Platform::NamespaceName nsName_;
    Ptr<const Config> dhcpRelayConfig_;
-   Ptr<const Interface::DeviceNameConfig> deviceIntfStatusDir_;
-   Interface::IntfStatusSource& netNsIntfStatusManagerRoot_;
-   Platform::StateStore& entityManager_;
-   DhcpPamFactory& pamFactory_;
-   DhcpRelaySm& dhcpRelaySm_;
-
-   Ptr<const KernelNetInfo::Status> kniRoot_;
-   Ptr<Platform::UdpPam> udpPam_;
-   Ptr<Platform::RawTxPam> rawTxPam_;
-   std::unique_ptr<Platform::RouteSocket> netlinkSocket_;
+   VrfSockets::Deps deps_;
+   Status& status_;
+   DhcpPacketSink& sink_;
+   // Declared before the sockets: a datagram may arrive while they open.
    EgressRouteCache egressRoutes_;
+   std::optional<VrfSockets> sockets_;
    std::unique_ptr<ConfigReactor> configReactor_;
-   std::unique_ptr<UdpPamReactor> udpPamReactor_;
-   std::unique_ptr<RawTxPamReactor> rawTxPamReactor_;
-   bool initialized_ = false;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

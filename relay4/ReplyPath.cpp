@@ -1,5 +1,4 @@
-// The reply path of the DHCPv4 relay: server replies back to the client's link, and
-// unicast renewals of clients relayed across VRFs.
+// The reply path of the DHCPv4 relay: server replies back to the client's link.
 
 #include "codec/DhcpCodec.h"
 #include "counters/DhcpRelayCounters.h"
@@ -85,65 +84,91 @@ bool DhcpRelaySm::buildReplyPkt(Pkt& pkt, const Platform::EthAddr& srcMac, IpAdd
    return true;
 }
 
-void DhcpRelaySm::handleReply(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const VrfName& vrf,
+// The client interface of a reply is found one of two ways:
+//  - by the server identifier override address in option 82, in the VRF the option names
+//    (the receiving VRF when it names none): the copy left from another address than the
+//    client's gateway (another VRF, a source interface or a source address). Such a reply
+//    is trusted only when its giaddr is one of the relay's own addresses where it arrived
+//    and it comes from a server of that client interface in that VRF; only such a reply
+//    sets up the client's binding for unicast renewals.
+//  - otherwise by giaddr, which must be a relay interface's address in the receiving VRF.
+void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfName& vrf,
                               IpAddr srcIp) {
    Status& status = *in_.status;
    const IpAddr giaddr = hdr.giaddr();
    if (giaddr.isZero()) {
       TRACE(5, " giaddr is zero on reply packet. Dropping packet.");
-      pktDropped(status, bootReply, IntfId());
+      pktDropped(status, bootReply, IntfId(), DropReason::zeroGiaddr);
       return;
    }
-   IntfId intf = intfLookupTbl(genVrfIpPair(vrf, giaddr));
-   IntfId clientIntf = intf;
    IpAddr serverIdOverride, linkSelection;
    const bool parsed = parseInfoOpt(pkt, replyCircuitId_, replyRemoteId_, replyVrfName_,
                                     serverIdOverride, linkSelection, 0);
-   // A reply to a request relayed across VRFs names the client's VRF and the address of
-   // the client's interface there: that, not giaddr (an address in the server's VRF), is
-   // where the client is.
-   const bool crossVrf = parsed && !replyVrfName_.empty();
-   if (crossVrf && !serverIdOverride.isZero()) {
-      const IntfId owner = intfLookupTbl(genVrfIpPair(VrfName(replyVrfName_), serverIdOverride));
-      if (!owner.empty())
-         clientIntf = owner;
+   const bool located = parsed && !serverIdOverride.isZero();
+   IntfId clientIntf;
+   VrfName clientVrf = vrf;
+   if (located) {
+      if (!replyVrfName_.empty()) {
+         const std::optional<VrfName> named = VrfName::parse(replyVrfName_);
+         clientVrf = named ? *named : VrfName();
+      }
+      clientIntf = lookup_.owner(genVrfIpPair(clientVrf, serverIdOverride));
+      if (clientIntf.empty()) {
+         TRACE(5, " no interface associated with server identifier override ", serverIdOverride,
+               " in vrf ", clientVrf, ". Dropping packet.");
+         pktDropped(status, bootReply, IntfId(), DropReason::unknownOverride);
+         return;
+      }
+      if (!ownAddress(sm, giaddr)) {
+         TRACE(5, " giaddr ", giaddr, " is no address of this relay in vrf ", vrf,
+               ". Dropping packet.");
+         pktDropped(status, bootReply, clientIntf, DropReason::giaddrNotOwn);
+         return;
+      }
+      if (!isServerOf(clientIntf, vrf, srcIp)) {
+         TRACE(5, " reply from ", srcIp, " in vrf ", vrf, " is from no server of ", clientIntf,
+               ". Dropping packet.");
+         pktDropped(status, bootReply, clientIntf, DropReason::unknownServer);
+         return;
+      }
+   } else {
+      clientIntf = lookup_.owner(genVrfIpPair(vrf, giaddr));
+      if (clientIntf.empty()) {
+         TRACE(5, " no interface associated with giaddr=", giaddr, ". Dropping packet.");
+         pktDropped(status, bootReply, IntfId(), DropReason::unknownGiaddr);
+         return;
+      }
    }
-   if (clientIntf.empty()) {
-      TRACE(5, " no interface associated with giaddr=", giaddr, ". Dropping packet.");
-      pktDropped(status, bootReply, IntfId());
-      return;
-   }
-   TRACE(5, " received ", getDhcpMsgType(pkt, 0), " from ", srcIp, " on Vrf ", vrf);
+   const std::string_view msgType = getDhcpMsgType(pkt, 0);
+   TRACE(5, " received ", msgType, " from ", srcIp, " on Vrf ", vrf);
    if (!parsed) {
       TRACE(5, "Could not parse Dhcp packet for Option-82 ", "information");
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::option82Malformed);
       return;
    }
-   if (crossVrf) {
-      if (serverIdOverride.isZero()) {
-         TRACE(5, "Did not receive server-id override suboption.");
-         pktDropped(status, bootReply, clientIntf);
-         return;
-      }
-      // The client must keep talking to the relay, which alone reaches the server's VRF
-      // (RFC 5107 section 4).
-      if (!setServerId(pkt, serverIdOverride)) {
-         TRACE(5, "Could not override server identifier option.");
-         pktDropped(status, bootReply, clientIntf);
-         return;
-      }
+   // A VRF name without the override: a cross-VRF reply that lost what finds its client.
+   if (!located && !replyVrfName_.empty()) {
+      TRACE(5, "Did not receive server-id override suboption.");
+      pktDropped(status, bootReply, clientIntf, DropReason::noServerIdOverride);
+      return;
+   }
+   // The client must keep talking to the relay, which alone reaches its server from the
+   // client's link (RFC 5107 section 4).
+   if (located && !setServerId(pkt, serverIdOverride)) {
+      TRACE(5, "Could not override server identifier option.");
+      pktDropped(status, bootReply, clientIntf, DropReason::serverIdRewriteFailed);
+      return;
    }
    Ptr<IntfConfig> config = in_.config->intfConfig(clientIntf);
    if (!config) {
       TRACE(5, " receiving DHCP reply ", "packets for non-configured interface. Dropping it.");
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::notConfigured);
       return;
    }
-   const VrfName clientVrf = vrfNameFromIntfId(clientIntf);
-   DhcpVrfSm* clientSm = dhcpVrfSm(clientVrf);
+   DhcpVrfSm* clientSm = clientVrf == vrf ? &sm : dhcpVrfSm(clientVrf);
    if (!clientSm || !clientSm->rawTxPam()) {
       TRACE(5, " No vrfSm for vrf ", clientVrf);
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::noVrfSocket);
       return;
    }
    TRACE(7, "  devicename ", in_.deviceIntfStatusDir->deviceOf(clientIntf));
@@ -151,18 +176,17 @@ void DhcpRelaySm::handleReply(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const VrfName&
    if (!device) {
       TRACE(5, "Could not get kernel interface for devicename ",
             in_.deviceIntfStatusDir->deviceOf(clientIntf));
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::noKernelDevice);
       return;
    }
    TRACE(7, " for device ", device->deviceName(), " devifIndex ", device->ifindex());
    // What the relay added on the way in comes out on the way back (RFC 3046 section 2.2).
-   if (!preparePacket(pkt, bootReply, config->informationOption() || crossVrf, {}, {}, {}, IpAddr(),
-                      IpAddr(), 0)) {
+   if (!doStripOwnOption(pkt, *config, clientIntf, located || !linkSelection.isZero())) {
       TRACE(5, " could not remove the relay agent information option. Dropping packet.");
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::option82EditFailed);
       return;
    }
-   const IpAddr clientSideAddr = clientIntf == intf ? giaddr : serverIdOverride;
+   const IpAddr clientSideAddr = located ? serverIdOverride : giaddr;
    const Platform::EthAddr chaddr = hdr.chaddr();
    // A server answered from the client's current gateway address: the client needs to
    // move on no further, and its next DISCOVER starts over on the primary.
@@ -170,77 +194,54 @@ void DhcpRelaySm::handleReply(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const VrfName&
       TRACE(6, " deleting client state for ", chaddr);
       smart->dsrClientStateDel(chaddr);
    }
+   // Read before the frame is built around the message.
+   const std::optional<uint32_t> leaseTime = getLeaseTime(pkt);
    if (!buildReplyPkt(pkt, device->mac(), clientSideAddr)) {
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::frameBuildFailed);
       return;
    }
-   if (vrf != clientVrf) {
-      in_.clientContext->crossVrfClientBindingIs(
+   // The client renews by unicast to the override address, which is the relay's: it needs
+   // to know where that client's server is. A NAK ends the lease, and the binding with it.
+   if (located && msgType == "DHCPACK") {
+      bindings_->bindingIs(
           chaddr,
           CrossVrfClientBinding{genVrfIpPair(clientVrf, clientSideAddr), genVrfIpPair(vrf, giaddr),
-                                genVrfIpPair(vrf, srcIp), linkSelection});
+                                genVrfIpPair(vrf, srcIp), linkSelection},
+          leaseTime);
+   } else if (located && msgType == "DHCPNAK") {
+      bindings_->bindingDel(chaddr);
    }
    if (!clientSm->rawTxPam()->send(device->ifindex(), pkt)) {
-      pktDropped(status, bootReply, clientIntf);
+      pktDropped(status, bootReply, clientIntf, DropReason::sendFailed);
       return;
    }
    TRACE(5, " sending DHCP reply packet", "through interface ", clientIntf);
    pktForwarded(status, bootReply, clientIntf);
 }
 
-void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& intf) {
-   Status& status = *in_.status;
-   Ptr<IntfConfig> config = in_.config->intfConfig(intf);
-   if (!config) {
-      TRACE(5, " received DHCPRENEW packets on", intf, " non-configured interface. Dropping it.");
-      pktDropped(status, bootRequest, intf);
-      return;
+bool DhcpRelaySm::doStripOwnOption(Pkt& pkt, const IntfConfig& config, const IntfId& clientIntf,
+                                   bool ownSubOptions) {
+   // The relay's own whole option carries its circuit-id and no remote-id; anything else
+   // is a first hop's option, which goes back down as it came up, without what the relay
+   // merged into it.
+   const std::string_view ownCircuitId =
+       config.circuitId().empty() ? clientIntf.str() : std::string_view(config.circuitId());
+   if (!replyCircuitId_.empty() && replyCircuitId_ == ownCircuitId && replyRemoteId_.empty())
+      return preparePacket(pkt, bootReply, true, {}, {}, {}, IpAddr(), IpAddr(), 0);
+   if (ownSubOptions || !replyVrfName_.empty())
+      return stripOwnInfoSubOptions(pkt, 0);
+   return true;
+}
+
+bool DhcpRelaySm::isServerOf(const IntfId& intf, const VrfName& vrf, IpAddr srcIp) const {
+   Ptr<IntfServerIp> servers = in_.intfServerIpDir->drIntfServerIp(intf);
+   if (!servers)
+      return false;
+   for (const auto& [server, count] : servers->serverIp()) {
+      if (server.vrf == vrf && server.ip == Platform::IpGenAddr(srcIp))
+         return true;
    }
-   PLATFORM_ASSERT(in_.clientContext, "sm->dhcpClientContext()");
-   const CrossVrfClientBinding* binding = in_.clientContext->crossVrfClientBinding(hdr.chaddr());
-   if (!binding) {
-      TRACE(5, " No existing client context, ", "Dropping unicast DHCPRENEW request for client ",
-            hdr.chaddr());
-      pktDropped(status, bootRequest, intf);
-      return;
-   }
-   if (!in_.ipStatus->ipIntfStatus(intf)) {
-      TRACE(5, " No ip intf status found for interface ", intf);
-      pktDropped(status, bootRequest, intf);
-      return;
-   }
-   const IpAddr ingress =
-       binding->ingressVrfIp.addr.isV4() ? binding->ingressVrfIp.addr.v4() : IpAddr();
-   if (!preparePacket(
-           pkt, bootRequest, true,
-           config->circuitId().empty() ? intf.str() : std::string_view(config->circuitId()), {},
-           binding->ingressVrfIp.vrf.str(), ingress, binding->activeSubnet, 0)) {
-      TRACE(5, " Packet manipulation error for DHCPRENEW request ", "on interface ", intf,
-            ". Dropping it.");
-      pktDropped(status, bootRequest, intf);
-      return;
-   }
-   hdr.hopsInc();
-   DhcpVrfSm* serverSm = dhcpVrfSm(binding->serverVrfIp.vrf);
-   if (!serverSm || !serverSm->udpPam() || !binding->serverVrfIp.addr.isV4() ||
-       !binding->egressVrfIp.addr.isV4()) {
-      TRACE(5, " No existing VrfSm for vrf ", binding->serverVrfIp.vrf, ". Dropping pkt.");
-      pktDropped(status, bootRequest, intf);
-      return;
-   }
-   // The server answers to giaddr (RFC 2131 section 4.1); only the relay's address in the
-   // server's VRF brings the answer back to this relay.
-   hdr.giaddrIs(binding->egressVrfIp.addr.v4());
-   Platform::UdpPam& udp = *serverSm->udpPam();
-   udp.txDstAddrIs(binding->serverVrfIp.addr);
-   udp.txPortIs(DhcpVrfSm::kServerPort);
-   udp.txSrcAddrIs(binding->egressVrfIp.addr);
-   if (!udp.send(pkt)) {
-      pktDropped(status, bootRequest, intf);
-      return;
-   }
-   TRACE(5, " relaying DHCP request packet to ", binding->serverVrfIp.addr);
-   pktForwarded(status, bootRequest, intf);
+   return false;
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -1,4 +1,9 @@
 // The request path of the DHCPv4 relay: client requests towards the configured servers.
+//
+// Every copy is planned before anything is written into the packet: the plan names the
+// socket, giaddr and the option 82 the copy carries, or the reason it cannot go. Then it
+// is sent. One packet serves every copy, so the option of the previous copy is undone
+// before the next one's goes in.
 
 #include <algorithm>
 
@@ -23,25 +28,6 @@ std::string_view circuitIdOf(const IntfConfig& config, const IntfId& intf) {
    return config.circuitId().empty() ? intf.str() : std::string_view(config.circuitId());
 }
 
-// RFC 3046 section 2.1: a relay adds one option 82, never a second. One packet goes to
-// several servers with different sub-options, so the option this relay added for the
-// previous copy comes out before the next one goes in; an option that arrived with the
-// client's message (from a trusted element downstream) stays as it came.
-bool prepareCopy(Pkt& pkt, bool flag, std::string_view circuitId, std::string_view vrfName,
-                 IpAddr serverIdOverride, IpAddr linkSelection, bool& ownOption) {
-   if (ownOption) {
-      if (!preparePacket(pkt, bootReply, true, {}, {}, {}, IpAddr(), IpAddr(), 0))
-         return false;
-      ownOption = false;
-   }
-   const bool present = flag && infoOptPresent(pkt);
-   if (!preparePacket(pkt, bootRequest, flag, circuitId, {}, vrfName, serverIdOverride,
-                      linkSelection, 0))
-      return false;
-   ownOption = flag && !present && infoOptPresent(pkt);
-   return true;
-}
-
 bool sendTo(Platform::UdpPam& udp, IpAddr src, IpAddr dst, const Pkt& pkt) {
    udp.txSrcAddrIs(src);
    udp.txDstAddrIs(dst);
@@ -51,17 +37,74 @@ bool sendTo(Platform::UdpPam& udp, IpAddr src, IpAddr dst, const Pkt& pkt) {
 
 }  // namespace
 
+// The option 82 one copy carries. `circuitId` asks for the relay's own whole option (the
+// interface has information-option on); the three addresses and the VRF name are what
+// replies to a copy that does not leave from the client's gateway address are found by
+// (link selection, RFC 3527; server identifier override, RFC 5107; VRF name, RFC 6607).
+struct DhcpRelaySm::OptionPlan {
+   bool circuitId = false;
+   IpAddr linkSelection;
+   IpAddr serverIdOverride;
+   std::string_view vrfName;
+
+   bool located() const { return !serverIdOverride.isZero(); }
+   bool any() const { return circuitId || located(); }
+   bool operator==(const OptionPlan&) const = default;
+};
+
+// What every copy of one request shares.
+struct DhcpRelaySm::RequestContext {
+   RequestContext(DhcpHdr& h, Pkt& p, const IntfId& i, const IntfConfig& c, const VrfName& v,
+                  const Platform::IpAddrWithMask& g)
+       : hdr(h), pkt(p), intf(i), config(c), clientVrf(v), gateway(g) {}
+
+   DhcpHdr& hdr;
+   Pkt& pkt;
+   const IntfId& intf;
+   const IntfConfig& config;
+   VrfName clientVrf;
+   Platform::IpAddrWithMask gateway;
+   uint8_t hops = 0;
+   // A trusted first hop's option 82 travels with the request (policy keep).
+   bool firstHopOption = false;
+   // Another relay agent's request: its giaddr and option stay as they came.
+   bool relayed = false;
+   bool hasServerId = false;
+   // What the packet carries now of the relay's own.
+   enum class Applied : uint8_t { nothing, whole, merged } applied = Applied::nothing;
+   OptionPlan current;
+};
+
+struct DhcpRelaySm::CopyPlan {
+   DhcpVrfSm* via = nullptr;
+   IpAddr server;
+   IpAddr giaddr;  // also the source address of the copy
+   OptionPlan option;
+   bool crossVrf = false;
+};
+
+void DhcpRelaySm::doDrop(const RequestContext& ctx, DropReason reason) {
+   pktDropped(*in_.status, bootRequest, ctx.intf, reason);
+}
+
 void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr srcIp,
                                    IpAddr dstIp, const IntfId& intf) {
    Status& status = *in_.status;
    const VrfName& vrf = sm.vrfName();
    const IpAddr giaddr = hdr.giaddr();
-   const bool ownGiaddr = !giaddr.isZero() && !intfLookupTbl(genVrfIpPair(vrf, giaddr)).empty();
+   const bool ownGiaddr = !giaddr.isZero() && lookup_.find(genVrfIpPair(vrf, giaddr));
 
    if (!giaddr.isZero() && !ownGiaddr) {
-      // Another relay agent's request: pass it on. A re-broadcast must not circulate
-      // between relays on one link, so it leaves with the last hop the next relay accepts
-      // none of.
+      // On Linux the relay only hears another agent's request when it is broadcast or sent
+      // to one of our own addresses. Sent to us, we are that agent's server: relay it to
+      // the receiving interface's servers (RFC 1542 section 4.1.1), rather than send it to
+      // ourselves.
+      if (dstIp != IpAddr::broadcast() && ownAddress(sm, dstIp)) {
+         handleRelayedRequest(sm, hdr, pkt, intf);
+         return;
+      }
+      // A re-broadcast must not circulate between relays on one link, so it leaves with
+      // the last hop the next relay accepts none of.
       if (dstIp == IpAddr::broadcast()) {
          hdr.hopsIs(kHopsMax);
          TRACE(5, " Destination ip is ", "broadcast for request pkt received from another ",
@@ -69,7 +112,7 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
       }
       hdr.hopsInc();
       if (!sm.udpPam() || !sendTo(*sm.udpPam(), IpAddr(), dstIp, pkt)) {
-         pktDropped(status, bootRequest, intf);
+         pktDropped(status, bootRequest, intf, DropReason::sendFailed);
          return;
       }
       TRACE(5, " forward previously relayed packet to ", dstIp);
@@ -80,18 +123,44 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
       TRACE(6, " Ignore MBZ (must be zero) bits in flags field not zero");
    if (ownGiaddr) {
       TRACE(5, " dropping request packet already handled ", "( giaddr=", giaddr, " ) on ", intf);
-      pktDropped(status, bootRequest, intf);
+      pktDropped(status, bootRequest, intf, DropReason::alreadyRelayed);
       return;
    }
    TRACE(6, " request op is: ", hdr.bootpOp());
    TRACE(5, "received a ", getDhcpMsgType(pkt, 0), " ( Server at ",
          getServerId(pkt).value_or(IpAddr()), " ) ", "message on ", intf, " to ", dstIp, " from ",
          srcIp);
-   if (dstIp != IpAddr::broadcast() && intfLookupTbl(genVrfIpPair(vrf, dstIp)) == intf) {
-      handleRenew(sm, hdr, pkt, intf);
-      return;
+   if (dstIp != IpAddr::broadcast()) {
+      const IntfId* owner = lookup_.find(genVrfIpPair(vrf, dstIp));
+      if (owner && *owner == intf) {
+         handleRenew(sm, hdr, pkt, intf);
+         return;
+      }
    }
    handleRequest(sm, hdr, pkt, intf);
+}
+
+bool DhcpRelaySm::doFirstHopOption(RequestContext& ctx) {
+   if (!ctx.hdr.giaddr().isZero() || !infoOptPresent(ctx.pkt))
+      return true;
+   switch (ctx.config.informationOptionPolicy()) {
+      case InfoOptionPolicy::drop:
+         TRACE(5, " dropping request with relay agent information from an untrusted first hop on ",
+               ctx.intf);
+         doDrop(ctx, DropReason::option82Untrusted);
+         return false;
+      case InfoOptionPolicy::replace:
+         if (!preparePacket(ctx.pkt, bootReply, true, {}, {}, {}, IpAddr(), IpAddr(), 0)) {
+            TRACE(5, " could not remove the first hop's relay agent information on ", ctx.intf);
+            doDrop(ctx, DropReason::option82EditFailed);
+            return false;
+         }
+         return true;
+      case InfoOptionPolicy::keep:
+         ctx.firstHopOption = true;
+         return true;
+   }
+   return true;
 }
 
 void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& intf) {
@@ -101,176 +170,276 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
    if (!config || !reactor) {
       TRACE(5, " receiving DHCP request packets on", intf,
             " non-configured interface. Dropping it.");
-      pktDropped(status, bootRequest, intf);
+      pktDropped(status, bootRequest, intf, DropReason::notConfigured);
       return;
    }
    Ptr<Ip::IpIntfStatus> intfStatus = in_.ipStatus->ipIntfStatus(intf);
    if (!intfStatus) {
       TRACE(5, " No ip intf status found for interface ", intf);
-      pktDropped(status, bootRequest, intf);
+      pktDropped(status, bootRequest, intf, DropReason::noIpStatus);
       return;
    }
-   // Set on every copy rather than incremented, so that each server sees the same count.
-   const uint8_t hops = static_cast<uint8_t>(hdr.hops() + 1);
+   // Before smart relay: it has nothing to choose from on an interface without an address.
    Platform::IpAddrWithMask gateway = intfStatus->activeAddrWithMask();
-   if (DhcpSmartRelayIntfSm* smart = smartRelaySm(*reactor)) {
+   if (gateway.address().isZero()) {
+      TRACE(5, " No valid IP address found on client interface ( ", intf, " ). Dropping packet");
+      pktDropped(status, bootRequest, intf, DropReason::noAddress);
+      return;
+   }
+   // Without a secondary address smart relay has nowhere to move a client: the interface
+   // relays from its primary, as if smart relay were off, until one appears.
+   DhcpSmartRelayIntfSm* smart = smartRelaySm(intf);
+   if (smart && !intfStatus->activeSecondaryWithMask().empty()) {
       const std::optional<Platform::IpAddrWithMask> chosen =
           smart->smartRelayRequest(intf, hdr.chaddr(), hdr.ciaddr(), pkt);
       if (!chosen)
          return;
       gateway = *chosen;
    }
-   if (gateway.address().isZero()) {
-      TRACE(5, " No valid IP address found on client interface ( ", intf, " ). Dropping packet");
-      pktDropped(status, bootRequest, intf);
+   RequestContext ctx(hdr, pkt, intf, *config, intfStatus->vrf(), gateway);
+   // Set on every copy rather than incremented, so that each server sees the same count.
+   ctx.hops = static_cast<uint8_t>(hdr.hops() + 1);
+   if (!doFirstHopOption(ctx))
       return;
-   }
+   ctx.hasServerId = getServerId(pkt).has_value();
    Ptr<IntfServerIp> servers = in_.intfServerIpDir->drIntfServerIp(intf);
    PLATFORM_ASSERT(servers, "intfServerIp");
 
-   const VrfName& clientVrf = intfStatus->vrf();
-   bool ownOption = false;
    bool crossVrf = false;
+   bool abandon = false;
    for (const auto& [server, count] : servers->serverIp()) {
-      if (server.vrf != clientVrf) {
+      if (server.vrf != ctx.clientVrf) {
          crossVrf = true;
          continue;
       }
-      if (relayToOwnVrfServer(hdr, pkt, intf, *config, server, gateway, hops, ownOption))
-         pktForwarded(status, bootRequest, intf);
-      else
-         pktDropped(status, bootRequest, intf);
+      if (std::optional<CopyPlan> plan = planOwnVrfCopy(ctx, server))
+         doSendCopy(ctx, *plan, abandon);
    }
    if (!crossVrf)
       return;
-
-   // The servers in other VRFs, in the order of their keys (the map's order).
-   auto dropAllCrossVrf = [&] {
-      for (const auto& [server, count] : servers->serverIp()) {
-         if (server.vrf != clientVrf)
-            pktDropped(status, bootRequest, intf);
-      }
-   };
    // The server must be told the client's subnet (link selection) and the client must
    // see the relay as its server (server identifier override), RFC 3527 and RFC 5107:
    // neither can be said without option 82.
    if (!config->informationOption()) {
       TRACE(5, " Not relaying packet across vrf for intf ", intf, " because information option is ",
             "not set in the config ");
-      dropAllCrossVrf();
+      for (const auto& [server, count] : servers->serverIp()) {
+         if (server.vrf != ctx.clientVrf)
+            doDrop(ctx, DropReason::crossVrfNeedsInfoOption);
+      }
       return;
    }
-   if (!prepareCopy(pkt, true, circuitIdOf(*config, intf), clientVrf.str(), gateway.address(),
-                    gateway.subnet(), ownOption)) {
-      TRACE(5, " Unable to manipulate packet for cross vrf ", " transaction. Dropping it.");
-      dropAllCrossVrf();
-      return;
-   }
-   const bool hasServerId = getServerId(pkt).has_value();
+   // The servers in other VRFs, in the order of their keys (the map's order).
    for (const auto& [server, count] : servers->serverIp()) {
-      if (server.vrf == clientVrf)
+      if (server.vrf == ctx.clientVrf)
          continue;
-      DhcpVrfSm* serverSm = dhcpVrfSm(server.vrf);
-      if (!serverSm || !serverSm->udpPam() || !server.ip.isV4()) {
-         TRACE(5, " No vrfSm for vrf ", server.vrf);
-         pktDropped(status, bootRequest, intf);
+      if (abandon) {
+         doDrop(ctx, DropReason::serverIdRewriteFailed);
          continue;
       }
-      const IpAddr serverIp = server.ip.v4();
-      TRACE(6, "ingress vrf ", clientVrf, " egress vrf ", server.vrf);
-      IpAddr src;
-      if (!server.srcIntf.empty()) {
-         if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-            TRACE(5, " Not relaying packet for intf ", intf, " to server ip ", serverIp,
-                  " using source intf ", server.srcIntf,
-                  " because source intf either belongs to different vrf ",
-                  " or doesn't have an active address");
-            pktDropped(status, bootRequest, intf);
-            continue;
-         }
-         src = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
-      } else {
-         const std::optional<Platform::EgressRoute> route = egressRoute(*serverSm, serverIp);
-         if (!route) {
-            TRACE(5, "No egress interfaces found for destIp", serverIp, " in server vrf ",
-                  server.vrf);
-            pktDropped(status, bootRequest, intf);
-            continue;
-         }
-         src = getEgressIp(*serverSm, route->ifindex);
-         if (src.isZero()) {
-            TRACE(5, " Unable to get egress intf ip for server at", serverIp);
-            pktDropped(status, bootRequest, intf);
-            continue;
-         }
-      }
-      checkAddrBelongsToIntf(status, intf, src, server.vrf);
-      TRACE(6, "Setting giaddr to ", src);
-      hdr.giaddrIs(src);
-      hdr.hopsIs(hops);
-      // The client took the relay's override address for its server; the real server must
-      // see itself named (RFC 5107 section 4). A message without option 54 names none.
-      if (hasServerId && !setServerId(pkt, serverIp)) {
-         TRACE(5, "Could not override server identifier option.  Dropping pkt.");
-         pktDropped(status, bootRequest, intf);
-         return;
-      }
-      if (!sendTo(*serverSm->udpPam(), src, serverIp, pkt)) {
-         pktDropped(status, bootRequest, intf);
-         continue;
-      }
-      TRACE(5, " relaying DHCP request packet to ", serverIp, " in vrf ", server.vrf, " from ",
-            src);
-      pktForwarded(status, bootRequest, intf);
+      if (std::optional<CopyPlan> plan = planCrossVrfCopy(ctx, server))
+         doSendCopy(ctx, *plan, abandon);
    }
 }
 
-bool DhcpRelaySm::relayToOwnVrfServer(DhcpHdr& hdr, Pkt& pkt, const IntfId& intf,
-                                      const IntfConfig& config, const VrfIpSrcIntfSrcIp& server,
-                                      const Platform::IpAddrWithMask& gateway, uint8_t hops,
-                                      bool& ownOption) {
+void DhcpRelaySm::handleRelayedRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& intf) {
+   Ptr<IntfConfig> config = in_.config->intfConfig(intf);
+   Ptr<Ip::IpIntfStatus> intfStatus = in_.ipStatus->ipIntfStatus(intf);
+   if (!config || !intfStatus) {
+      TRACE(5, " receiving DHCP request packets on", intf,
+            " non-configured interface. Dropping it.");
+      pktDropped(*in_.status, bootRequest, intf, DropReason::notConfigured);
+      return;
+   }
+   TRACE(5, " request relayed by ", hdr.giaddr(), " to this relay on ", intf,
+         ": relaying it to the interface's servers");
+   RequestContext ctx(hdr, pkt, intf, *config, intfStatus->vrf(), {});
+   ctx.relayed = true;
+   ctx.hops = static_cast<uint8_t>(hdr.hops() + 1);
+   Ptr<IntfServerIp> servers = in_.intfServerIpDir->drIntfServerIp(intf);
+   PLATFORM_ASSERT(servers, "intfServerIp");
+   bool abandon = false;
+   for (const auto& [server, count] : servers->serverIp()) {
+      // The server answers the other agent at its giaddr, which another VRF cannot reach.
+      if (server.vrf != ctx.clientVrf) {
+         TRACE(5, " not relaying a request relayed by another agent across vrf to ", server);
+         doDrop(ctx, DropReason::relayedCrossVrf);
+         continue;
+      }
+      if (std::optional<CopyPlan> plan = planOwnVrfCopy(ctx, server))
+         doSendCopy(ctx, *plan, abandon);
+   }
+}
+
+std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planOwnVrfCopy(RequestContext& ctx,
+                                                                 const VrfIpSrcIntfSrcIp& server) {
    DhcpVrfSm* sm = dhcpVrfSm(server.vrf);
    if (!sm || !sm->udpPam() || !server.ip.isV4()) {
       TRACE(5, " No vrfSm for vrf ", server.vrf);
-      return false;
+      doDrop(ctx, DropReason::noServerSocket);
+      return std::nullopt;
    }
-   const IpAddr serverIp = server.ip.v4();
-   IpAddr giaddr = gateway.address();
-   IpAddr linkSelection;
+   CopyPlan plan;
+   plan.via = sm;
+   plan.server = server.ip.v4();
+   plan.giaddr = ctx.gateway.address();
+   // Replies to a copy that leaves from another address than the client's gateway find the
+   // client by the override address; the server leases from the client's subnet by link
+   // selection.
+   bool locate = false;
    if (!server.srcIntf.empty()) {
-      // The server answers to the source interface's subnet unless told the client's,
-      // which takes the link selection sub-option (RFC 3527).
-      if (!config.informationOption()) {
-         TRACE(5, " Not relaying packet for  intf ", intf, " to server ip ", serverIp,
+      if (!ctx.relayed && !ctx.config.informationOption()) {
+         TRACE(5, " Not relaying packet for  intf ", ctx.intf, " to server ip ", plan.server,
                " using source intf ", server.srcIntf,
                " because information option is not set in the config");
-         return false;
+         doDrop(ctx, DropReason::srcIntfNeedsInfoOption);
+         return std::nullopt;
       }
       if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-         TRACE(5, " Not relaying packet for intf ", intf, " to server ip ", serverIp,
+         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
                " using source intf ", server.srcIntf,
                " because source intf either belongs to different vrf ",
                " or doesn't have an active address");
-         return false;
+         doDrop(ctx, DropReason::srcIntfInactive);
+         return std::nullopt;
       }
-      giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
-      linkSelection = gateway.subnet();
-      TRACE(6, "giaddr is updated to", giaddr);
+      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
+      locate = true;
+      TRACE(6, "giaddr is updated to", plan.giaddr);
    } else if (server.srcIp.isV4()) {
-      giaddr = server.srcIp.v4();
-      TRACE(6, "giaddr is updated to", giaddr);
-      checkAddrBelongsToIntf(*in_.status, intf, giaddr, server.vrf);
+      plan.giaddr = server.srcIp.v4();
+      TRACE(6, "giaddr is updated to", plan.giaddr);
+      if (!ctx.relayed)
+         checkAddrBelongsToIntf(*in_.status, ctx.intf, plan.giaddr, server.vrf);
+      const IntfId* owner = lookup_.find(genVrfIpPair(ctx.clientVrf, plan.giaddr));
+      locate = !owner || *owner != ctx.intf;
    }
-   if (!prepareCopy(pkt, config.informationOption(), circuitIdOf(config, intf), {}, IpAddr(),
-                    linkSelection, ownOption)) {
-      TRACE(5, " Unable to set link selection suboption  for the ",
-            " DHCP request packets received on", intf, ". Dropping it.");
+   if (ctx.relayed) {
+      // The other agent's giaddr stays; the configured source only picks the way out.
+      if (server.srcIntf.empty() && !server.srcIp.isV4())
+         plan.giaddr = IpAddr();
+      return plan;
+   }
+   plan.option.circuitId = ctx.config.informationOption() && !ctx.firstHopOption;
+   if (locate) {
+      plan.option.linkSelection = ctx.gateway.subnet();
+      plan.option.serverIdOverride = ctx.gateway.address();
+   }
+   return plan;
+}
+
+std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planCrossVrfCopy(
+    RequestContext& ctx, const VrfIpSrcIntfSrcIp& server) {
+   DhcpVrfSm* serverSm = dhcpVrfSm(server.vrf);
+   if (!serverSm || !serverSm->udpPam() || !server.ip.isV4()) {
+      TRACE(5, " No vrfSm for vrf ", server.vrf);
+      doDrop(ctx, DropReason::noServerSocket);
+      return std::nullopt;
+   }
+   CopyPlan plan;
+   plan.via = serverSm;
+   plan.server = server.ip.v4();
+   plan.crossVrf = true;
+   TRACE(6, "ingress vrf ", ctx.clientVrf, " egress vrf ", server.vrf);
+   if (!server.srcIntf.empty()) {
+      if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
+         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
+               " using source intf ", server.srcIntf,
+               " because source intf either belongs to different vrf ",
+               " or doesn't have an active address");
+         doDrop(ctx, DropReason::srcIntfInactive);
+         return std::nullopt;
+      }
+      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
+   } else {
+      const std::optional<Platform::EgressRoute> route = egressRoute(*serverSm, plan.server);
+      if (!route) {
+         TRACE(5, "No egress interfaces found for destIp", plan.server, " in server vrf ",
+               server.vrf);
+         doDrop(ctx, DropReason::noEgressRoute);
+         return std::nullopt;
+      }
+      plan.giaddr = getEgressIp(*serverSm, route->ifindex);
+      if (plan.giaddr.isZero()) {
+         TRACE(5, " Unable to get egress intf ip for server at", plan.server);
+         doDrop(ctx, DropReason::noEgressAddress);
+         return std::nullopt;
+      }
+   }
+   checkAddrBelongsToIntf(*in_.status, ctx.intf, plan.giaddr, server.vrf);
+   plan.option.circuitId = !ctx.firstHopOption;
+   plan.option.vrfName = ctx.clientVrf.str();
+   plan.option.serverIdOverride = ctx.gateway.address();
+   plan.option.linkSelection = ctx.gateway.subnet();
+   return plan;
+}
+
+bool DhcpRelaySm::doApplyOption(RequestContext& ctx, const OptionPlan& option) {
+   using Applied = RequestContext::Applied;
+   if (ctx.applied != Applied::nothing && ctx.current == option)
+      return true;
+   // RFC 3046 section 2.1: one option 82 per message. What the previous copy carried
+   // comes out before this copy's goes in.
+   if (ctx.applied == Applied::whole &&
+       !preparePacket(ctx.pkt, bootReply, true, {}, {}, {}, IpAddr(), IpAddr(), 0))
+      return false;
+   if (ctx.applied == Applied::merged && !stripOwnInfoSubOptions(ctx.pkt, 0))
+      return false;
+   ctx.applied = Applied::nothing;
+   ctx.current = option;
+   if (ctx.firstHopOption) {
+      if (!option.located())
+         return true;
+      if (!mergeInfoOpt(ctx.pkt, option.vrfName, option.serverIdOverride, option.linkSelection, 0))
+         return false;
+      ctx.applied = Applied::merged;
+      return true;
+   }
+   if (!option.any())
+      return true;
+   if (!preparePacket(ctx.pkt, bootRequest, true,
+                      option.circuitId ? circuitIdOf(ctx.config, ctx.intf) : std::string_view(), {},
+                      option.vrfName, option.serverIdOverride, option.linkSelection, 0))
+      return false;
+   ctx.applied = Applied::whole;
+   return true;
+}
+
+bool DhcpRelaySm::doSendCopy(RequestContext& ctx, const CopyPlan& plan, bool& abandon) {
+   if (!ctx.relayed && !doApplyOption(ctx, plan.option)) {
+      if (plan.crossVrf)
+         TRACE(5, " Unable to manipulate packet for cross vrf ", " transaction. Dropping it.");
+      else
+         TRACE(5, " Unable to set link selection suboption  for the ",
+               " DHCP request packets received on", ctx.intf, ". Dropping it.");
+      doDrop(ctx, DropReason::option82EditFailed);
       return false;
    }
-   hdr.giaddrIs(giaddr);
-   hdr.hopsIs(hops);
-   TRACE(5, " relaying DHCP request packet to vrfSm udpPam ", serverIp, " from ", giaddr);
-   return sendTo(*sm->udpPam(), giaddr, serverIp, pkt);
+   if (!ctx.relayed) {
+      TRACE(6, "Setting giaddr to ", plan.giaddr);
+      ctx.hdr.giaddrIs(plan.giaddr);
+   }
+   ctx.hdr.hopsIs(ctx.hops);
+   // The client took the relay's override address for its server; the real server must
+   // see itself named (RFC 5107 section 4). A message without option 54 names none.
+   if (plan.crossVrf && ctx.hasServerId && !setServerId(ctx.pkt, plan.server)) {
+      TRACE(5, "Could not override server identifier option.  Dropping pkt.");
+      doDrop(ctx, DropReason::serverIdRewriteFailed);
+      abandon = true;
+      return false;
+   }
+   if (!sendTo(*plan.via->udpPam(), plan.giaddr, plan.server, ctx.pkt)) {
+      doDrop(ctx, DropReason::sendFailed);
+      return false;
+   }
+   if (plan.crossVrf)
+      TRACE(5, " relaying DHCP request packet to ", plan.server, " in vrf ", plan.via->vrfName(),
+            " from ", plan.giaddr);
+   else
+      TRACE(5, " relaying DHCP request packet to vrfSm udpPam ", plan.server, " from ",
+            plan.giaddr);
+   pktForwarded(*in_.status, bootRequest, ctx.intf);
+   return true;
 }
 
 std::optional<Platform::EgressRoute> DhcpRelaySm::egressRoute(DhcpVrfSm& sm, IpAddr server) {
@@ -282,9 +451,13 @@ std::optional<Platform::EgressRoute> DhcpRelaySm::egressRoute(DhcpVrfSm& sm, IpA
    return answer->route;
 }
 
+bool DhcpRelaySm::ownAddress(const DhcpVrfSm& sm, IpAddr addr) const {
+   return sm.sockets() && sm.sockets()->ownAddress(addr);
+}
+
 IpAddr DhcpRelaySm::getEgressIp(DhcpVrfSm& sm, uint32_t ifindex) const {
-   Ptr<KernelNetInfo::KernelIntf> device =
-       sm.kernelTable() ? sm.kernelTable()->interfaceByIndex(ifindex) : nullptr;
+   const KernelNetInfo::KernelIntf* device =
+       sm.sockets() ? sm.sockets()->deviceOf(ifindex) : nullptr;
    const IntfId intf = device ? in_.deviceIntfStatusDir->intfIdOf(device->deviceName()) : IntfId();
    Ptr<Ip::IpIntfStatus> status = intf.empty() ? nullptr : in_.ipStatus->ipIntfStatus(intf);
    if (!status) {
@@ -354,13 +527,7 @@ bool DhcpRelaySm::sourceIntfActive(const IntfId& srcIntf, const Ip::Status& ipSt
 
 Ptr<const KernelNetInfo::KernelIntf> DhcpRelaySm::kernelIntfOf(const DhcpVrfSm& sm,
                                                                const IntfId& intf) const {
-   // The namespace's interface status manager keeps each interface's ifindex, so a
-   // packet needs two map lookups, not a walk over the namespace's devices.
-   Ptr<Interface::IntfStatusLocal> local =
-       in_.intfStatusManagerRoot->intfStatusLocal()->intfStatusLocal(intf);
-   if (!sm.kernelTable() || !local || local->vrf() != sm.vrfName())
-      return nullptr;
-   return sm.kernelTable()->interfaceByIndex(local->ifindex());
+   return sm.sockets() ? sm.sockets()->kernelDevice(intf) : nullptr;
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -78,6 +78,7 @@ void applyInterface(Relay::IntfConfig& c, const InterfaceDoc& d) {
        [&](const auto& a) { c.ccapCoresDel(a); }, [&](const auto& a) { c.ccapCoresIs(a); });
    c.smartRelayIs(d.smartRelay);
    c.informationOptionIs(d.informationOption);
+   c.informationOptionPolicyIs(d.informationOptionPolicy);
    c.circuitIdIs(d.circuitId);
    c.routeInstallIs(d.routeInstall);
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "model/Config.h"
 #include "platform/addr/EthAddr.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
@@ -37,6 +38,8 @@ struct InterfaceDoc {
    std::vector<Platform::Ip6Addr> ccapCores;
    bool smartRelay = false;
    bool informationOption = false;
+   Ip::Helper::DhcpRelay::InfoOptionPolicy informationOptionPolicy =
+       Ip::Helper::DhcpRelay::InfoOptionPolicy::drop;
    // Empty: the relay uses the interface name.
    std::string circuitId;
    bool routeInstall = false;

@@ -36,6 +36,19 @@ json serversJson(const std::vector<ServerDoc>& servers) {
    return out;
 }
 
+const char* infoOptionPolicyText(Ip::Helper::DhcpRelay::InfoOptionPolicy p) {
+   using Ip::Helper::DhcpRelay::InfoOptionPolicy;
+   switch (p) {
+      case InfoOptionPolicy::keep:
+         return "keep";
+      case InfoOptionPolicy::replace:
+         return "replace";
+      case InfoOptionPolicy::drop:
+         break;
+   }
+   return "drop";
+}
+
 json interfaceJson(const InterfaceDoc& i) {
    return {{"vrf", i.vrf.toString()},
            {"servers", serversJson(i.servers)},
@@ -43,6 +56,7 @@ json interfaceJson(const InterfaceDoc& i) {
            {"ccap-cores", strings(i.ccapCores)},
            {"smart-relay", i.smartRelay},
            {"information-option", i.informationOption},
+           {"information-option-policy", infoOptionPolicyText(i.informationOptionPolicy)},
            {"circuit-id", i.circuitId.empty() ? json(nullptr) : json(i.circuitId)},
            {"route-install", i.routeInstall}};
 }

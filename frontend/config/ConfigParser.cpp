@@ -530,12 +530,29 @@ class Parser {
                {"ccap-cores", [&](const Value& m) { ccapCores(m, doc.ccapCores); }},
                {"smart-relay", [&](const Value& m) { setBool(m, doc.smartRelay); }},
                {"information-option", [&](const Value& m) { setBool(m, doc.informationOption); }},
+               {"information-option-policy",
+                [&](const Value& m) { infoOptionPolicy(m, doc.informationOptionPolicy); }},
                {"circuit-id", [&](const Value& m) { circuitId(m, doc.circuitId); }},
                {"route-install", [&](const Value& m) { setBool(m, doc.routeInstall); }}});
       // Servers inherit the interface's VRF, which may be written after them.
       doc.servers = resolveServers(std::move(servers), doc.vrf);
       doc.serversV6 = resolveServers(std::move(serversV6), doc.vrf);
       return doc;
+   }
+
+   void infoOptionPolicy(const Value& v, Ip::Helper::DhcpRelay::InfoOptionPolicy& out) {
+      using Ip::Helper::DhcpRelay::InfoOptionPolicy;
+      const auto text = string(v);
+      if (!text)
+         return;
+      if (*text == "drop")
+         out = InfoOptionPolicy::drop;
+      else if (*text == "keep")
+         out = InfoOptionPolicy::keep;
+      else if (*text == "replace")
+         out = InfoOptionPolicy::replace;
+      else
+         error(v.line, v.path, "expected drop, keep or replace, got " + quoted(*text));
    }
 
    std::vector<PendingServer> serverList(const Value& v, bool v6) {

@@ -1,4 +1,4 @@
-#include "relay4/EgressRouteCache.h"
+#include "relay/EgressRouteCache.h"
 
 #include <gtest/gtest.h>
 

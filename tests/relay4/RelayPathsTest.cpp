@@ -53,7 +53,7 @@ class RelayPathsTest : public testing::Test {
       auto eth7 = bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet7"));
       eth7->vrfIs(VrfName("red"));
       eth7->activeAddrWithMaskIs(*IpAddrWithMask::parse("172.16.0.1/24"));
-      bed.device("ns-red", 7, "Ethernet7");
+      bed.device("ns-red", 7, "Ethernet7")->ipv4Is({*IpAddrWithMask::parse("172.16.0.1/24")});
 
       sm = std::make_unique<PathRelaySm>(bed.inputs());
       sm->handleInitialized();
@@ -346,6 +346,7 @@ TEST_F(ReplyPathTest, RepliesNotForUsAreDropped) {
 
 TEST_F(ReplyPathTest, CrossVrfReplyRestoresServerIdAndBindsTheRenewal) {
    config1->informationOptionIs(true);
+   serverIs("red", "172.16.0.10");
    const Msg ack{.op = bootReply,
                  .type = 5,
                  .hops = 0,

@@ -241,6 +241,26 @@ std::string renderVrfs(const json& data) {
    return t.text();
 }
 
+namespace {
+
+Table dropsTable(const json& data) {
+   Table t({"Reason", "Dropped"});
+   t.rightAlignedIs(1);
+   const json drops = data.value("drops", json::object());
+   for (const auto& [reason, count] : drops.items()) {
+      if (count.get<uint64_t>() != 0)
+         t.rowAdd({reason, scalarText(count)});
+   }
+   return t;
+}
+
+}  // namespace
+
+std::string renderDrops(const json& data) {
+   const Table t = dropsTable(data);
+   return t.empty() ? "No message dropped.\n" : t.text();
+}
+
 std::string renderStatus(const json& data) {
    std::string out;
    Table summary({"", ""});
@@ -264,6 +284,8 @@ std::string renderStatus(const json& data) {
       out += "\nCounters\n";
       countersInto(data["counters"], kGlobalCounters, out, 2);
    }
+   if (const Table drops = dropsTable(data); !drops.empty())
+      out += "\nDropped, by reason\n" + drops.text();
    if (!data.contains("interfaces"))
       return out;
    for (const auto& [name, intf] : data["interfaces"].items()) {
@@ -276,6 +298,11 @@ std::string renderStatus(const json& data) {
       for (const auto& [key, value] : intf.items()) {
          if (key == "counters" || key == "lastResetTime" || key == "prefixBindings")
             continue;
+         if (key == "warnings") {
+            for (const auto& w : value)
+               out += "  Warning: " + w.get<std::string>() + "\n";
+            continue;
+         }
          out += "  " + humanized(key) + ": " +
                 (isScalar(value) ? scalarText(value) : value.dump()) + "\n";
       }

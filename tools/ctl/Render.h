@@ -13,6 +13,8 @@ std::string renderConfig(const nlohmann::json& data);
 std::string renderInterfaces(const nlohmann::json& data);
 std::string renderVrfs(const nlohmann::json& data);
 std::string renderStatus(const nlohmann::json& data);
+// The drop counters by reason, those that are not zero.
+std::string renderDrops(const nlohmann::json& data);
 std::string renderReload(const nlohmann::json& data);
 std::string renderCleared(const nlohmann::json& data);
 

@@ -62,11 +62,13 @@ int main(int argc, char** argv) {
        show->add_subcommand("counters", "relay counters, fresh from the packet paths");
    showCounters->add_option("interface", counterIntf, "only this interface");
    showCounters->add_flag("--json", cmd.asJson, "print the agent's data as JSON");
-   showCounters->callback([&cmd, &counterIntf] {
+   bool dropsOnly = false;
+   showCounters->add_flag("--drops", dropsOnly, "why messages were dropped, by reason");
+   showCounters->callback([&cmd, &counterIntf, &dropsOnly] {
       cmd.request = {{"cmd", "show"}, {"what", "counters"}};
       if (!counterIntf.empty())
          cmd.request["interface"] = counterIntf;
-      cmd.render = Ctl::renderStatus;
+      cmd.render = dropsOnly ? Ctl::renderDrops : Ctl::renderStatus;
    });
    CLI::App* clear = app.add_subcommand("clear", "reset what the agent counts");
    clear->require_subcommand(1);

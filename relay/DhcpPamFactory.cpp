@@ -1,4 +1,4 @@
-#include "relay4/DhcpPamFactory.h"
+#include "relay/DhcpPamFactory.h"
 
 #include "platform/pam/LinuxRawTxPam.h"
 #include "platform/pam/LinuxUdpPam.h"

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "model/VrfWithCountDir.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/addr/VrfName.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+// Which VRFs a relay family keeps sockets in, for both families: a VRF has them while it is
+// needed (its count in the family's active-VRF directory is above zero; "default" always)
+// and usable (its namespace exists; "default" always). The owner hears when a VRF's
+// socket machine should come and go and keeps the machines itself. A VRF whose namespace
+// changes goes and comes back, since sockets cannot follow it into the new namespace.
+class RelayVrfSet {
+ public:
+   class Owner {
+    public:
+      virtual void handleVrfAdd(const Platform::VrfName& vrf) = 0;
+      virtual void handleVrfDel(const Platform::VrfName& vrf) = 0;
+
+    protected:
+      ~Owner() = default;
+   };
+
+   RelayVrfSet(Owner& owner, const Ptr<const Ip::AllVrfStatusLocal>& vrfStatus,
+               const Ptr<const VrfWithCountDir>& activeVrfDir);
+   ~RelayVrfSet();
+   RelayVrfSet(const RelayVrfSet&) = delete;
+   RelayVrfSet& operator=(const RelayVrfSet&) = delete;
+
+   // Until this runs nothing is reported; it then reports every VRF that qualifies.
+   void handleInitialized();
+
+   void handleAllVrfStatus(const Platform::VrfName& vrf);
+   void handleVrfStatus(const Platform::VrfName& vrf);
+   void handleActiveVrfDir(const Platform::VrfName& vrf);
+
+   bool usable(const Platform::VrfName& vrf) const;
+   bool needed(const Platform::VrfName& vrf) const;
+   // The VRF's namespace; the agent's own for "default".
+   Platform::NamespaceName nsName(const Platform::VrfName& vrf) const;
+
+ private:
+   class VrfsReactor;
+   class VrfReactor;
+   class ActiveDirReactor;
+   class CountReactor;
+
+   Owner& owner_;
+   Ptr<const Ip::AllVrfStatusLocal> vrfStatus_;
+   Ptr<const VrfWithCountDir> activeVrfDir_;
+   bool initialized_ = false;
+   std::unique_ptr<VrfsReactor> vrfsReactor_;
+   std::unique_ptr<ActiveDirReactor> activeDirReactor_;
+   std::map<Platform::VrfName, std::unique_ptr<VrfReactor>> vrfReactor_;
+   std::map<Platform::VrfName, std::unique_ptr<CountReactor>> countReactor_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

@@ -1,0 +1,91 @@
+#include "relay/VrfSockets.h"
+
+#include <string>
+
+#include "platform/trace/Trace.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+class VrfSockets::UdpPamReactor : public Platform::UdpPam::Reactor {
+ public:
+   UdpPamReactor(VrfSockets& owner, const Ptr<Platform::UdpPam>& pam) : owner_(owner) {
+      notifierIs(pam);
+   }
+   void handleReadableCount() override { owner_.onReadable_(); }
+   void onNotifierAttached() override { owner_.onReadable_(); }
+
+ private:
+   VrfSockets& owner_;
+};
+
+VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
+                       const Platform::NamespaceName& nsName, const Deps& deps, uint8_t tos)
+    : vrf_(vrf),
+      nsName_(nsName),
+      deps_(deps),
+      kernelTable_(KernelNetInfo::kernelTableOf(deps.store, nsName.str())),
+      ownAddresses_(kernelTable_) {
+   deps_.intfStatus.namespaceFollowIs(nsName_.str());
+
+   Ptr<Platform::UdpPam> udp = deps_.pams.udpPam("UdpSocket-" + vrf_.str());
+   if (family.ipv6) {
+      udp->ipv6Is(true);
+      udp->txDstAddrIs(Platform::Ip6Addr());
+      udp->rxAddrIs(Platform::Ip6Addr());
+   } else {
+      udp->txDstAddrIs(Platform::IpAddr::broadcast());
+      udp->rxAddrIs(Platform::IpAddr::ipAddrZero());
+   }
+   if (family.maxRxPayload)
+      udp->maxRxPayloadIs(family.maxRxPayload);
+   udp->txPortIs(family.serverPort);
+   udp->rxPortIs(family.serverPort);
+   udp->netNsIs(nsName_.str());
+   udp->txTosIs(tos);
+   udp->modeIs(Platform::Pam::modeOpen);
+   udpPam_ = udp;
+
+   if (family.rawTx) {
+      Ptr<Platform::RawTxPam> raw = deps_.pams.rawTxPam("RawTxPam-" + vrf_.str());
+      raw->ethProtocolIs(family.ipv6 ? 0x86dd : 0x0800);
+      raw->netNsIs(nsName_.str());
+      raw->modeIs(Platform::Pam::modeOpen);
+      rawTxPam_ = raw;
+   }
+
+   std::string error;
+   routeSocket_ = deps_.pams.routeSocket(nsName_.str(), error);
+   if (!routeSocket_)
+      TRACE(0, " no netlink socket for vrf:", vrf_, " namespace ", nsName_, ": ", error);
+}
+
+void VrfSockets::onReadableIs(std::function<void()> onReadable) {
+   onReadable_ = std::move(onReadable);
+   udpPamReactor_ = std::make_unique<UdpPamReactor>(*this, udpPam_);
+}
+
+VrfSockets::~VrfSockets() {
+   udpPamReactor_.reset();
+   udpPam_->modeIs(Platform::Pam::modeClosed);
+   if (rawTxPam_)
+      rawTxPam_->modeIs(Platform::Pam::modeClosed);
+   deps_.intfStatus.namespaceFollowDel(nsName_.str());
+}
+
+const KernelNetInfo::KernelIntf* VrfSockets::deviceOf(uint32_t ifindex) const {
+   const auto& devices = kernelTable_->interfaceByIndex();
+   auto it = devices.find(ifindex);
+   return it == devices.end() ? nullptr : it->second.get();
+}
+
+Ptr<const KernelNetInfo::KernelIntf> VrfSockets::kernelDevice(const Platform::IntfId& intf) const {
+   // The interface status keeps each interface's ifindex, so this is two map lookups, not a
+   // walk over the namespace's devices.
+   Ptr<Interface::IntfStatusLocal> local =
+       deps_.intfStatus.intfStatusLocal()->intfStatusLocal(intf);
+   if (!local || local->vrf() != vrf_)
+      return nullptr;
+   return kernelTable_->interfaceByIndex(local->ifindex());
+}
+
+}  // namespace Ip::Helper::DhcpRelay
