@@ -7,8 +7,8 @@
 namespace Ip::Helper::DhcpRelay {
 
 ClientBindings::ClientBindings(Platform::TimerWheel& wheel, const Ptr<ClientContext>& context,
-                               const Ptr<Status>& status)
-    : wheel_(wheel), context_(context), status_(status) {
+                               const Ptr<Status>& status, size_t limit)
+    : wheel_(wheel), context_(context), status_(status), limit_(limit) {
    // Bindings of an earlier run have no timers: they would never go.
    context_->crossVrfClientBindingDelAll();
    doCount();
@@ -24,7 +24,7 @@ bool ClientBindings::bindingIs(const Platform::EthAddr& mac, const CrossVrfClien
                                std::optional<uint32_t> leaseTime) {
    auto it = expiry_.find(mac);
    if (it == expiry_.end()) {
-      if (expiry_.size() >= Status::numClientBindingsMax()) {
+      if (expiry_.size() >= limit_) {
          TRACE(4, " client binding table full (", expiry_.size(), "); no binding for ", mac);
          status_->clientBindingsRefusedInc();
          return false;

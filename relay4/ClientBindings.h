@@ -15,7 +15,8 @@ namespace Ip::Helper::DhcpRelay {
 // took one of the relay's addresses for their server, because their server sits in another
 // VRF or is reached from a source interface or address. A binding lives as long as the
 // lease the server granted (option 51 of the ACK), at most kLeaseCeiling when the lease is
-// missing or infinite, and the table holds at most Status::numClientBindingsMax() bindings:
+// missing or infinite, and the table holds at most `limit` bindings (by default
+// Status::numClientBindingsMax()):
 // past that, new clients get no binding (counted in clientBindingsRefused) and renew by
 // broadcast once their unicast renewals go unanswered.
 class ClientBindings {
@@ -23,7 +24,7 @@ class ClientBindings {
    static constexpr double kLeaseCeiling = 86400.0;
 
    ClientBindings(Platform::TimerWheel& wheel, const Ptr<ClientContext>& context,
-                  const Ptr<Status>& status);
+                  const Ptr<Status>& status, size_t limit = Status::numClientBindingsMax());
    ~ClientBindings();
    ClientBindings(const ClientBindings&) = delete;
    ClientBindings& operator=(const ClientBindings&) = delete;
@@ -43,6 +44,7 @@ class ClientBindings {
    Platform::TimerWheel& wheel_;
    Ptr<ClientContext> context_;
    Ptr<Status> status_;
+   const size_t limit_;
    std::unordered_map<Platform::EthAddr, Platform::Timer> expiry_;
 };
 

@@ -57,6 +57,16 @@ void IntfConfigServerIpSm::doLeave() {
          handleServerHostname(key);
 }
 
+bool IntfConfigServerIpSm::namedByAnotherEntry(const VrfHostnameSrcIntfSrcIp& key) const {
+   if (leaving_)
+      return false;
+   for (const auto& [other, configured] : intfConfig_->serverHostname()) {
+      if (configured && other.hostname == key.hostname && !(other == key))
+         return true;
+   }
+   return false;
+}
+
 void IntfConfigServerIpSm::handleServerIpConfig() {
    for (const auto& [key, enabled] : intfConfig_->serverIp())
       handleServerIpConfig(key);
@@ -104,7 +114,10 @@ void IntfConfigServerIpSm::handleServerHostname(const VrfHostnameSrcIntfSrcIp& k
       const Ptr<HostnameToIntfName> hostnameIntfColl =
           hostnameToIntfNameMap_->hostnameToIntfName(hostname);
       PLATFORM_ASSERT(hostnameIntfColl, "hostnameIntfColl");
-      hostnameIntfColl->intfIdCollDel(intfConfig_->intfId());
+      // Entries that differ in VRF or source may name one host: the interface stays in the
+      // name's index while any of them is still configured.
+      if (!namedByAnotherEntry(key))
+         hostnameIntfColl->intfIdCollDel(intfConfig_->intfId());
       if (hostnameIntfColl->intfIdColl().empty()) {
          TRACE(3, " removing hostnameIntfColl");
          hostnameToIntfNameMap_->hostnameToIntfNameDel(hostname);

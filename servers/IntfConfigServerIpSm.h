@@ -53,6 +53,8 @@ class IntfConfigServerIpSm {
    void handleServerIpConfig();
    void handleServerHostname(const VrfHostnameSrcIntfSrcIp& key);
    void handleServerHostname();
+   // Whether another configured entry of the interface names the same host.
+   bool namedByAnotherEntry(const VrfHostnameSrcIntfSrcIp& key) const;
 
    Ptr<const IntfConfig> intfConfig_;
    Ptr<ResolutionRequestDir> namelookRequest_;

@@ -9,9 +9,11 @@ namespace {
 
 using Platform::EthAddr;
 using Platform::IpAddrWithMask;
+using Platform::IpGenAddr;
 using Platform::Pkt;
 
 const EthAddr kRelayMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
+const EthAddr kBroadcastMac({0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
 
 // The relay with the kernel's routing answers supplied by the test.
 class PathRelaySm : public DhcpRelaySm {
@@ -26,35 +28,62 @@ class PathRelaySm : public DhcpRelaySm {
    std::map<uint32_t, uint32_t> routes;
 };
 
-Ptr<Pkt> pktOf(const Bytes& b) {
-   return Pkt::copyOf(b);
+// Option 82 as read back from a packet; `present` false when it carries none.
+struct Opt82 {
+   bool present = false;
+   std::string circuit, remote, vrf;
+   IpAddr override, link;
+   bool operator==(const Opt82&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& os, const Opt82& o) {
+   if (!o.present)
+      return os << "(no option 82)";
+   return os << "circuit=" << o.circuit << " remote=" << o.remote << " vrf=" << o.vrf
+             << " override=" << o.override.toString() << " link=" << o.link.toString();
 }
 
-// Ones-complement sum of 16-bit words: 0xffff over data that holds its own valid checksum.
-uint16_t onesSum(const uint8_t* p, size_t n, uint32_t sum = 0) {
-   for (size_t i = 0; i < n; i += 2)
-      sum += (p[i] << 8) | (i + 1 < n ? p[i + 1] : 0);
-   while (sum >> 16)
-      sum = (sum & 0xffff) + (sum >> 16);
-   return static_cast<uint16_t>(sum);
+Opt82 opt82Of(const Pkt& pkt, size_t offset = 0) {
+   Opt82 o;
+   o.present = infoOptPresent(pkt, offset);
+   EXPECT_TRUE(parseInfoOpt(pkt, o.circuit, o.remote, o.vrf, o.override, o.link, offset));
+   return o;
 }
 
+Opt82 opt(std::string circuit, std::string vrf = {}, const char* override = nullptr,
+          const char* link = nullptr, std::string remote = {}) {
+   return {true,
+           std::move(circuit),
+           std::move(remote),
+           std::move(vrf),
+           override ? ip(override) : IpAddr(),
+           link ? ip(link) : IpAddr()};
+}
+
+// A message with an option 82 already in it, as a first hop or the relay itself writes it.
+Bytes withOpt82(const Msg& m, const Opt82& o) {
+   Ptr<Pkt> pkt = Pkt::copyOf(message(m));
+   EXPECT_TRUE(
+       preparePacket(*pkt, bootRequest, true, o.circuit, o.remote, o.vrf, o.override, o.link, 0));
+   return {pkt->span().begin(), pkt->span().end()};
+}
+
+// Ethernet1 (10.0.0.1/24, secondary 10.0.1.1/24) and Ethernet2 (10.0.2.1/24) relay in the
+// default VRF; Ethernet3 (10.0.3.1/24) is a source interface there; Ethernet7 (172.16.0.1)
+// leads to the servers of VRF red. The kernel tables list every address, so they are the
+// relay's own in their VRF.
 class RelayPathsTest : public testing::Test {
  protected:
    void SetUp() override {
       bed.vrfIs("red", "ns-red", true);
       bed.activeVrfIs("default", 1);
       bed.activeVrfIs("red", 1);
-      eth1 = relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
+      eth1 = intfIs("Ethernet1", "default", 5, {"10.0.0.1/24", "10.0.1.1/24"}, true);
+      intfIs("Ethernet2", "default", 6, {"10.0.2.1/24"}, true);
+      intfIs("Ethernet3", "default", 8, {"10.0.3.1/24"}, false);
+      intfIs("Ethernet7", "red", 7, {"172.16.0.1/24"}, false);
       config1 = bed.config->intfConfig(IntfId("Ethernet1"));
       servers1 = bed.intfServerIpDir->drIntfServerIpIs(IntfId("Ethernet1"));
-      bed.device("default", 5, "Ethernet1")->macIs(kRelayMac);
-      // The interface towards the servers of VRF red: no relay on it.
-      auto eth7 = bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet7"));
-      eth7->vrfIs(VrfName("red"));
-      eth7->activeAddrWithMaskIs(*IpAddrWithMask::parse("172.16.0.1/24"));
-      bed.device("ns-red", 7, "Ethernet7")->ipv4Is({*IpAddrWithMask::parse("172.16.0.1/24")});
-
       sm = std::make_unique<PathRelaySm>(bed.inputs());
       sm->handleInitialized();
       sm->routes[ip("172.16.0.10").value()] = 7;
@@ -63,23 +92,50 @@ class RelayPathsTest : public testing::Test {
       raw = bed.pams.raw.at("RawTxPam-default");
    }
 
-   Ptr<Ip::IpIntfStatus> relayIntfIs(const char* intf, const char* vrf, const char* primary) {
-      bed.config->intfConfigIs(IntfId(intf));
+   Ptr<Ip::IpIntfStatus> intfIs(const char* intf, const char* vrf, uint32_t ifindex,
+                                std::vector<const char*> addrs, bool relay) {
+      if (relay)
+         bed.config->intfConfigIs(IntfId(intf));
       auto status = bed.ipStatus->ipIntfStatusIs(IntfId(intf));
       status->vrfIs(VrfName(vrf));
-      status->activeAddrWithMaskIs(*IpAddrWithMask::parse(primary));
+      std::vector<IpAddrWithMask> all;
+      for (const char* a : addrs)
+         all.push_back(net(a));
+      status->activeAddrWithMaskIs(all[0]);
+      for (size_t i = 1; i < all.size(); ++i)
+         status->activeSecondaryWithMaskIs(all[i]);
+      auto device = bed.device(std::string(vrf) == "red" ? "ns-red" : "default", ifindex, intf);
+      device->macIs(kRelayMac);
+      device->upIs(true);
+      device->ipv4Is(all);
       return status;
    }
-   void serverIs(const char* vrf, const char* addr) {
-      servers1->serverIpIs(VrfIpSrcIntfSrcIp{VrfName(vrf), ip(addr), {}, {}}, 1);
+   void serverIs(const char* vrf, const char* addr, const char* srcIntf = "",
+                 const char* srcIp = "") {
+      servers1->serverIpIs(
+          VrfIpSrcIntfSrcIp{VrfName(vrf), ip(addr), *srcIntf ? IntfId(srcIntf) : IntfId(),
+                            *srcIp ? IpGenAddr(ip(srcIp)) : IpGenAddr()},
+          1);
    }
-   Ptr<Pkt> receive(const Msg& m, IpAddr dst = IpAddr::broadcast(), const char* vrf = "default",
-                    IpAddr src = IpAddr(), const char* intf = "Ethernet1") {
-      Ptr<Pkt> pkt = pktOf(message(m));
+   void receive(const Bytes& payload, IpAddr dst = IpAddr::broadcast(), IpAddr src = IpAddr(),
+                const char* intf = "Ethernet1", const char* vrf = "default") {
+      Ptr<Pkt> pkt = Pkt::copyOf(payload);
       sm->doProcessPacket(*pkt, src, dst, IntfId(intf), VrfName(vrf));
-      return pkt;
    }
-   Ptr<Pkt> sentPkt(const Platform::UdpTestPam::Sent& s) { return pktOf(s.bytes); }
+   void replyIn(const Bytes& dhcp, const char* vrf = "default", const char* src = "192.168.1.10") {
+      Ptr<Pkt> pkt = Pkt::copyOf(dhcp);
+      sm->doProcessPacket(*pkt, ip(src), ip("10.0.0.1"), IntfId(), VrfName(vrf));
+   }
+   // Every copy sent to a server so far, in order, with the VRF whose socket sent it.
+   std::vector<std::pair<std::string, Platform::UdpTestPam::Sent>> copies() const {
+      std::vector<std::pair<std::string, Platform::UdpTestPam::Sent>> out;
+      for (const auto& s : udp->sent())
+         out.emplace_back("default", s);
+      for (const auto& s : udpRed->sent())
+         out.emplace_back("red", s);
+      return out;
+   }
+   uint64_t drops(DropReason r) const { return bed.status->drops(r); }
 
    RelayTestBed bed;
    Ptr<Ip::IpIntfStatus> eth1;
@@ -90,305 +146,433 @@ class RelayPathsTest : public testing::Test {
    Ptr<Platform::RawTxTestPam> raw;
 };
 
-// --- request path -----------------------------------------------------------------------
+// --- one copy per server: socket, giaddr and option 82 ------------------------------------
 
-TEST_F(RelayPathsTest, HopCountOnRelayedRequests) {
-   serverIs("default", "192.168.1.10");
-   receive({.hops = 255});
-   EXPECT_TRUE(udp->sent().empty());
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
+struct CopyCase {
+   const char* name;
+   const char* vrf = "default";  // the server's
+   const char* srcIntf = "";
+   const char* srcIp = "";
+   bool informationOption = false;
+   InfoOptionPolicy policy = InfoOptionPolicy::drop;
+   bool firstHopOption = false;  // the client's request arrives with a switch's option 82
+   // Expected: the copy's VRF and giaddr, and its option 82; or the reason it was dropped.
+   const char* sentIn = "default";
+   const char* giaddr = "10.0.0.1";
+   Opt82 option = {};
+   std::optional<DropReason> dropped = {};
+   // Copies counted as relayed from outside the interface's subnets.
+   uint64_t nonSubnet = 0;
+};
 
-   receive({.hops = 254});
-   ASSERT_EQ(udp->sent().size(), 1u);
-   const auto& s = udp->sent()[0];
-   EXPECT_EQ(s.bytes[3], 255);
-   EXPECT_EQ(s.dst, Platform::IpGenAddr(ip("192.168.1.10")));
-   EXPECT_EQ(s.src, Platform::IpGenAddr(ip("10.0.0.1")));
-   EXPECT_EQ(s.port, 67);
-   EXPECT_EQ(DhcpHdr::of(*sentPkt(s))->giaddr(), ip("10.0.0.1"));
-   EXPECT_EQ(bed.status->totalRequestsForwarded(), 1u);
+void PrintTo(const CopyCase& c, std::ostream* os) {
+   *os << c.name;
 }
 
-TEST_F(RelayPathsTest, RequestsRelayedByOtherAgents) {
+const Opt82 kSwitch = opt("sw-port", {}, nullptr, nullptr, "sw-remote");
+
+const CopyCase kCopyCases[] = {
+    {.name = "Plain"},
+    {.name = "CircuitId", .informationOption = true, .option = opt("port-7")},
+    // Replies to a copy from another address find the client by the override address; the
+    // server leases from the client's subnet by link selection.
+    {.name = "SourceInterface",
+     .srcIntf = "Ethernet3",
+     .informationOption = true,
+     .giaddr = "10.0.3.1",
+     .option = opt("port-7", {}, "10.0.0.1", "10.0.0.0")},
+    {.name = "SourceInterfaceNeedsTheOption",
+     .srcIntf = "Ethernet3",
+     .dropped = DropReason::srcIntfNeedsInfoOption},
+    {.name = "SourceInterfaceInAnotherVrf",
+     .srcIntf = "Ethernet7",
+     .informationOption = true,
+     .dropped = DropReason::srcIntfInactive},
+    // The locating sub-options go even without the information option: otherwise the reply
+    // to 10.9.9.9 finds no client (or, for another interface's address, the wrong one).
+    {.name = "SourceAddressElsewhere",
+     .srcIp = "10.9.9.9",
+     .giaddr = "10.9.9.9",
+     .option = opt({}, {}, "10.0.0.1", "10.0.0.0"),
+     .nonSubnet = 1},
+    {.name = "SourceAddressOfAnotherRelayInterface",
+     .srcIp = "10.0.2.1",
+     .informationOption = true,
+     .giaddr = "10.0.2.1",
+     .option = opt("port-7", {}, "10.0.0.1", "10.0.0.0"),
+     .nonSubnet = 1},
+    {.name = "SourceAddressOfTheInterface", .srcIp = "10.0.1.1", .giaddr = "10.0.1.1"},
+    {.name = "CrossVrf",
+     .vrf = "red",
+     .informationOption = true,
+     .sentIn = "red",
+     .giaddr = "172.16.0.1",
+     .option = opt("port-7", "default", "10.0.0.1", "10.0.0.0"),
+     .nonSubnet = 1},
+    {.name = "CrossVrfNeedsTheOption",
+     .vrf = "red",
+     .dropped = DropReason::crossVrfNeedsInfoOption},
+    // A first hop's option 82 with giaddr zero: untrusted by default.
+    {.name = "FirstHopUntrusted",
+     .informationOption = true,
+     .firstHopOption = true,
+     .dropped = DropReason::option82Untrusted},
+    {.name = "FirstHopKept",
+     .informationOption = true,
+     .policy = InfoOptionPolicy::keep,
+     .firstHopOption = true,
+     .option = kSwitch},
+    {.name = "FirstHopKeptAcrossVrfs",
+     .vrf = "red",
+     .informationOption = true,
+     .policy = InfoOptionPolicy::keep,
+     .firstHopOption = true,
+     .sentIn = "red",
+     .giaddr = "172.16.0.1",
+     .option = opt("sw-port", "default", "10.0.0.1", "10.0.0.0", "sw-remote"),
+     .nonSubnet = 1},
+    {.name = "FirstHopKeptFromASourceInterface",
+     .srcIntf = "Ethernet3",
+     .informationOption = true,
+     .policy = InfoOptionPolicy::keep,
+     .firstHopOption = true,
+     .giaddr = "10.0.3.1",
+     .option = opt("sw-port", {}, "10.0.0.1", "10.0.0.0", "sw-remote")},
+    {.name = "FirstHopReplaced",
+     .informationOption = true,
+     .policy = InfoOptionPolicy::replace,
+     .firstHopOption = true,
+     .option = opt("port-7")},
+    {.name = "FirstHopRemoved", .policy = InfoOptionPolicy::replace, .firstHopOption = true},
+};
+
+class CopyTest : public RelayPathsTest, public testing::WithParamInterface<CopyCase> {};
+
+TEST_P(CopyTest, OneServer) {
+   const CopyCase& c = GetParam();
+   config1->informationOptionIs(c.informationOption);
+   config1->informationOptionPolicyIs(c.policy);
+   config1->circuitIdIs("port-7");
+   serverIs(c.vrf, c.vrf == std::string("red") ? "172.16.0.10" : "192.168.1.10", c.srcIntf,
+            c.srcIp);
+   const Msg m{.hops = 2};
+   receive(c.firstHopOption ? withOpt82(m, kSwitch) : message(m));
+   const auto sent = copies();
+   if (c.dropped) {
+      EXPECT_TRUE(sent.empty());
+      EXPECT_EQ(drops(*c.dropped), 1u);
+      EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped(), 1u);
+      return;
+   }
+   ASSERT_EQ(sent.size(), 1u);
+   const auto& [vrf, s] = sent[0];
+   Ptr<Pkt> copy = Pkt::copyOf(s.bytes);
+   EXPECT_EQ(vrf, c.sentIn);
+   EXPECT_EQ(DhcpHdr::of(*copy)->giaddr(), ip(c.giaddr));
+   EXPECT_EQ(s.src, IpGenAddr(ip(c.giaddr)));
+   EXPECT_EQ(s.port, 67);
+   EXPECT_EQ(copy->data()[3], 3);
+   EXPECT_EQ(opt82Of(*copy), c.option);
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), 1u);
+   EXPECT_EQ(bed.status->totalRequestsForwardedWithNonSubnetIp(), c.nonSubnet);
+}
+
+INSTANTIATE_TEST_SUITE_P(RelayPaths, CopyTest, testing::ValuesIn(kCopyCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// One packet serves every copy: each server sees its own option 82 and option 54.
+TEST_F(RelayPathsTest, CopiesToSeveralServersEachCarryTheirOwnOption) {
+   config1->informationOptionIs(true);
+   config1->informationOptionPolicyIs(InfoOptionPolicy::keep);
    serverIs("default", "192.168.1.10");
+   serverIs("default", "192.168.1.11", "Ethernet3");
+   serverIs("red", "172.16.0.10");
+   serverIs("red", "172.16.0.11");  // no route: that copy alone is dropped
+   receive(withOpt82({.serverId = ip("10.0.0.1")}, kSwitch));
+   const auto sent = copies();
+   ASSERT_EQ(sent.size(), 3u);
+   std::vector<Opt82> options;
+   std::vector<IpAddr> serverIds;
+   for (const auto& [vrf, s] : sent) {
+      Ptr<Pkt> copy = Pkt::copyOf(s.bytes);
+      options.push_back(opt82Of(*copy));
+      serverIds.push_back(*getServerId(*copy));
+   }
+   EXPECT_EQ(options,
+             (std::vector<Opt82>{kSwitch, opt("sw-port", {}, "10.0.0.1", "10.0.0.0", "sw-remote"),
+                                 opt("sw-port", "default", "10.0.0.1", "10.0.0.0", "sw-remote")}));
+   // Option 54 names the real server only where the client saw the relay as its server.
+   EXPECT_EQ(serverIds, (std::vector<IpAddr>{ip("10.0.0.1"), ip("10.0.0.1"), ip("172.16.0.10")}));
+   EXPECT_EQ(drops(DropReason::noEgressRoute), 1u);
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), 3u);
+   // The egress address is outside the client's subnets.
+   EXPECT_EQ(bed.status->totalRequestsForwardedWithNonSubnetIp(), 1u);
+}
+
+// --- requests that are not plain client requests -----------------------------------------
+
+TEST_F(RelayPathsTest, HopsAndGiaddrsOfOtherAgents) {
+   serverIs("default", "192.168.1.10");
+   serverIs("red", "172.16.0.10");
    Platform::TraceCapture trace;
-   // A re-broadcast leaves with the hop count no relay accepts, so it stops at the next.
-   receive({.hops = 3, .giaddr = ip("10.0.0.77")});
+   receive(message({.hops = 255}));
+   EXPECT_EQ(drops(DropReason::hopLimit), 1u);
+   // Our own giaddr: we relayed it already.
+   receive(message({.giaddr = ip("10.0.0.1")}));
+   EXPECT_EQ(drops(DropReason::alreadyRelayed), 1u);
+   EXPECT_TRUE(copies().empty());
+
+   // Another agent's broadcast leaves with the hop count no relay accepts.
+   receive(message({.hops = 3, .giaddr = ip("10.0.0.77")}));
    ASSERT_EQ(udp->sent().size(), 1u);
-   EXPECT_EQ(udp->sent()[0].dst, Platform::IpGenAddr(IpAddr::broadcast()));
+   EXPECT_EQ(udp->sent()[0].dst, IpGenAddr(IpAddr::broadcast()));
    EXPECT_EQ(udp->sent()[0].bytes[3], 255);
    EXPECT_TRUE(trace.contains("setting hops to maximum value."));
-   EXPECT_TRUE(trace.contains(" forward previously relayed packet to 255.255.255.255"));
-   // Unicast to us from another agent goes on to where it was sent, one hop further,
-   // untouched otherwise (the giaddr stays the other agent's).
-   receive({.hops = 3, .giaddr = ip("10.0.0.77")}, ip("192.168.9.9"));
+   // Sent to us, it names us as that agent's server: relayed to the interface's servers in
+   // its VRF, giaddr and option as they came, one hop more; it cannot cross VRFs.
+   receive(withOpt82({.hops = 3, .giaddr = ip("10.0.0.77")}, kSwitch), ip("10.0.0.1"),
+           ip("10.0.0.77"));
    ASSERT_EQ(udp->sent().size(), 2u);
-   EXPECT_EQ(udp->sent()[1].dst, Platform::IpGenAddr(ip("192.168.9.9")));
-   EXPECT_EQ(udp->sent()[1].bytes[3], 4);
-   EXPECT_EQ(DhcpHdr::of(*sentPkt(udp->sent()[1]))->giaddr(), ip("10.0.0.77"));
-   EXPECT_EQ(bed.status->totalRequestsForwarded(), 2u);
-
-   // Our own giaddr: we relayed it already.
-   receive({.giaddr = ip("10.0.0.1")});
-   EXPECT_EQ(udp->sent().size(), 2u);
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
-   EXPECT_TRUE(trace.contains(" dropping request packet already handled ( giaddr=10.0.0.1"));
+   Ptr<Pkt> relayed = Pkt::copyOf(udp->sent()[1].bytes);
+   EXPECT_EQ(udp->sent()[1].dst, IpGenAddr(ip("192.168.1.10")));
+   EXPECT_EQ(DhcpHdr::of(*relayed)->giaddr(), ip("10.0.0.77"));
+   EXPECT_EQ(relayed->data()[3], 4);
+   EXPECT_EQ(opt82Of(*relayed), kSwitch);
+   EXPECT_TRUE(udpRed->sent().empty());
+   EXPECT_EQ(drops(DropReason::relayedCrossVrf), 1u);
+   // Sent elsewhere, it goes on to where it was sent.
+   receive(message({.hops = 3, .giaddr = ip("10.0.0.77")}), ip("192.168.9.9"));
+   ASSERT_EQ(udp->sent().size(), 3u);
+   EXPECT_EQ(udp->sent()[2].dst, IpGenAddr(ip("192.168.9.9")));
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), 3u);
 }
 
 TEST_F(RelayPathsTest, UnicastToOurOwnAddressIsARenewalOnlyOnItsLink) {
    serverIs("default", "192.168.1.10");
-   relayIntfIs("Ethernet2", "default", "10.0.2.1/24");
    Platform::TraceCapture trace;
-   receive({}, ip("10.0.0.1"), "default", ip("10.0.0.50"));
+   receive(message({}), ip("10.0.0.1"), ip("10.0.0.50"));
    EXPECT_TRUE(udp->sent().empty());
    EXPECT_TRUE(
        trace.contains(" No existing client context, Dropping unicast DHCPRENEW request "
                       "for client 02:00:00:00:00:42"));
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
-
-   receive({}, ip("10.0.2.1"), "default", ip("10.0.0.50"));
+   EXPECT_EQ(drops(DropReason::noClientBinding), 1u);
+   receive(message({}), ip("10.0.2.1"), ip("10.0.0.50"));
    ASSERT_EQ(udp->sent().size(), 1u);
-   EXPECT_EQ(udp->sent()[0].dst, Platform::IpGenAddr(ip("192.168.1.10")));
+   EXPECT_EQ(udp->sent()[0].dst, IpGenAddr(ip("192.168.1.10")));
 }
 
-TEST_F(RelayPathsTest, CrossVrfServerNeedsTheInformationOption) {
-   serverIs("default", "192.168.1.10");
-   serverIs("red", "172.16.0.10");
-   Platform::TraceCapture trace;
-   receive({});
-   ASSERT_EQ(udp->sent().size(), 1u);
-   EXPECT_TRUE(udpRed->sent().empty());
-   EXPECT_EQ(bed.status->totalRequestsForwarded(), 1u);
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
-   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped(), 1u);
-   EXPECT_TRUE(trace.contains(" Not relaying packet across vrf for intf Ethernet1"));
-   // Without option 82 configured nothing is added to the same-VRF copy.
-   EXPECT_FALSE(infoOptPresent(*sentPkt(udp->sent()[0])));
+// --- replies ----------------------------------------------------------------------------
+
+// What a server sends back: the reply with the option 82 of the copy it answered.
+Bytes serverReply(const Msg& m, const std::optional<Opt82>& o) {
+   return o ? withOpt82(m, *o) : message(m);
 }
 
-TEST_F(RelayPathsTest, InterfaceWithoutAddressDropsEveryRequest) {
-   serverIs("default", "192.168.1.10");
-   serverIs("red", "172.16.0.10");
-   eth1->activeAddrWithMaskIs(IpAddrWithMask());
-   Platform::TraceCapture trace;
-   receive({});
-   receive({}, ip("10.0.0.9"));
-   EXPECT_TRUE(udp->sent().empty());
-   EXPECT_TRUE(udpRed->sent().empty());
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 2u);
-   EXPECT_TRUE(trace.contains(
-       " No valid IP address found on client interface ( Ethernet1 ). Dropping packet"));
+const Msg kAck{.op = bootReply,
+               .type = 5,
+               .flags = 0x8000,
+               .yiaddr = ip("10.0.0.50"),
+               .giaddr = ip("10.0.0.1"),
+               .serverId = ip("192.168.1.10")};
+
+struct ReplyCase {
+   const char* name;
+   std::optional<Opt82> option = {};
+   const char* giaddr = "10.0.0.1";
+   const char* vrf = "default";  // where it arrives
+   const char* src = "192.168.1.10";
+   std::optional<DropReason> dropped = {};
+   // Delivered: out of Ethernet1 from this address, option 54 and option 82 as given; a
+   // client binding for unicast renewals when `bound`.
+   const char* from = "10.0.0.1";
+   const char* serverId = "192.168.1.10";
+   Opt82 leftOption = {};
+   bool bound = false;
+};
+
+void PrintTo(const ReplyCase& c, std::ostream* os) {
+   *os << c.name;
 }
 
-TEST_F(RelayPathsTest, CrossVrfCopyCarriesWhatTheReplyNeeds) {
-   config1->informationOptionIs(true);
+const ReplyCase kReplyCases[] = {
+    {.name = "Plain"},
+    {.name = "OwnOptionStripped", .option = opt("port-7")},
+    {.name = "ZeroGiaddr", .giaddr = "0.0.0.0", .dropped = DropReason::zeroGiaddr},
+    {.name = "UnknownGiaddr", .giaddr = "10.0.0.99", .dropped = DropReason::unknownGiaddr},
+    {.name = "CrossVrf",
+     .option = opt("port-7", "default", "10.0.0.1", "10.0.0.0"),
+     .giaddr = "172.16.0.1",
+     .vrf = "red",
+     .src = "172.16.0.10",
+     .serverId = "10.0.0.1",
+     .bound = true},
+    {.name = "CrossVrfFromNoServer",
+     .option = opt("port-7", "default", "10.0.0.1", "10.0.0.0"),
+     .giaddr = "172.16.0.1",
+     .vrf = "red",
+     .src = "172.16.0.66",
+     .dropped = DropReason::unknownServer},
+    {.name = "CrossVrfToAnotherGiaddr",
+     .option = opt("port-7", "default", "10.0.0.1", "10.0.0.0"),
+     .giaddr = "172.16.0.99",
+     .vrf = "red",
+     .src = "172.16.0.10",
+     .dropped = DropReason::giaddrNotOwn},
+    {.name = "CrossVrfToAnUnknownOverride",
+     .option = opt("port-7", "default", "10.0.0.77", "10.0.0.0"),
+     .giaddr = "172.16.0.1",
+     .vrf = "red",
+     .src = "172.16.0.10",
+     .dropped = DropReason::unknownOverride},
+    {.name = "CrossVrfWithoutOverride",
+     .option = opt("port-7", "default"),
+     .giaddr = "10.0.0.1",
+     .dropped = DropReason::noServerIdOverride},
+    // Replies to copies from a source interface or address come back to that address and
+    // are found by the override, also when it is another relay interface's address.
+    {.name = "SourceInterface",
+     .option = opt("port-7", {}, "10.0.0.1", "10.0.0.0"),
+     .giaddr = "10.0.3.1",
+     .serverId = "10.0.0.1",
+     .bound = true},
+    {.name = "SourceAddressOfAnotherRelayInterface",
+     .option = opt({}, {}, "10.0.0.1", "10.0.0.0"),
+     .giaddr = "10.0.2.1",
+     .serverId = "10.0.0.1",
+     .bound = true},
+    // A first hop's option goes back down as it came up, without the relay's sub-options.
+    {.name = "FirstHopOptionGoesBackDown",
+     .option = opt("sw-port", "default", "10.0.0.1", "10.0.0.0", "sw-remote"),
+     .giaddr = "172.16.0.1",
+     .vrf = "red",
+     .src = "172.16.0.10",
+     .serverId = "10.0.0.1",
+     .leftOption = kSwitch,
+     .bound = true},
+};
+
+class ReplyTest : public RelayPathsTest, public testing::WithParamInterface<ReplyCase> {};
+
+TEST_P(ReplyTest, OneReply) {
+   const ReplyCase& c = GetParam();
    config1->circuitIdIs("port-7");
    serverIs("default", "192.168.1.10");
    serverIs("red", "172.16.0.10");
-   receive({.hops = 2, .serverId = ip("10.0.0.1")});
-
-   ASSERT_EQ(udp->sent().size(), 1u);
-   ASSERT_EQ(udpRed->sent().size(), 1u);
-   std::string circuit, remote, vrf;
-   IpAddr override, link;
-   // Same VRF: circuit-id only, option 54 as the client sent it.
-   Ptr<Pkt> own = sentPkt(udp->sent()[0]);
-   ASSERT_TRUE(parseInfoOpt(*own, circuit, remote, vrf, override, link, 0));
-   EXPECT_EQ(circuit, "port-7");
-   EXPECT_TRUE(vrf.empty());
-   EXPECT_TRUE(override.isZero());
-   EXPECT_EQ(getServerId(*own), ip("10.0.0.1"));
-   EXPECT_EQ(own->data()[3], 3);
-
-   // Other VRF: one option 82 (a second would not parse) with the client's VRF, our
-   // address as server identifier override and the client subnet; option 54 names the
-   // real server; giaddr and source are our address in the server's VRF.
-   const auto& s = udpRed->sent()[0];
-   Ptr<Pkt> cross = sentPkt(s);
-   ASSERT_TRUE(parseInfoOpt(*cross, circuit, remote, vrf, override, link, 0));
-   EXPECT_EQ(circuit, "port-7");
-   EXPECT_EQ(remote, "");
-   EXPECT_EQ(vrf, "default");
-   EXPECT_EQ(override, ip("10.0.0.1"));
-   EXPECT_EQ(link, ip("10.0.0.0"));
-   EXPECT_EQ(getServerId(*cross), ip("172.16.0.10"));
-   EXPECT_EQ(DhcpHdr::of(*cross)->giaddr(), ip("172.16.0.1"));
-   EXPECT_EQ(cross->data()[3], 3);
-   EXPECT_EQ(s.src, Platform::IpGenAddr(ip("172.16.0.1")));
-   EXPECT_EQ(s.dst, Platform::IpGenAddr(ip("172.16.0.10")));
-   EXPECT_EQ(s.port, 67);
-   EXPECT_EQ(bed.status->totalRequestsForwarded(), 2u);
-   // The egress address is outside the client's subnets.
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithNonSubnetIp(), 1u);
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithCrossVrfIp(), 0u);
-
-   // No route towards the server in its VRF: that copy alone is dropped.
-   sm->routes.clear();
-   Platform::TraceCapture trace;
-   receive({});
-   EXPECT_EQ(udp->sent().size(), 2u);
-   EXPECT_EQ(udpRed->sent().size(), 1u);
-   EXPECT_TRUE(
-       trace.contains("No egress interfaces found for destIp172.16.0.10 in server vrf red"));
+   Msg m = kAck;
+   m.giaddr = ip(c.giaddr);
+   replyIn(serverReply(m, c.option), c.vrf, c.src);
+   const CrossVrfClientBinding* binding = bed.clientContext->crossVrfClientBinding(kClientMac);
+   if (c.dropped) {
+      EXPECT_TRUE(raw->sent().empty());
+      EXPECT_EQ(drops(*c.dropped), 1u);
+      EXPECT_EQ(binding, nullptr);
+      return;
+   }
+   ASSERT_EQ(raw->sent().size(), 1u);
+   EXPECT_EQ(raw->sent()[0].ifindex, 5u);
+   const Bytes& frame = raw->sent()[0].bytes;
+   Ptr<Pkt> dhcp = Pkt::copyOf(Bytes(frame.begin() + 42, frame.end()));
+   EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 6), Bytes(6, 0xff));
+   EXPECT_EQ(IpAddr((frame[26] << 24) | (frame[27] << 16) | (frame[28] << 8) | frame[29]),
+             ip(c.from));
+   EXPECT_EQ(getServerId(*dhcp), ip(c.serverId));
+   EXPECT_EQ(opt82Of(*dhcp), c.leftOption);
+   EXPECT_EQ(dhcp->data()[3], 1);
+   EXPECT_EQ(binding != nullptr, c.bound);
+   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->repliesForwarded(), 1u);
 }
 
-TEST_F(RelayPathsTest, SourceAddressCounters) {
-   auto eth = eth1;
-   eth->activeSecondaryWithMaskIs(*IpAddrWithMask::parse("10.0.1.1/24"));
-   servers1->serverIpIs(
-       VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, ip("10.0.1.1")}, 1);
-   receive({});
-   ASSERT_EQ(udp->sent().size(), 1u);
-   EXPECT_EQ(udp->sent()[0].src, Platform::IpGenAddr(ip("10.0.1.1")));
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithNonSubnetIp(), 0u);
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithCrossVrfIp(), 0u);
+INSTANTIATE_TEST_SUITE_P(RelayPaths, ReplyTest, testing::ValuesIn(kReplyCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
-   servers1->serverIpIs(
-       VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, ip("10.9.9.9")}, 1);
-   receive({});
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithNonSubnetIp(), 1u);
-   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsForwardedWithNonSubnetIp(), 1u);
-   EXPECT_EQ(bed.status->totalRequestsForwardedWithCrossVrfIp(), 0u);
+// Ones-complement sum of 16-bit words: 0xffff over data that holds its own valid checksum.
+uint16_t onesSum(const uint8_t* p, size_t n, uint32_t sum = 0) {
+   for (size_t i = 0; i < n; i += 2)
+      sum += (p[i] << 8) | (i + 1 < n ? p[i + 1] : 0);
+   while (sum >> 16)
+      sum = (sum & 0xffff) + (sum >> 16);
+   return static_cast<uint16_t>(sum);
 }
 
-// --- reply path -----------------------------------------------------------------------
-
-class ReplyPathTest : public RelayPathsTest {
- protected:
-   // The DHCP payload a server sends, with the option 82 this relay added.
-   Bytes serverReply(const Msg& m, std::string_view vrfName = {}, IpAddr override = IpAddr()) {
-      Ptr<Pkt> pkt = pktOf(message(m));
-      EXPECT_TRUE(preparePacket(*pkt, bootRequest, true, "Ethernet1", {}, vrfName, override,
-                                ip("10.0.0.0"), 0));
-      return {pkt->span().begin(), pkt->span().end()};
-   }
-   // The frame expected on the wire, checksums left zero.
-   Bytes frame(const Bytes& dhcp, const EthAddr& dstMac, IpAddr srcIp, IpAddr dstIp) {
-      Bytes f;
-      f.insert(f.end(), dstMac.bytes().begin(), dstMac.bytes().end());
-      f.insert(f.end(), kRelayMac.bytes().begin(), kRelayMac.bytes().end());
-      const uint16_t ipLen = static_cast<uint16_t>(28 + dhcp.size());
-      const uint16_t udpLen = static_cast<uint16_t>(8 + dhcp.size());
-      f.insert(f.end(), {0x08, 0x00, 0x45, 0, uint8_t(ipLen >> 8), uint8_t(ipLen), 0, 0, 0, 0, 64,
-                         17, 0, 0});
-      f.resize(f.size() + 8);
-      put32(f, 26, srcIp.value());
-      put32(f, 30, dstIp.value());
-      f.insert(f.end(), {0, 67, 0, 68, uint8_t(udpLen >> 8), uint8_t(udpLen), 0, 0});
-      f.insert(f.end(), dhcp.begin(), dhcp.end());
-      return f;
-   }
-   // Checks both checksums on their own terms and zeroes them for the byte comparison.
-   Bytes verifiedChecksums(Bytes f) {
+// The frame's addresses by the broadcast flag and yiaddr, and both checksums.
+TEST_F(RelayPathsTest, ReplyFrames) {
+   struct Case {
+      uint16_t flags;
+      const char* yiaddr;
+      EthAddr dstMac;
+      const char* dstIp;
+   };
+   const Case cases[] = {{0x8000, "10.0.0.50", kBroadcastMac, "255.255.255.255"},
+                         {0, "10.0.0.50", kClientMac, "10.0.0.50"},
+                         {0, "0.0.0.0", kClientMac, "255.255.255.255"}};
+   for (const Case& c : cases) {
+      Msg m = kAck;
+      m.flags = c.flags;
+      m.yiaddr = ip(c.yiaddr);
+      replyIn(message(m));
+      const Bytes& f = raw->sent().back().bytes;
+      EXPECT_EQ(Bytes(f.begin(), f.begin() + 6),
+                Bytes(c.dstMac.bytes().begin(), c.dstMac.bytes().end()));
+      EXPECT_EQ(Bytes(f.begin() + 6, f.begin() + 12),
+                Bytes(kRelayMac.bytes().begin(), kRelayMac.bytes().end()));
+      EXPECT_EQ(IpAddr((f[30] << 24) | (f[31] << 16) | (f[32] << 8) | f[33]), ip(c.dstIp));
       EXPECT_EQ(onesSum(&f[14], 20), 0xffff) << "IPv4 header checksum";
       const size_t udpLen = f.size() - 34;
-      uint32_t pseudo = onesSum(&f[26], 8) + 17 + static_cast<uint32_t>(udpLen);
-      EXPECT_NE(f[40] | f[41], 0) << "UDP checksum present";
-      EXPECT_EQ(onesSum(&f[34], udpLen, pseudo), 0xffff) << "UDP checksum";
-      f[24] = f[25] = f[40] = f[41] = 0;
-      return f;
+      EXPECT_EQ(onesSum(&f[34], udpLen, onesSum(&f[26], 8) + 17 + uint32_t(udpLen)), 0xffff)
+          << "UDP checksum";
    }
-   void replyIn(const Bytes& dhcp, const char* vrf = "default", const char* src = "192.168.1.10") {
-      Ptr<Pkt> pkt = pktOf(dhcp);
-      sm->doProcessPacket(*pkt, ip(src), ip("10.0.0.1"), IntfId(), VrfName(vrf));
-   }
-};
-
-TEST_F(ReplyPathTest, BroadcastAndUnicastFrames) {
-   config1->informationOptionIs(true);
-   const Msg ack{.op = bootReply,
-                 .type = 5,
-                 .hops = 1,
-                 .flags = 0x8000,
-                 .yiaddr = ip("10.0.0.50"),
-                 .giaddr = ip("10.0.0.1"),
-                 .serverId = ip("192.168.1.10")};
-   replyIn(serverReply(ack));
-   ASSERT_EQ(raw->sent().size(), 1u);
-   EXPECT_EQ(raw->sent()[0].ifindex, 5u);
-   // Option 82 gone, option 54 as the server sent it, one hop more.
-   Msg expected = ack;
-   expected.hops = 2;
-   EXPECT_EQ(verifiedChecksums(raw->sent()[0].bytes),
-             frame(message(expected), EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), ip("10.0.0.1"),
-                   IpAddr::broadcast()));
-
-   Msg unicast = ack;
-   unicast.flags = 0;
-   replyIn(serverReply(unicast));
-   ASSERT_EQ(raw->sent().size(), 2u);
-   unicast.hops = 2;
-   EXPECT_EQ(verifiedChecksums(raw->sent()[1].bytes),
-             frame(message(unicast), kClientMac, ip("10.0.0.1"), ip("10.0.0.50")));
-
-   // No address yet: IP broadcast, but still to the client's MAC.
-   Msg noAddr = unicast;
-   noAddr.yiaddr = IpAddr();
-   noAddr.hops = 1;
-   replyIn(serverReply(noAddr));
-   ASSERT_EQ(raw->sent().size(), 3u);
-   noAddr.hops = 2;
-   EXPECT_EQ(verifiedChecksums(raw->sent()[2].bytes),
-             frame(message(noAddr), kClientMac, ip("10.0.0.1"), IpAddr::broadcast()));
-   EXPECT_EQ(bed.status->totalRepliesForwarded(), 3u);
-   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->repliesForwarded(), 3u);
+   EXPECT_EQ(raw->sent().size(), 3u);
 }
 
-TEST_F(ReplyPathTest, RepliesNotForUsAreDropped) {
-   Platform::TraceCapture trace;
-   replyIn(serverReply({.op = bootReply, .type = 5, .giaddr = ip("10.0.0.99")}));
-   replyIn(serverReply({.op = bootReply, .type = 5, .giaddr = IpAddr()}));
-   EXPECT_TRUE(raw->sent().empty());
-   EXPECT_EQ(bed.status->totalRepliesDropped(), 2u);
-   EXPECT_TRUE(trace.contains(" no interface associated with giaddr=10.0.0.99. Dropping packet."));
-   EXPECT_TRUE(trace.contains(" giaddr is zero on reply packet. Dropping packet."));
-}
-
-TEST_F(ReplyPathTest, CrossVrfReplyRestoresServerIdAndBindsTheRenewal) {
+// The ACK of a copy that used the override binds the client: its unicast renewals go to
+// its server, for as long as its lease; a NAK ends the binding.
+TEST_F(RelayPathsTest, BindingsFollowTheLease) {
    config1->informationOptionIs(true);
    serverIs("red", "172.16.0.10");
-   const Msg ack{.op = bootReply,
-                 .type = 5,
-                 .hops = 0,
-                 .flags = 0x8000,
-                 .yiaddr = ip("10.0.0.50"),
-                 .giaddr = ip("172.16.0.1"),
-                 .serverId = ip("172.16.0.10")};
-   replyIn(serverReply(ack, "default", ip("10.0.0.1")), "red", "172.16.0.10");
-   ASSERT_EQ(raw->sent().size(), 1u);
-   EXPECT_EQ(raw->sent()[0].ifindex, 5u);
-   Msg expected = ack;
-   expected.hops = 1;
-   expected.serverId = ip("10.0.0.1");
-   EXPECT_EQ(verifiedChecksums(raw->sent()[0].bytes),
-             frame(message(expected), EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), ip("10.0.0.1"),
-                   IpAddr::broadcast()));
-   const CrossVrfClientBinding* binding = bed.clientContext->crossVrfClientBinding(kClientMac);
-   ASSERT_NE(binding, nullptr);
-   EXPECT_EQ(binding->toString(),
-             "ingress=default:10.0.0.1 egress=red:172.16.0.1 server=red:172.16.0.10 "
-             "subnet=10.0.0.0");
+   Msg ack = kAck;
+   ack.giaddr = ip("172.16.0.1");
+   Bytes reply = withOpt82(ack, opt("Ethernet1", "default", "10.0.0.1", "10.0.0.0"));
+   // Option 51: a one-hour lease, right before the end option.
+   reply.insert(reply.begin() + 249, {51, 4, 0, 0, 0x0e, 0x10});
+   reply.resize(reply.size() - 6);
+   replyIn(reply, "red", "172.16.0.10");
+   ASSERT_TRUE(sm->clientBindings().expiry(kClientMac));
+   EXPECT_EQ(*sm->clientBindings().expiry(kClientMac), bed.clock.now() + 3600);
+   EXPECT_EQ(bed.status->numClientBindings(), 1u);
 
-   // The client renews by unicast to the address it was given as server.
-   receive({.hops = 1, .serverId = ip("10.0.0.1")}, ip("10.0.0.1"), "default", ip("10.0.0.50"));
+   receive(message({.hops = 1, .serverId = ip("10.0.0.1")}), ip("10.0.0.1"), ip("10.0.0.50"));
    ASSERT_EQ(udpRed->sent().size(), 1u);
    const auto& s = udpRed->sent()[0];
-   EXPECT_EQ(s.dst, Platform::IpGenAddr(ip("172.16.0.10")));
-   EXPECT_EQ(s.src, Platform::IpGenAddr(ip("172.16.0.1")));
-   Ptr<Pkt> renew = sentPkt(s);
+   EXPECT_EQ(s.dst, IpGenAddr(ip("172.16.0.10")));
+   EXPECT_EQ(s.src, IpGenAddr(ip("172.16.0.1")));
+   Ptr<Pkt> renew = Pkt::copyOf(s.bytes);
    EXPECT_EQ(renew->data()[3], 2);
-   std::string circuit, remote, vrf;
-   IpAddr override, link;
-   ASSERT_TRUE(parseInfoOpt(*renew, circuit, remote, vrf, override, link, 0));
-   EXPECT_EQ(vrf, "default");
-   EXPECT_EQ(override, ip("10.0.0.1"));
-   EXPECT_EQ(link, ip("10.0.0.0"));
+   EXPECT_EQ(opt82Of(*renew), opt("Ethernet1", "default", "10.0.0.1", "10.0.0.0"));
 
-   // A cross-VRF reply without the override it needs is not sent.
-   Platform::TraceCapture trace;
-   replyIn(serverReply(ack, "default"), "red", "172.16.0.10");
-   EXPECT_EQ(raw->sent().size(), 1u);
-   EXPECT_EQ(bed.status->totalRepliesDropped(), 1u);
+   bed.advance(3601);
+   EXPECT_EQ(bed.clientContext->crossVrfClientBinding(kClientMac), nullptr);
+   EXPECT_EQ(bed.status->numClientBindings(), 0u);
+
+   replyIn(reply, "red", "172.16.0.10");
+   ack.type = 6;  // DHCPNAK
+   replyIn(withOpt82(ack, opt("Ethernet1", "default", "10.0.0.1", "10.0.0.0")), "red",
+           "172.16.0.10");
+   EXPECT_EQ(bed.clientContext->crossVrfClientBinding(kClientMac), nullptr);
+}
+
+TEST(ClientBindingsTest, BoundedAndLastingAtMostTheCeiling) {
+   RelayTestBed bed;
+   ClientBindings bindings(bed.wheel, bed.clientContext, bed.status, 2);
+   const CrossVrfClientBinding b{};
+   EXPECT_TRUE(bindings.bindingIs(mac(1), b, 0xffffffff));
+   EXPECT_TRUE(bindings.bindingIs(mac(2), b, std::nullopt));
+   EXPECT_TRUE(bindings.bindingIs(mac(2), b, 60));  // a refresh takes no new room
+   EXPECT_FALSE(bindings.bindingIs(mac(3), b, 60));
+   EXPECT_EQ(bed.status->clientBindingsRefused(), 1u);
+   EXPECT_EQ(*bindings.expiry(mac(1)), bed.clock.now() + ClientBindings::kLeaseCeiling);
+   bed.advance(61);
+   EXPECT_EQ(bindings.size(), 1u);
+   EXPECT_TRUE(bindings.bindingIs(mac(3), b, 60));
 }
 
 }  // namespace
