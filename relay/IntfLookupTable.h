@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -20,24 +21,50 @@ class IntfLookupTable {
  public:
    // The owner of the address in the VRF; empty when none.
    Platform::IntfId owner(const VrfIpPair& key) const {
-      auto it = owner_.find(key);
-      return it == owner_.end() ? Platform::IntfId() : it->second;
+      const Platform::IntfId* found = find(key.vrf.str(), key.addr);
+      return found ? *found : Platform::IntfId();
    }
-   // Null when none; no copy, for the per-packet lookups.
-   const Platform::IntfId* find(const VrfIpPair& key) const {
-      auto it = owner_.find(key);
+   // Null when none. The VRF is a view: a per-packet lookup copies no name.
+   const Platform::IntfId* find(std::string_view vrf, const Platform::IpGenAddr& addr) const {
+      auto it = owner_.find(Key{vrf, addr});
       return it == owner_.end() ? nullptr : &it->second;
    }
    // The rows the interface claimed, in the order it claimed them.
    const std::vector<VrfIpPair>& rows(const Platform::IntfId& intf) const;
-   const std::unordered_map<VrfIpPair, Platform::IntfId>& all() const { return owner_; }
+   size_t size() const { return owner_.size(); }
 
    void rowIs(const VrfIpPair& key, const Platform::IntfId& intf);
    // Removes every row the interface claimed.
    void rowsDel(const Platform::IntfId& intf);
 
  private:
-   std::unordered_map<VrfIpPair, Platform::IntfId> owner_;
+   // A lookup key that borrows the VRF name.
+   struct Key {
+      std::string_view vrf;
+      Platform::IpGenAddr addr;
+   };
+   // Hashes a key and a stored pair alike, so that a Key finds its pair.
+   struct Hash {
+      using is_transparent = void;
+      size_t operator()(const Key& k) const noexcept {
+         return hashCombine(std::hash<std::string_view>{}(k.vrf), k.addr);
+      }
+      size_t operator()(const VrfIpPair& p) const noexcept {
+         return (*this)({p.vrf.str(), p.addr});
+      }
+   };
+   struct Equal {
+      using is_transparent = void;
+      static Key keyOf(const Key& k) { return k; }
+      static Key keyOf(const VrfIpPair& p) { return {p.vrf.str(), p.addr}; }
+      template <class A, class B>
+      bool operator()(const A& a, const B& b) const noexcept {
+         const Key x = keyOf(a), y = keyOf(b);
+         return x.vrf == y.vrf && x.addr == y.addr;
+      }
+   };
+
+   std::unordered_map<VrfIpPair, Platform::IntfId, Hash, Equal> owner_;
    std::map<Platform::IntfId, std::vector<VrfIpPair>> rows_;
 };
 

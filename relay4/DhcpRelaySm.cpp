@@ -251,6 +251,11 @@ DhcpRelaySm::KelDrIntfConfig* DhcpRelaySm::kelDrIntfConfig(const IntfId& intf) c
    return it == kelDrIntfConfig_.end() ? nullptr : it->second.get();
 }
 
+const VrfName* DhcpRelaySm::rowsVrf(const IntfId& intf) const {
+   const KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
+   return reactor ? &reactor->vrf : nullptr;
+}
+
 VrfName DhcpRelaySm::vrfNameFromIntfId(const IntfId& intf) const {
    Ptr<Ip::IpIntfStatus> status = in_.ipStatus->ipIntfStatus(intf);
    return status ? status->vrf() : VrfName();
@@ -291,7 +296,7 @@ void DhcpRelaySm::doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp
    const uint8_t op = pkt.bytes() ? pkt.data()[0] : 0;
 
    // Our own broadcast on a link comes back to our socket on that link.
-   const IntfId* owner = lookup_.find(genVrfIpPair(vrf, srcIp));
+   const IntfId* owner = lookup_.find(vrf.str(), srcIp);
    if (owner && *owner == intf) {
       TRACE(7, " dropping packet received from",
             " the interface that sent it. Packet IP SA=", srcIp, " interface=", intf);

@@ -105,40 +105,38 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    const bool parsed = parseInfoOpt(pkt, replyCircuitId_, replyRemoteId_, replyVrfName_,
                                     serverIdOverride, linkSelection, 0);
    const bool located = parsed && !serverIdOverride.isZero();
-   IntfId clientIntf;
-   VrfName clientVrf = vrf;
+   // Views: a reply copies no VRF name.
+   const IntfId* clientIntfFound = nullptr;
    if (located) {
-      if (!replyVrfName_.empty()) {
-         const std::optional<VrfName> named = VrfName::parse(replyVrfName_);
-         clientVrf = named ? *named : VrfName();
-      }
-      clientIntf = lookup_.owner(genVrfIpPair(clientVrf, serverIdOverride));
-      if (clientIntf.empty()) {
+      const std::string_view named = replyVrfName_.empty() ? vrf.str() : replyVrfName_;
+      clientIntfFound = lookup_.find(named, serverIdOverride);
+      if (!clientIntfFound) {
          TRACE(5, " no interface associated with server identifier override ", serverIdOverride,
-               " in vrf ", clientVrf, ". Dropping packet.");
+               " in vrf ", named, ". Dropping packet.");
          pktDropped(status, bootReply, IntfId(), DropReason::unknownOverride);
          return;
       }
       if (!ownAddress(sm, giaddr)) {
          TRACE(5, " giaddr ", giaddr, " is no address of this relay in vrf ", vrf,
                ". Dropping packet.");
-         pktDropped(status, bootReply, clientIntf, DropReason::giaddrNotOwn);
+         pktDropped(status, bootReply, *clientIntfFound, DropReason::giaddrNotOwn);
          return;
       }
-      if (!isServerOf(clientIntf, vrf, srcIp)) {
-         TRACE(5, " reply from ", srcIp, " in vrf ", vrf, " is from no server of ", clientIntf,
-               ". Dropping packet.");
-         pktDropped(status, bootReply, clientIntf, DropReason::unknownServer);
+      if (!isServerOf(*clientIntfFound, vrf, srcIp)) {
+         TRACE(5, " reply from ", srcIp, " in vrf ", vrf, " is from no server of ",
+               *clientIntfFound, ". Dropping packet.");
+         pktDropped(status, bootReply, *clientIntfFound, DropReason::unknownServer);
          return;
       }
    } else {
-      clientIntf = lookup_.owner(genVrfIpPair(vrf, giaddr));
-      if (clientIntf.empty()) {
+      clientIntfFound = lookup_.find(vrf.str(), giaddr);
+      if (!clientIntfFound) {
          TRACE(5, " no interface associated with giaddr=", giaddr, ". Dropping packet.");
          pktDropped(status, bootReply, IntfId(), DropReason::unknownGiaddr);
          return;
       }
    }
+   const IntfId& clientIntf = *clientIntfFound;
    const std::string_view msgType = getDhcpMsgType(pkt, 0);
    TRACE(5, " received ", msgType, " from ", srcIp, " on Vrf ", vrf);
    if (!parsed) {
@@ -160,11 +158,14 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
       return;
    }
    Ptr<IntfConfig> config = in_.config->intfConfig(clientIntf);
-   if (!config) {
+   // The VRF the interface's rows are under: the one the lookup just found it in.
+   const VrfName* clientVrfOf = rowsVrf(clientIntf);
+   if (!config || !clientVrfOf) {
       TRACE(5, " receiving DHCP reply ", "packets for non-configured interface. Dropping it.");
       pktDropped(status, bootReply, clientIntf, DropReason::notConfigured);
       return;
    }
+   const VrfName& clientVrf = *clientVrfOf;
    DhcpVrfSm* clientSm = clientVrf == vrf ? &sm : dhcpVrfSm(clientVrf);
    if (!clientSm || !clientSm->rawTxPam()) {
       TRACE(5, " No vrfSm for vrf ", clientVrf);

@@ -62,7 +62,7 @@ struct DhcpRelaySm::RequestContext {
    Pkt& pkt;
    const IntfId& intf;
    const IntfConfig& config;
-   VrfName clientVrf;
+   const VrfName& clientVrf;
    Platform::IpAddrWithMask gateway;
    uint8_t hops = 0;
    // A trusted first hop's option 82 travels with the request (policy keep).
@@ -92,7 +92,7 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
    Status& status = *in_.status;
    const VrfName& vrf = sm.vrfName();
    const IpAddr giaddr = hdr.giaddr();
-   const bool ownGiaddr = !giaddr.isZero() && lookup_.find(genVrfIpPair(vrf, giaddr));
+   const bool ownGiaddr = !giaddr.isZero() && lookup_.find(vrf.str(), giaddr);
 
    if (!giaddr.isZero() && !ownGiaddr) {
       // On Linux the relay only hears another agent's request when it is broadcast or sent
@@ -131,7 +131,7 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
          getServerId(pkt).value_or(IpAddr()), " ) ", "message on ", intf, " to ", dstIp, " from ",
          srcIp);
    if (dstIp != IpAddr::broadcast()) {
-      const IntfId* owner = lookup_.find(genVrfIpPair(vrf, dstIp));
+      const IntfId* owner = lookup_.find(vrf.str(), dstIp);
       if (owner && *owner == intf) {
          handleRenew(sm, hdr, pkt, intf);
          return;
@@ -311,7 +311,7 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planOwnVrfCopy(RequestContext&
       TRACE(6, "giaddr is updated to", plan.giaddr);
       if (!ctx.relayed)
          checkAddrBelongsToIntf(*in_.status, ctx.intf, plan.giaddr, server.vrf);
-      const IntfId* owner = lookup_.find(genVrfIpPair(ctx.clientVrf, plan.giaddr));
+      const IntfId* owner = lookup_.find(ctx.clientVrf.str(), plan.giaddr);
       locate = !owner || *owner != ctx.intf;
    }
    if (ctx.relayed) {

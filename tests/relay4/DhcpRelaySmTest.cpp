@@ -39,7 +39,7 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    EXPECT_EQ(owner("default", "10.0.0.1"), IntfId("Ethernet1"));
    EXPECT_EQ(owner("default", "10.0.1.1"), IntfId("Ethernet1"));
    EXPECT_TRUE(owner("default", "10.9.0.1").empty());
-   EXPECT_EQ(sm->intfLookupTbl().all().size(), 2u);
+   EXPECT_EQ(sm->intfLookupTbl().size(), 2u);
 
    // Losing the primary keeps the rows of the secondaries only.
    eth1->activeAddrWithMaskIs(IpAddrWithMask());
@@ -50,7 +50,7 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    eth1->activeAddrWithMaskIs(net("10.0.0.2/24"));
    eth1->activeSecondaryWithMaskDel(net("10.0.1.1/24"));
    EXPECT_EQ(owner("default", "10.0.0.2"), IntfId("Ethernet1"));
-   EXPECT_EQ(sm->intfLookupTbl().all().size(), 1u);
+   EXPECT_EQ(sm->intfLookupTbl().size(), 1u);
 
    // The same address in another VRF belongs to another interface without conflict.
    relayIntfIs("Ethernet2", "red", "10.0.0.2/24");
@@ -61,10 +61,10 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    bed.config->intfConfigDel(IntfId("Ethernet1"));
    EXPECT_TRUE(owner("default", "10.0.0.2").empty());
    bed.ipStatus->ipIntfStatusDel(IntfId("Ethernet2"));
-   EXPECT_TRUE(sm->intfLookupTbl().all().empty());
+   EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
    // Nor does a removed interface's status still drive rows.
    eth1->activeAddrWithMaskIs(net("10.0.0.3/24"));
-   EXPECT_TRUE(sm->intfLookupTbl().all().empty());
+   EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
 }
 
 TEST_F(DhcpRelaySmTest, MovingAnInterfaceToAnotherVrfMovesItsRows) {
@@ -97,7 +97,7 @@ TEST_F(DhcpRelaySmTest, NothingHappensBeforeInitialisation) {
    sm = bed.relaySm();
    relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
    bed.activeVrfIs("default", 1);
-   EXPECT_TRUE(sm->intfLookupTbl().all().empty());
+   EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
    EXPECT_TRUE(sm->dhcpVrfSm().empty());
    EXPECT_FALSE(bed.status->intfStatus(IntfId("Ethernet1")));
    sm->handleInitialized();
