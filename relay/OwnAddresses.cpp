@@ -6,36 +6,10 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::IpGenAddr;
 
-class OwnAddresses::TableReactor : public KernelNetInfo::Status::Reactor {
- public:
-   TableReactor(OwnAddresses& owner, const Ptr<const KernelNetInfo::Status>& table)
-       : owner_(owner) {
-      notifierIs(table);
-   }
-   void handleInterfaceByIndex(uint32_t ifindex) override { owner_.handleDevice(ifindex); }
-
- private:
-   OwnAddresses& owner_;
-};
-
-class OwnAddresses::DeviceReactor : public KernelNetInfo::KernelIntf::Reactor {
- public:
-   DeviceReactor(OwnAddresses& owner, const Ptr<const KernelNetInfo::KernelIntf>& device)
-       : owner_(owner) {
-      notifierIs(device);
-   }
-   void handleIpv4() override { owner_.handleAddresses(*this); }
-   void handleIpv6(const Platform::Ip6Prefix&) override { owner_.handleAddresses(*this); }
-
-   // What this device contributes now, sorted.
-   std::vector<IpGenAddr> addresses;
-
- private:
-   OwnAddresses& owner_;
-};
-
 OwnAddresses::OwnAddresses(const Ptr<const KernelNetInfo::Status>& table) {
-   tableReactor_ = std::make_unique<TableReactor>(*this, table);
+   table_.on(&KernelNetInfo::Status::Reactor::handleInterfaceByIndex,
+             [this](uint32_t ifindex) { handleDevice(ifindex); });
+   table_.notifierIs(table);
    for (const auto& [ifindex, device] : table->interfaceByIndex())
       handleDevice(ifindex);
 }
@@ -43,22 +17,26 @@ OwnAddresses::OwnAddresses(const Ptr<const KernelNetInfo::Status>& table) {
 OwnAddresses::~OwnAddresses() = default;
 
 void OwnAddresses::handleDevice(uint32_t ifindex) {
-   Ptr<KernelNetInfo::KernelIntf> device = tableReactor_->notifier()->interfaceByIndex(ifindex);
+   Ptr<KernelNetInfo::KernelIntf> device = table_.notifier()->interfaceByIndex(ifindex);
    auto it = devices_.find(ifindex);
-   if (it != devices_.end() && (!device || it->second->notifier() != device)) {
-      countIs(it->second->addresses, {});
+   if (it != devices_.end() && (!device || it->second.watch.notifier() != device)) {
+      countIs(it->second.addresses, {});
       devices_.erase(it);
       it = devices_.end();
    }
    if (device && it == devices_.end()) {
-      auto& reactor = devices_[ifindex];
-      reactor = std::make_unique<DeviceReactor>(*this, device);
-      handleAddresses(*reactor);
+      Device& d = devices_[ifindex];
+      d.watch.on(&KernelNetInfo::KernelIntf::Reactor::handleIpv4,
+                 [this, &d] { handleAddresses(d); });
+      d.watch.on(&KernelNetInfo::KernelIntf::Reactor::handleIpv6,
+                 [this, &d](const Platform::Ip6Prefix&) { handleAddresses(d); });
+      d.watch.notifierIs(device);
+      handleAddresses(d);
    }
 }
 
-void OwnAddresses::handleAddresses(DeviceReactor& reactor) {
-   const KernelNetInfo::KernelIntf& device = *reactor.notifier();
+void OwnAddresses::handleAddresses(Device& reactor) {
+   const KernelNetInfo::KernelIntf& device = *reactor.watch.notifier();
    std::vector<IpGenAddr> now;
    now.reserve(device.ipv4().size() + device.ipv6().size());
    for (const Platform::IpAddrWithMask& a : device.ipv4())

@@ -28,17 +28,20 @@ class OwnAddresses {
    size_t size() const { return count_.size(); }
 
  private:
-   class TableReactor;
-   class DeviceReactor;
+   struct Device {
+      Platform::Watch<const KernelNetInfo::KernelIntf> watch;
+      // What the device contributes now, sorted.
+      std::vector<Platform::IpGenAddr> addresses;
+   };
 
    void handleDevice(uint32_t ifindex);
-   void handleAddresses(DeviceReactor& device);
+   void handleAddresses(Device& device);
    void countIs(const std::vector<Platform::IpGenAddr>& gone,
                 const std::vector<Platform::IpGenAddr>& added);
 
    std::unordered_map<Platform::IpGenAddr, uint32_t> count_;
-   std::map<uint32_t, std::unique_ptr<DeviceReactor>> devices_;
-   std::unique_ptr<TableReactor> tableReactor_;
+   Platform::Watch<const KernelNetInfo::Status> table_;
+   std::map<uint32_t, Device> devices_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -4,60 +4,15 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::VrfName;
 
-class RelayVrfSet::VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
- public:
-   VrfsReactor(RelayVrfSet& set, const Ptr<const Ip::AllVrfStatusLocal>& vrfs) : set_(set) {
-      notifierIs(vrfs);
-   }
-   void handleVrf(const VrfName& vrf) override { set_.handleAllVrfStatus(vrf); }
-
- private:
-   RelayVrfSet& set_;
-};
-
-class RelayVrfSet::VrfReactor : public Ip::VrfStatusLocal::Reactor {
- public:
-   VrfReactor(RelayVrfSet& set, const Ptr<const Ip::VrfStatusLocal>& vrf) : set_(set) {
-      notifierIs(vrf);
-   }
-   void handleState() override { set_.handleVrfStatus(notifier()->vrf()); }
-   void handleNsName() override {
-      const VrfName vrf = notifier()->vrf();
-      set_.owner_.handleVrfDel(vrf);
-      set_.handleVrfStatus(vrf);
-   }
-
- private:
-   RelayVrfSet& set_;
-};
-
-class RelayVrfSet::ActiveDirReactor : public VrfWithCountDir::Reactor {
- public:
-   ActiveDirReactor(RelayVrfSet& set, const Ptr<const VrfWithCountDir>& dir) : set_(set) {
-      notifierIs(dir);
-   }
-   void handleVrfCount(const VrfName& vrf) override { set_.handleActiveVrfDir(vrf); }
-
- private:
-   RelayVrfSet& set_;
-};
-
-class RelayVrfSet::CountReactor : public VrfWithCount::Reactor {
- public:
-   CountReactor(RelayVrfSet& set, const Ptr<const VrfWithCount>& count) : set_(set) {
-      notifierIs(count);
-   }
-   void handleCount() override { set_.handleActiveVrfDir(notifier()->vrfName()); }
-
- private:
-   RelayVrfSet& set_;
-};
-
 RelayVrfSet::RelayVrfSet(Owner& owner, const Ptr<const Ip::AllVrfStatusLocal>& vrfStatus,
                          const Ptr<const VrfWithCountDir>& activeVrfDir)
     : owner_(owner), vrfStatus_(vrfStatus), activeVrfDir_(activeVrfDir) {
-   vrfsReactor_ = std::make_unique<VrfsReactor>(*this, vrfStatus_);
-   activeDirReactor_ = std::make_unique<ActiveDirReactor>(*this, activeVrfDir_);
+   vrfsWatch_.on(&Ip::AllVrfStatusLocal::Reactor::handleVrf,
+                 [this](const VrfName& vrf) { handleAllVrfStatus(vrf); });
+   vrfsWatch_.notifierIs(vrfStatus_);
+   activeDirWatch_.on(&VrfWithCountDir::Reactor::handleVrfCount,
+                      [this](const VrfName& vrf) { handleActiveVrfDir(vrf); });
+   activeDirWatch_.notifierIs(activeVrfDir_);
 }
 
 RelayVrfSet::~RelayVrfSet() = default;
@@ -76,11 +31,18 @@ void RelayVrfSet::handleAllVrfStatus(const VrfName& vrf) {
    if (!initialized_)
       return;
    if (Ptr<Ip::VrfStatusLocal> status = vrfStatus_->vrf(vrf)) {
-      auto& reactor = vrfReactor_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<VrfReactor>(*this, status);
+      auto& watch = vrfWatch_[vrf];
+      if (!watch.notifier()) {
+         watch.on(&Ip::VrfStatusLocal::Reactor::handleState, [this, vrf] { handleVrfStatus(vrf); });
+         // Sockets cannot follow a VRF into another namespace: they are opened again there.
+         watch.on(&Ip::VrfStatusLocal::Reactor::handleNsName, [this, vrf] {
+            owner_.handleVrfDel(vrf);
+            handleVrfStatus(vrf);
+         });
+         watch.notifierIs(status);
+      }
    } else {
-      vrfReactor_.erase(vrf);
+      vrfWatch_.erase(vrf);
    }
    handleVrfStatus(vrf);
 }
@@ -100,11 +62,13 @@ void RelayVrfSet::handleActiveVrfDir(const VrfName& vrf) {
    if (!initialized_)
       return;
    if (Ptr<VrfWithCount> count = activeVrfDir_->vrfCount(vrf)) {
-      auto& reactor = countReactor_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<CountReactor>(*this, count);
+      auto& watch = countWatch_[vrf];
+      if (!watch.notifier()) {
+         watch.on(&VrfWithCount::Reactor::handleCount, [this, vrf] { handleActiveVrfDir(vrf); });
+         watch.notifierIs(count);
+      }
    } else {
-      countReactor_.erase(vrf);
+      countWatch_.erase(vrf);
    }
    if (needed(vrf)) {
       if (usable(vrf))

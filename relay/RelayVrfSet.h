@@ -44,19 +44,14 @@ class RelayVrfSet {
    Platform::NamespaceName nsName(const Platform::VrfName& vrf) const;
 
  private:
-   class VrfsReactor;
-   class VrfReactor;
-   class ActiveDirReactor;
-   class CountReactor;
-
    Owner& owner_;
    Ptr<const Ip::AllVrfStatusLocal> vrfStatus_;
    Ptr<const VrfWithCountDir> activeVrfDir_;
    bool initialized_ = false;
-   std::unique_ptr<VrfsReactor> vrfsReactor_;
-   std::unique_ptr<ActiveDirReactor> activeDirReactor_;
-   std::map<Platform::VrfName, std::unique_ptr<VrfReactor>> vrfReactor_;
-   std::map<Platform::VrfName, std::unique_ptr<CountReactor>> countReactor_;
+   Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
+   Platform::Watch<const VrfWithCountDir> activeDirWatch_;
+   std::map<Platform::VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatch_;
+   std::map<Platform::VrfName, Platform::Watch<const VrfWithCount>> countWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

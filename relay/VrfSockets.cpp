@@ -6,18 +6,6 @@
 
 namespace Ip::Helper::DhcpRelay {
 
-class VrfSockets::UdpPamReactor : public Platform::UdpPam::Reactor {
- public:
-   UdpPamReactor(VrfSockets& owner, const Ptr<Platform::UdpPam>& pam) : owner_(owner) {
-      notifierIs(pam);
-   }
-   void handleReadableCount() override { owner_.onReadable_(); }
-   void onNotifierAttached() override { owner_.onReadable_(); }
-
- private:
-   VrfSockets& owner_;
-};
-
 VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
                        const Platform::NamespaceName& nsName, const Deps& deps, uint8_t tos)
     : vrf_(vrf),
@@ -60,12 +48,13 @@ VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
 }
 
 void VrfSockets::onReadableIs(std::function<void()> onReadable) {
-   onReadable_ = std::move(onReadable);
-   udpPamReactor_ = std::make_unique<UdpPamReactor>(*this, udpPam_);
+   udpPamWatch_.on(&Platform::UdpPam::Reactor::handleReadableCount, onReadable);
+   udpPamWatch_.onAttached(std::move(onReadable));
+   udpPamWatch_.notifierIs(udpPam_);
 }
 
 VrfSockets::~VrfSockets() {
-   udpPamReactor_.reset();
+   udpPamWatch_.notifierIs(nullptr);
    udpPam_->modeIs(Platform::Pam::modeClosed);
    if (rawTxPam_)
       rawTxPam_->modeIs(Platform::Pam::modeClosed);

@@ -71,8 +71,6 @@ class VrfSockets {
    void onReadableIs(std::function<void()> onReadable);
 
  private:
-   class UdpPamReactor;
-
    const Platform::VrfName vrf_;
    const Platform::NamespaceName nsName_;
    Deps deps_;
@@ -81,8 +79,7 @@ class VrfSockets {
    Ptr<Platform::UdpPam> udpPam_;
    Ptr<Platform::RawTxPam> rawTxPam_;
    std::unique_ptr<Platform::RouteSocket> routeSocket_;
-   std::function<void()> onReadable_;
-   std::unique_ptr<UdpPamReactor> udpPamReactor_;
+   Platform::Watch<Platform::UdpPam> udpPamWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

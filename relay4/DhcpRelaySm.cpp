@@ -10,69 +10,25 @@ using Platform::IntfId;
 using Platform::IpAddr;
 using Platform::VrfName;
 
-class DhcpRelaySm::ConfigReactor : public Config::Reactor {
+// Per relay interface: its configuration, and its addresses and VRF while it has IP status.
+class DhcpRelaySm::KelDrIntfConfig {
  public:
-   ConfigReactor(DhcpRelaySm& sm, const Ptr<const Config>& config) : sm_(sm) { notifierIs(config); }
-   void handleIntfConfig(const IntfId& intf) override { sm_.onIntfConfig(intf); }
-   void handleSmartRelayGlobal() override { sm_.handleSmartRelayGlobal(); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::IpStatusReactor : public Ip::Status::Reactor {
- public:
-   IpStatusReactor(DhcpRelaySm& sm, const Ptr<const Ip::Status>& status) : sm_(sm) {
-      notifierIs(status);
+   KelDrIntfConfig(DhcpRelaySm& sm, const Ptr<const IntfConfig>& config) : intf_(config->intfId()) {
+      config_.on(&IntfConfig::Reactor::handleSmartRelay,
+                 [&sm, this] { sm.handleSmartRelay(intf_); });
+      config_.notifierIs(config);
+      ipIntfStatus_.on(&Ip::IpIntfStatus::Reactor::handleActiveAddrWithMask,
+                       [&sm, this] { sm.handleAddrChange(intf_); });
+      ipIntfStatus_.on(
+          &Ip::IpIntfStatus::Reactor::handleActiveSecondaryWithMask,
+          [&sm, this](const Platform::IpAddrWithMask&) { sm.handleSecondaryChange(intf_); });
+      ipIntfStatus_.on(&Ip::IpIntfStatus::Reactor::handleVrf, [&sm, this] { sm.handleVrf(intf_); });
    }
-   void handleIpIntfStatus(const IntfId& intf) override { sm_.handleIpIntfStatus(intf); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::PacketQueuesReactor : public DhcpPacketQueues::Reactor {
- public:
-   PacketQueuesReactor(DhcpRelaySm& sm, const Ptr<const DhcpPacketQueues>& queues) : sm_(sm) {
-      notifierIs(queues);
-   }
-   void handleSnoopingToRelayPacket() override { sm_.handleSnoopingToRelayPacket(); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-// The interface's addresses and VRF, followed while it has IP status.
-class DhcpRelaySm::IpIntfStatusReactor : public Ip::IpIntfStatus::Reactor {
- public:
-   IpIntfStatusReactor(DhcpRelaySm& sm, const Ptr<const Ip::IpIntfStatus>& status) : sm_(sm) {
-      notifierIs(status);
-   }
-   void handleActiveAddrWithMask() override { sm_.handleAddrChange(notifier()->intfId()); }
-   void handleActiveSecondaryWithMask(const Platform::IpAddrWithMask&) override {
-      sm_.handleSecondaryChange(notifier()->intfId());
-   }
-   void handleVrf() override { sm_.handleVrf(notifier()->intfId()); }
-
- private:
-   DhcpRelaySm& sm_;
-};
-
-class DhcpRelaySm::KelDrIntfConfig : public IntfConfig::Reactor {
- public:
-   KelDrIntfConfig(DhcpRelaySm& sm, const Ptr<const IntfConfig>& config) : sm_(sm) {
-      notifierIs(config);
-   }
-   const Ptr<const IntfConfig>& intfConfig() const { return notifier(); }
-   const Ptr<const Ip::IpIntfStatus> ipIntfStatus() const {
-      return ipIntfStatus_ ? ipIntfStatus_->notifier() : nullptr;
-   }
+   const Ptr<const IntfConfig>& intfConfig() const { return config_.notifier(); }
+   const Ptr<const Ip::IpIntfStatus>& ipIntfStatus() const { return ipIntfStatus_.notifier(); }
    void ipIntfStatusIs(const Ptr<const Ip::IpIntfStatus>& status) {
-      if (status == ipIntfStatus())
-         return;
-      ipIntfStatus_ = status ? std::make_unique<IpIntfStatusReactor>(sm_, status) : nullptr;
+      ipIntfStatus_.notifierIs(status);
    }
-   void handleSmartRelay() override { sm_.handleSmartRelay(notifier()->intfId()); }
 
    DhcpSmartRelayIntfSm* smartRelaySm() const { return smartRelaySm_.get(); }
    void smartRelaySmIs(Platform::TimerWheel& wheel, const Ptr<Status>& status) {
@@ -85,8 +41,9 @@ class DhcpRelaySm::KelDrIntfConfig : public IntfConfig::Reactor {
    VrfName vrf;
 
  private:
-   DhcpRelaySm& sm_;
-   std::unique_ptr<IpIntfStatusReactor> ipIntfStatus_;
+   const IntfId intf_;
+   Platform::Watch<const IntfConfig> config_;
+   Platform::Watch<const Ip::IpIntfStatus> ipIntfStatus_;
    std::unique_ptr<DhcpSmartRelayIntfSm> smartRelaySm_;
 };
 
@@ -105,9 +62,18 @@ const DhcpRelaySm::Inputs& checked(const DhcpRelaySm::Inputs& in) {
 
 DhcpRelaySm::DhcpRelaySm(Inputs inputs)
     : in_(checked(inputs)), vrfs_(*this, in_.vrfStatus, in_.activeVrfDir) {
-   configReactor_ = std::make_unique<ConfigReactor>(*this, in_.config);
-   ipStatusReactor_ = std::make_unique<IpStatusReactor>(*this, in_.ipStatus);
-   packetQueuesReactor_ = std::make_unique<PacketQueuesReactor>(*this, in_.packetQueues);
+   config_.on(&Config::Reactor::handleIntfConfig, [this](const IntfId& i) { onIntfConfig(i); });
+   config_.on(&Config::Reactor::handleSmartRelayGlobal, [this] { handleSmartRelayGlobal(); });
+   config_.notifierIs(in_.config);
+   ipStatus_.on(&Ip::Status::Reactor::handleIpIntfStatus,
+                [this](const IntfId& i) { handleIpIntfStatus(i); });
+   ipStatus_.notifierIs(in_.ipStatus);
+   // The whole queue, on attachment too: packets may be waiting already.
+   using WholeQueue = void (DhcpPacketQueues::Reactor::*)();
+   packetQueues_.on(WholeQueue(&DhcpPacketQueues::Reactor::handleSnoopingToRelayPacket),
+                    [this] { handleSnoopingToRelayPacket(); });
+   packetQueues_.onAttached([this] { handleSnoopingToRelayPacket(); });
+   packetQueues_.notifierIs(in_.packetQueues);
 }
 
 // Sockets close (with their machines) before the records they read go away.

@@ -160,10 +160,6 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    struct RequestContext;
    struct CopyPlan;
    struct OptionPlan;
-   class ConfigReactor;
-   class IpStatusReactor;
-   class PacketQueuesReactor;
-   class IpIntfStatusReactor;
 
    // --- requests (RequestPath.cpp)
    // A request from another relay agent sent to one of our addresses: relayed to the
@@ -210,9 +206,9 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    std::string replyVrfName_;
    std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSm>> dhcpVrfSm_;
    std::map<Platform::IntfId, std::unique_ptr<KelDrIntfConfig>> kelDrIntfConfig_;
-   std::unique_ptr<ConfigReactor> configReactor_;
-   std::unique_ptr<IpStatusReactor> ipStatusReactor_;
-   std::unique_ptr<PacketQueuesReactor> packetQueuesReactor_;
+   Platform::Watch<const Config> config_;
+   Platform::Watch<const Ip::Status> ipStatus_;
+   Platform::Watch<const DhcpPacketQueues> packetQueues_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -17,16 +17,6 @@ uint8_t tosOf(uint8_t dscp) {
 
 }  // namespace
 
-class DhcpVrfSm::ConfigReactor : public Config::Reactor {
- public:
-   ConfigReactor(DhcpVrfSm& sm, const Ptr<const Config>& config) : sm_(sm) { notifierIs(config); }
-   void handleDscpV4() override { sm_.handleDscp(); }
-   void onNotifierAttached() override { sm_.handleDscp(); }
-
- private:
-   DhcpVrfSm& sm_;
-};
-
 DhcpVrfSm::DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
                      const Ptr<const Config>& config, const VrfSockets::Deps& deps, Status& status,
                      DhcpPacketSink& sink)
@@ -49,7 +39,9 @@ void DhcpVrfSm::handleInitialized() {
    TRACE(3, " for vrf:", vrfName_);
    sockets_.emplace(kFamily, vrfName_, nsName_, deps_, tosOf(dhcpRelayConfig_->dscpV4()));
    sockets_->onReadableIs([this] { handleReadableCount(); });
-   configReactor_ = std::make_unique<ConfigReactor>(*this, dhcpRelayConfig_);
+   configWatch_.on(&Config::Reactor::handleDscpV4, [this] { handleDscp(); });
+   configWatch_.onAttached([this] { handleDscp(); });
+   configWatch_.notifierIs(dhcpRelayConfig_);
 }
 
 void DhcpVrfSm::handleDscp() {
@@ -110,7 +102,7 @@ void DhcpVrfSm::handleDel() {
 }
 
 void DhcpVrfSm::doClose() {
-   configReactor_.reset();
+   configWatch_.notifierIs(nullptr);
    sockets_.reset();
    egressRoutes_ = EgressRouteCache();
 }

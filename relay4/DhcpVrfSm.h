@@ -50,8 +50,6 @@ class DhcpVrfSm {
    const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server);
 
  private:
-   class ConfigReactor;
-
    void doClose();
 
    const Platform::VrfName vrfName_;
@@ -63,7 +61,7 @@ class DhcpVrfSm {
    // Declared before the sockets: a datagram may arrive while they open.
    EgressRouteCache egressRoutes_;
    std::optional<VrfSockets> sockets_;
-   std::unique_ptr<ConfigReactor> configReactor_;
+   Platform::Watch<const Config> configWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/store/Reactor.h"
+#include "platform/store/Watch.h"
 
 namespace Platform {
 

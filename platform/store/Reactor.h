@@ -41,12 +41,20 @@ class ReactorList {
    bool holes_ = false;
 };
 
+class WatchBase;
+
 class ReactorBase {
  public:
    ReactorBase() = default;
    ReactorBase(const ReactorBase&) = delete;
    ReactorBase& operator=(const ReactorBase&) = delete;
    virtual ~ReactorBase() = default;
+
+ private:
+   friend class Notifier;
+   friend class WatchBase;
+   // Set by a Watch, which takes its handlers as callbacks rather than as overrides.
+   WatchBase* watch_ = nullptr;
 };
 
 // Base of every record that reactors can watch. `notify` calls one handler of the
@@ -63,10 +71,19 @@ class Notifier : public RefCounted {
          return;
       // A handler may drop the last other reference to this record.
       Ptr<const Notifier> self(this);
-      reactors_.forEach([&](ReactorBase* r) { (static_cast<R*>(r)->*handler)(args...); });
+      reactors_.forEach([&](ReactorBase* r) {
+         if (r->watch_)
+            dispatch(*r->watch_, handler, args...);
+         else
+            (static_cast<R*>(r)->*handler)(args...);
+      });
    }
 
  private:
+   // Defined with Watch (platform/store/Watch.h), which every record header includes.
+   template <class R, class... P, class... A>
+   static void dispatch(WatchBase& watch, void (R::*handler)(P...), A&... args);
+
    mutable ReactorList reactors_;
 };
 
