@@ -134,40 +134,30 @@ def _hex_bytes(text):
     return bytes(int(b, 16) for b in text.split(":")) if text else b""
 
 
-# Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the
-# log shows what the server got from the relay: giaddr and the option 82
-# sub-options it knows (agent.circuit-id is 1, agent.remote-id 2,
-# agent.link-selection 5; dhcpd has no names for 11, server identifier override
-# (RFC 5107), and 151, virtual subnet selection (RFC 6607), so they get some here).
-# Values are hex so any byte survives syslog text. dhcpd also evaluates them once at
-# start-up, with no packet: the outer `if` keeps that quiet.
-DHCPD_LOG = textwrap.dedent("""\
-    option agent.lab-server-id-override code 11 = ip-address;
-    option agent.lab-vss code 151 = string;
-    if exists dhcp-message-type {
-       log(info, concat("lab: seen giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),
-                        " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),
-                        " type=", binary-to-ascii(10, 8, "", option dhcp-message-type)));
-       if exists agent.circuit-id {
-          log(info, concat("lab: circuit-id=",
-                           binary-to-ascii(16, 8, ":", option agent.circuit-id)));
-       }
-       if exists agent.remote-id {
-          log(info, concat("lab: remote-id=", binary-to-ascii(16, 8, ":", option agent.remote-id)));
-       }
-       if exists agent.link-selection {
-          log(info, concat("lab: link-selection=",
-                           binary-to-ascii(10, 8, ".", option agent.link-selection)));
-       }
-       if exists agent.lab-server-id-override {
-          log(info, concat("lab: server-id-override=",
-                           binary-to-ascii(10, 8, ".", option agent.lab-server-id-override)));
-       }
-       if exists agent.lab-vss {
-          log(info, concat("lab: vss=", binary-to-ascii(16, 8, ":", option agent.lab-vss)));
-       }
-    }
-    """)
+# The option 82 sub-options dhcpd logs, as (dhcpd's name, Seen field, logged as hex):
+# agent.circuit-id is 1, agent.remote-id 2, agent.link-selection 5; dhcpd has no names for
+# 11, server identifier override (RFC 5107), and 151, virtual subnet selection (RFC 6607),
+# so they get some here. Byte strings go as hex, so any byte survives syslog text;
+# addresses as dotted decimal.
+_LOGGED = (("agent.circuit-id", "circuit_id", True), ("agent.remote-id", "remote_id", True),
+           ("agent.link-selection", "link_selection", False),
+           ("agent.lab-server-id-override", "server_id_override", False),
+           ("agent.lab-vss", "vss", True))
+_HEX = {field for _, field, hexed in _LOGGED if hexed}
+
+# Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the log
+# shows what the server got from the relay: giaddr and the sub-options above. dhcpd
+# also evaluates them once at start-up, with no packet: the outer `if` keeps that quiet.
+DHCPD_LOG = ("option agent.lab-server-id-override code 11 = ip-address;\n"
+             "option agent.lab-vss code 151 = string;\n"
+             "if exists dhcp-message-type {\n"
+             '   log(info, concat("lab: giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),\n'
+             '                    " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),\n'
+             '                    " type=", binary-to-ascii(10, 8, "", option dhcp-message-type)));\n'
+             + "".join(f'   if exists {opt} {{ log(info, concat("lab: {field}=", binary-to-ascii('
+                       + ('16, 8, ":"' if hexed else '10, 8, "."') + f", option {opt}))); }}\n"
+                       for opt, field, hexed in _LOGGED)
+             + "}\n")
 
 
 @dataclass
@@ -222,27 +212,13 @@ class Dhcpd:
     def seen(self):
         """What dhcpd logged per packet, in order."""
         out = []
-        for line in self.log_text().splitlines():
-            m = re.search(r"lab: (seen giaddr|circuit-id|remote-id|link-selection|"
-                          r"server-id-override|vss)=(\S*)"
-                          r"(?: chaddr=(\S*) type=(\d*))?", line)
-            if not m:
-                continue
-            key, value = m.group(1), m.group(2)
-            if key == "seen giaddr":
+        for m in re.finditer(r"lab: (\w+)=(\S*)(?: chaddr=(\S*) type=(\d*))?", self.log_text()):
+            field, value = m.group(1), m.group(2)
+            if field == "giaddr":
                 chaddr = ":".join(f"{b:02x}" for b in _hex_bytes(m.group(3)))
                 out.append(Seen(giaddr=value, chaddr=chaddr, msg_type=int(m.group(4) or 0)))
             elif out:
-                if key == "circuit-id":
-                    out[-1].circuit_id = _hex_bytes(value)
-                elif key == "remote-id":
-                    out[-1].remote_id = _hex_bytes(value)
-                elif key == "vss":
-                    out[-1].vss = _hex_bytes(value)
-                elif key == "server-id-override":
-                    out[-1].server_id_override = value
-                else:
-                    out[-1].link_selection = value
+                setattr(out[-1], field, _hex_bytes(value) if field in _HEX else value)
         return out
 
     def acks(self):

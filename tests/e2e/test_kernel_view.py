@@ -117,5 +117,9 @@ def test_a_vrf_coming_and_going_leaks_no_descriptors(tmp_path, netns, agent):
         green_is(True)
         run("ip", "netns", "del", green)
         green_is(False)
-    assert open_fds() == before
+
+    # A leak would be a hundred descriptors; one may be a control connection still closing.
+    def no_more_fds():
+        assert open_fds() <= before
+    eventually(no_more_fds)
     assert a.stop() == 0
