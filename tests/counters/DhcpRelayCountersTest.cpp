@@ -157,7 +157,7 @@ class DhcpRelayCountersSmTest : public testing::Test {
    std::unique_ptr<DhcpRelayCountersSm> sm_;
 };
 
-TEST_F(DhcpRelayCountersSmTest, ABurstIsPublishedOnceTheIntervalAfterItsFirstCount) {
+TEST_F(DhcpRelayCountersSmTest, ABurstIsPublishedOnceTheIntervalAfterItsFirstCountOrOnRequest) {
    const double first = utc_.now();
    // Steps of 1/256 s keep the clock sums exact.
    const double step = 1.0 / 256;
@@ -174,39 +174,27 @@ TEST_F(DhcpRelayCountersSmTest, ABurstIsPublishedOnceTheIntervalAfterItsFirstCou
    EXPECT_EQ(snapshot(*published_), snapshot(*local_));
    EXPECT_EQ(published_->intfStatus(kVlan10)->requestsReceived(), 1000u);
    EXPECT_FALSE(sm_->counterUpdatePending());
-
    advance(60);
    EXPECT_EQ(publications_.times.size(), 1u) << "no change, no publication";
-   const double next = utc_.now();
+
+   // A per-interface count schedules too. A request no newer than the last publication
+   // leaves that as it is; a newer one publishes at once, and the timer goes with it.
    pktDropped(*local_, bootRequest, kVlan20);
-   advance(5.0);
-   EXPECT_EQ(publications_.times.back(), next + 5.0) << "a per-interface count schedules too";
-   EXPECT_EQ(published_->intfStatus(kVlan20)->requestsDropped(), 1u);
-}
-
-TEST_F(DhcpRelayCountersSmTest, AnUpdateRequestPublishesAtOnceOnlyWhenNewerThanTheLastPublication) {
-   pktReceived(*local_, bootRequest, kVlan10);
-   advance(5.0);
-   ASSERT_EQ(publications_.times.size(), 1u);
-   const double last = publications_.times[0];
-
-   pktReceived(*local_, bootRequest, kVlan10);
    {
       Platform::TraceCapture trace;
-      config_->counterUpdateRequestTimeIs(last - 1);
-      config_->counterUpdateRequestTimeIs(last);
+      config_->counterUpdateRequestTimeIs(first + 4);
+      config_->counterUpdateRequestTimeIs(first + 5);
       EXPECT_TRUE(trace.contains("handleCounterUpdateRequest()published counters"));
    }
    EXPECT_EQ(publications_.times.size(), 1u);
-   EXPECT_TRUE(sm_->counterUpdatePending()) << "the scheduled publication still stands";
-
+   EXPECT_TRUE(sm_->counterUpdatePending());
    advance(1.0);
    config_->counterUpdateRequestTimeIs(utc_.now() - 0.5);
    EXPECT_EQ(publications_.times.back(), utc_.now());
-   EXPECT_EQ(published_->totalRequestsReceived(), 2u);
+   EXPECT_EQ(published_->intfStatus(kVlan20)->requestsDropped(), 1u);
    EXPECT_FALSE(sm_->counterUpdatePending());
    advance(10.0);
-   EXPECT_EQ(publications_.times.size(), 2u) << "the timer went with the early publication";
+   EXPECT_EQ(publications_.times.size(), 2u);
 }
 
 TEST_F(DhcpRelayCountersSmTest, ResetsClearTheirCountersKeepTheRestAndPublishAtOnce) {
@@ -263,11 +251,24 @@ TEST_F(DhcpRelayCountersSmTest, AfterARestartCountingContinuesFromThePublishedVa
    pktForwarded(*local_, bootReply, kVlan20);
    advance(5.0);
    Snapshot expected = snapshot(*local_);
-
-   local_ = make<Status>("LocalDhcpRelayStatus");
-   start();
    expected["numSmartRelayedHosts"] = 0;  // went with the previous run
+
+   // Nothing is published or reset before the new machine is initialized; a request made
+   // meanwhile is newer than any publication and is answered on start.
+   local_ = make<Status>("LocalDhcpRelayStatus");
+   sm_ = std::make_unique<DhcpRelayCountersSm>(config_, published_, local_, wheel_);
+   publications_.times.clear();
+   pktReceived(*local_, bootRequest, kVlan10);
+   config_->resetAllTriggerIs(2);
+   advance(10.0);
+   config_->counterUpdateRequestTimeIs(utc_.now());
+   EXPECT_FALSE(sm_->counterUpdatePending());
+   EXPECT_TRUE(publications_.times.empty());
+   sm_->handleInitialized();
+   EXPECT_EQ(publications_.times, std::vector<double>{utc_.now()});
    EXPECT_EQ(snapshot(*local_), expected);
+   EXPECT_EQ(snapshot(*published_), expected);
+
    pktReceived(*local_, bootRequest, kVlan10);
    advance(5.0);
    expected["totalRequestsReceived"] = expected["Vlan10.requestsReceived"] = 3;
@@ -289,24 +290,6 @@ TEST_F(DhcpRelayCountersSmTest, PublishedInterfacesFollowTheLocalOnesAtTheNextPu
    local_->intfStatus(kVlan10)->requestsDroppedInc();
    advance(5.0);
    EXPECT_EQ(published_->intfStatus(kVlan10)->requestsDropped(), 1u);
-}
-
-TEST_F(DhcpRelayCountersSmTest, NothingIsPublishedOrResetBeforeInitialization) {
-   published_->totalRequestsReceivedIs(7);
-   local_ = make<Status>("LocalDhcpRelayStatus");
-   sm_ = std::make_unique<DhcpRelayCountersSm>(config_, published_, local_, wheel_);
-   pktReceived(*local_, bootRequest, kVlan10);
-   config_->resetAllTriggerIs(1);
-   advance(10.0);
-   config_->counterUpdateRequestTimeIs(utc_.now());
-   EXPECT_FALSE(sm_->counterUpdatePending());
-   EXPECT_TRUE(publications_.times.empty());
-   EXPECT_EQ(published_->totalRequestsReceived(), 7u);
-
-   // The request made meanwhile is newer than any publication: it is answered on start.
-   sm_->handleInitialized();
-   EXPECT_EQ(publications_.times, std::vector<double>{utc_.now()});
-   EXPECT_EQ(published_->totalRequestsReceived(), 7u);
 }
 
 }  // namespace
