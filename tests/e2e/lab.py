@@ -20,11 +20,12 @@ a plain veth.
 it is safe to call twice and after a half-built lab.
 
 Run as a program, this module drives a lab from a shell (scripts/lab.sh):
-    lab.py --prefix P --dir D up | dhcpd ROLE [--direct] [--second-pool]
+    lab.py --prefix P --dir D up | dhcpd ROLE [--second-pool]
                                  | client [--timeout S] | agent-config | down
 """
 
 import argparse
+import ipaddress
 import itertools
 import json
 import os
@@ -112,21 +113,14 @@ def wait_for(check, timeout, what):
         time.sleep(0.05)
 
 
-def _netmask(cidr):
-    bits = int(cidr.split("/")[1])
-    mask = (0xFFFFFFFF << (32 - bits)) & 0xFFFFFFFF
-    return ".".join(str((mask >> s) & 0xFF) for s in (24, 16, 8, 0))
-
-
 def _router(cidr):
     """The relay's address in each client subnet is the subnet's first host."""
-    net = cidr.split("/")[0].split(".")
-    return ".".join(net[:3] + [str(int(net[3]) + 1)])
+    return str(ipaddress.ip_network(cidr).network_address + 1)
 
 
 def _subnet(cidr, body=""):
-    net = cidr.split("/")[0]
-    return f"subnet {net} netmask {_netmask(cidr)} {{{body}}}\n"
+    net = ipaddress.ip_network(cidr)
+    return f"subnet {net.network_address} netmask {net.netmask} {{{body}}}\n"
 
 
 def _hex_bytes(text):
@@ -307,9 +301,7 @@ class Lab:
     def __init__(self, workdir, prefix=None, make_ns=None, build=True):
         self.dir = Path(workdir)
         self.dir.mkdir(parents=True, exist_ok=True)
-        self.prefix = prefix
         self.procs = []
-        self.servers = {}
         self._made_etc_netns = False
         self._apparmor = self._confined_binaries()
         if make_ns is None:
@@ -463,13 +455,9 @@ class Lab:
         else:
             pools = {cidr: r for cidr, r in POOLS[role].items()
                      if cidr == CLIENT_NET or (second_pool and cidr == SECONDARY_NET)}
-        if role == "direct":
-            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools, extra, subnets)
-        else:
-            dev = {"server": SERVER_BRIDGE, "server2": SERVER2_DEV, "red": RED_DEV}[role]
-            d = Dhcpd(self, role, self.ns[role], dev, pools, extra, subnets)
-        self.servers[role] = d
-        return d
+        ns, dev = {"direct": ("relay", RELAY_CLIENT_DEV), "server": ("server", SERVER_BRIDGE),
+                   "server2": ("server2", SERVER2_DEV), "red": ("red", RED_DEV)}[role]
+        return Dhcpd(self, role, self.ns[ns], dev, pools, extra, subnets)
 
     def start_dns(self, records, ttl=5):
         """A DNS server (dnsmasq, DNS only) in the server namespace, on the server's
@@ -546,25 +534,16 @@ class Lab:
             pass
         finally:
             self._stop(proc)
-        for record in reversed(self.client_reports(result)):
+        # Every call of dhclient-script, as a dict of what it was told.
+        calls = result.read_text().split("\n\n") if result.exists() else []
+        for call in reversed(calls):
+            record = dict(line.split("=", 1) for line in call.splitlines() if "=" in line)
             if record.get("reason") == until:
                 return Lease(ip=record["new_ip_address"],
                              server=record.get("new_dhcp_server_identifier"),
                              mask=record.get("new_subnet_mask"),
                              routers=record.get("new_routers"), vars=record)
         return None
-
-    @staticmethod
-    def client_reports(result):
-        """Every call of dhclient-script, as a dict of what it was told."""
-        if not result.exists():
-            return []
-        records = []
-        for block in result.read_text().split("\n\n"):
-            rec = dict(line.split("=", 1) for line in block.splitlines() if "=" in line)
-            if rec:
-                records.append(rec)
-        return records
 
     def scapy(self, role, code, timeout=20):
         """Runs a scapy snippet inside `role`'s namespace (`from scapy.all import *`
