@@ -21,77 +21,13 @@ DhcpPacketInfo packetInfo(size_t bytes = 300) {
        Pkt::create(bytes), IntfId("Ethernet1"), true, static_cast<uint32_t>(bytes), {}};
 }
 
-// Behaves as every consumer of the snooping-to-relay queue must: a per-entry
-// notification only tells it that something may be queued; it always takes the
-// head, so packets are handled in arrival order whichever notification comes.
-class TestConsumer : public DhcpPacketQueues::Reactor {
- public:
-   explicit TestConsumer(Ptr<DhcpPacketQueues> queues) : queues_(std::move(queues)) {}
-
-   void attach() { notifierIs(queues_); }
-   void initialize() {
-      initialized_ = true;
-      handleSnoopingToRelayPacket();
-   }
-   void handleSnoopingToRelayPacket(uint32_t index) override {
-      if (!!queues_->snoopingToRelayQueue(index))
-         processed.push_back(queues_->snoopingToRelayQueueDeq());
-   }
-   void handleSnoopingToRelayPacket() override {
-      while (initialized_ && !queues_->snoopingToRelayQueue().empty())
-         processed.push_back(queues_->snoopingToRelayQueueDeq());
-   }
-
-   std::vector<DhcpPacketInfo> processed;
-
- private:
-   Ptr<DhcpPacketQueues> queues_;
-   bool initialized_ = false;
-};
-
 class DhcpPacketQueuesTest : public ::testing::Test {
  protected:
    Ptr<DhcpPacketQueues> queues = Platform::make<DhcpPacketQueues>("DhcpPacketQueues");
 };
 
-TEST_F(DhcpPacketQueuesTest, PacketsQueuedBeforeTheConsumerAreProcessedOldestFirst) {
-   const DhcpPacketInfo first = packetInfo();
-   const DhcpPacketInfo second = packetInfo();
-   for (bool attachFirst : {true, false}) {
-      queues->snoopingToRelayQueueEnq(first);
-      queues->snoopingToRelayQueueEnq(second);
-      TestConsumer consumer(queues);
-      if (attachFirst) {
-         // Attached but not initialized: the whole-queue handler must leave the queue alone.
-         consumer.attach();
-         EXPECT_EQ(queues->snoopingToRelayQueue().size(), 2u);
-         consumer.initialize();
-      } else {
-         // Initialized first: attaching drains.
-         consumer.initialize();
-         consumer.attach();
-      }
-      EXPECT_EQ(consumer.processed, (std::vector<DhcpPacketInfo>{first, second})) << attachFirst;
-      EXPECT_TRUE(queues->snoopingToRelayQueue().empty());
-   }
-}
-
-TEST_F(DhcpPacketQueuesTest, PerEntryNotificationTakesTheHeadNotTheNotifiedIndex) {
-   const DhcpPacketInfo older = packetInfo();
-   const uint32_t olderIndex = queues->snoopingToRelayQueueEnq(older);
-   TestConsumer consumer(queues);
-   consumer.attach();
-
-   const DhcpPacketInfo newer = packetInfo();
-   const uint32_t newerIndex = queues->snoopingToRelayQueueEnq(newer);
-   EXPECT_EQ(consumer.processed, std::vector<DhcpPacketInfo>{older});
-   // The notified entry stays queued for the next notification or drain.
-   EXPECT_EQ(queues->snoopingToRelayQueue(newerIndex), newer);
-   EXPECT_TRUE(!queues->snoopingToRelayQueue(olderIndex));
-   consumer.initialize();
-   EXPECT_EQ(consumer.processed, (std::vector<DhcpPacketInfo>{older, newer}));
-}
-
+// Attaching offers what is already queued through the whole-queue handlers; an entry
+// enqueued later is announced by its index.
 TEST_F(DhcpPacketQueuesTest, EachQueueNotifiesOnlyItsOwnHandlers) {
    struct HandlerLog : DhcpPacketQueues::Reactor {
       void handleSnoopingToRelayPacket(uint32_t i) override { calls.push_back("s2r " + str(i)); }
