@@ -29,12 +29,18 @@ class DhcpPacketQueuesTest : public ::testing::Test {
 // Attaching offers what is already queued through the whole-queue handlers; an entry
 // enqueued later is announced by its index.
 TEST_F(DhcpPacketQueuesTest, EachQueueNotifiesOnlyItsOwnHandlers) {
+   // An announced entry is already in the queue.
    struct HandlerLog : DhcpPacketQueues::Reactor {
-      void handleSnoopingToRelayPacket(uint32_t i) override { calls.push_back("s2r " + str(i)); }
-      void handleRelayToSnoopingPacket(uint32_t i) override { calls.push_back("r2s " + str(i)); }
+      void handleSnoopingToRelayPacket(uint32_t i) override {
+         calls.push_back("s2r " + std::to_string(i) +
+                         (!notifier()->snoopingToRelayQueue(i) ? "?" : ""));
+      }
+      void handleRelayToSnoopingPacket(uint32_t i) override {
+         calls.push_back("r2s " + std::to_string(i) +
+                         (!notifier()->relayToSnoopingQueue(i) ? "?" : ""));
+      }
       void handleSnoopingToRelayPacket() override { calls.push_back("s2r all"); }
       void handleRelayToSnoopingPacket() override { calls.push_back("r2s all"); }
-      static std::string str(uint32_t i) { return std::to_string(i); }
       std::vector<std::string> calls;
    } log;
    log.notifierIs(queues);
