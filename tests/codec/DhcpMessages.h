@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "platform/packet/Pkt.h"
@@ -35,10 +34,6 @@ inline Bytes withByte(Bytes msg, size_t at, uint8_t value) {
 
 inline Bytes bytesOf(const Platform::Pkt& pkt) {
    return Bytes(pkt.span().begin(), pkt.span().end());
-}
-
-inline Bytes bytesOf(const std::string& text) {
-   return Bytes(text.begin(), text.end());
 }
 
 inline Bytes concat(std::initializer_list<Bytes> parts) {

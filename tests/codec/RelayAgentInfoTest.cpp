@@ -109,7 +109,8 @@ TEST(RelayAgentInfoTest, AddThenRemoveRestoresTheMessage) {
 }
 
 // A refused edit leaves every byte where it was, so the caller can drop or forward the
-// packet as received. The option's 255-byte length limit sits among the refusals.
+// packet as received. The option's 255-byte length limit and the packet's tail room sit
+// among the refusals.
 TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
    const Values small{"Vlan10"};
    struct Case {
@@ -117,6 +118,7 @@ TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
       Bytes msg;
       Values values;
       bool fits = false;
+      size_t tailroom = 512;
    };
    const Case cases[] = {
        {"no cookie", Bytes(300, 0), small},
@@ -137,9 +139,12 @@ TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
         true},
        {"VRF name over the VRF name limit", dhcpMessage({255}), {"", "", std::string(101, 'v')}},
        {"longest VRF name", dhcpMessage({255}), {"", "", std::string(100, 'v')}, true},
+       // "Vlan10" makes a 10-byte option.
+       {"tail room one byte short", dhcpMessage({53, 1, 1, 255}), small, false, 9},
+       {"tail room just enough", dhcpMessage({53, 1, 1, 255}), small, true, 10},
    };
    for (const Case& c : cases) {
-      auto pkt = Pkt::copyOf(c.msg);
+      auto pkt = Pkt::copyOf(c.msg, 64, c.tailroom);
       EXPECT_EQ(add(*pkt, c.values), c.fits) << c.name;
       if (c.fits) {
          EXPECT_EQ(parsed(*pkt), "circuit=" + c.values.circuitId + " remote=" + c.values.remoteId +
@@ -147,52 +152,45 @@ TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
              << c.name;
       } else {
          EXPECT_EQ(bytesOf(*pkt), c.msg) << c.name;
+         EXPECT_EQ(pkt->tailroom(), c.tailroom) << c.name;
       }
    }
 }
 
-TEST(RelayAgentInfoTest, GrowthStopsExactlyAtTheTailRoom) {
-   const Bytes msg = dhcpMessage({53, 1, 1, 255});
-   auto fits = Pkt::copyOf(msg, 0, 10);  // "Vlan10" makes a 10-byte option
-   ASSERT_TRUE(add(*fits, {"Vlan10"}));
-   EXPECT_EQ(fits->tailroom(), 0u);
-
-   auto tight = Pkt::copyOf(msg, 0, 9);
-   EXPECT_FALSE(add(*tight, {"Vlan10"}));
-   EXPECT_EQ(bytesOf(*tight), msg);
-   EXPECT_EQ(tight->tailroom(), 9u);
-}
-
 // RFC 3046 sections 2.1 and 2.1.1: a relay never adds a second option 82, so a message
-// that already has one (from a trusted downstream element) is forwarded unchanged.
-TEST(RelayAgentInfoTest, ExistingOptionIsLeftAlone) {
+// that already has one (from a trusted downstream element) is forwarded unchanged. With
+// the information option off nothing is added or removed; other ops are refused.
+TEST(RelayAgentInfoTest, EditsThatLeaveTheMessageAlone) {
    const Bytes downstream = {82, 4, 1, 2, 'p', '1'};
-   const Bytes msgs[] = {
-       dhcpMessage(concat({kClientOptions, downstream, {255}})),
-       dhcpMessage({52, 1, 1, 255}, concat({downstream, {255}})),
+   struct Case {
+      const char* name;
+      Bytes msg;
+      uint8_t op;
+      bool flag;
+      bool ok;
    };
-   for (const Bytes& msg : msgs) {
-      auto pkt = Pkt::copyOf(msg);
-      EXPECT_TRUE(infoOptPresent(*pkt));
-      EXPECT_TRUE(add(*pkt, {"Vlan10", "", "red", "10.0.0.1", "10.0.0.0"}));
-      EXPECT_EQ(bytesOf(*pkt), msg);
+   const Case cases[] = {
+       {"option 82 already there", dhcpMessage(concat({kClientOptions, downstream, {255}})),
+        bootRequest, true, true},
+       {"option 82 in a lent file", dhcpMessage({52, 1, 1, 255}, concat({downstream, {255}})),
+        bootRequest, true, true},
+       {"add with the flag off", dhcpMessage({53, 1, 1, 255}), bootRequest, false, true},
+       {"strip with the flag off", dhcpMessage({53, 1, 5, 82, 3, 1, 1, 'c', 255}), bootReply, false,
+        true},
+       {"op 3", dhcpMessage({53, 1, 1, 255}), 3, true, false},
+       {"op 0", dhcpMessage({53, 1, 1, 255}), 0, true, false},
+   };
+   for (const Case& c : cases) {
+      auto pkt = Pkt::copyOf(c.msg);
+      EXPECT_EQ(preparePacket(*pkt, c.op, c.flag, "Vlan10", "", "red", *IpAddr::parse("10.0.0.1"),
+                              *IpAddr::parse("10.0.0.0"), 0),
+                c.ok)
+          << c.name;
+      EXPECT_EQ(bytesOf(*pkt), c.msg) << c.name;
    }
+   EXPECT_TRUE(infoOptPresent(*Pkt::copyOf(cases[0].msg)));
+   EXPECT_TRUE(infoOptPresent(*Pkt::copyOf(cases[1].msg)));
    EXPECT_FALSE(infoOptPresent(*Pkt::copyOf(dhcpMessage(kClientOptions))));
-}
-
-TEST(RelayAgentInfoTest, FlagAndOpGateEveryEdit) {
-   const Bytes withOption = dhcpMessage({53, 1, 5, 82, 3, 1, 1, 'c', 255});
-   auto pkt = Pkt::copyOf(withOption);
-   EXPECT_TRUE(preparePacket(*pkt, bootReply, false, {}, {}, {}, {}, {}, 0));
-   EXPECT_EQ(bytesOf(*pkt), withOption) << "strip with flag off";
-
-   const Bytes without = dhcpMessage({53, 1, 1, 255});
-   pkt = Pkt::copyOf(without);
-   EXPECT_TRUE(preparePacket(*pkt, bootRequest, false, "Vlan10", {}, {}, {}, {}, 0));
-   EXPECT_EQ(bytesOf(*pkt), without) << "add with flag off";
-   EXPECT_FALSE(preparePacket(*pkt, 3, true, "Vlan10", {}, {}, {}, {}, 0));
-   EXPECT_FALSE(preparePacket(*pkt, 0, true, "Vlan10", {}, {}, {}, {}, 0));
-   EXPECT_EQ(bytesOf(*pkt), without) << "unknown op";
 }
 
 TEST(RelayAgentInfoTest, RemoveEveryInstance) {

@@ -20,11 +20,12 @@ a plain veth.
 it is safe to call twice and after a half-built lab.
 
 Run as a program, this module drives a lab from a shell (scripts/lab.sh):
-    lab.py --prefix P --dir D up | dhcpd ROLE [--direct] [--second-pool]
+    lab.py --prefix P --dir D up | dhcpd ROLE [--second-pool]
                                  | client [--timeout S] | agent-config | down
 """
 
 import argparse
+import ipaddress
 import itertools
 import json
 import os
@@ -112,21 +113,14 @@ def wait_for(check, timeout, what):
         time.sleep(0.05)
 
 
-def _netmask(cidr):
-    bits = int(cidr.split("/")[1])
-    mask = (0xFFFFFFFF << (32 - bits)) & 0xFFFFFFFF
-    return ".".join(str((mask >> s) & 0xFF) for s in (24, 16, 8, 0))
-
-
 def _router(cidr):
     """The relay's address in each client subnet is the subnet's first host."""
-    net = cidr.split("/")[0].split(".")
-    return ".".join(net[:3] + [str(int(net[3]) + 1)])
+    return str(ipaddress.ip_network(cidr).network_address + 1)
 
 
 def _subnet(cidr, body=""):
-    net = cidr.split("/")[0]
-    return f"subnet {net} netmask {_netmask(cidr)} {{{body}}}\n"
+    net = ipaddress.ip_network(cidr)
+    return f"subnet {net.network_address} netmask {net.netmask} {{{body}}}\n"
 
 
 def _hex_bytes(text):
@@ -134,40 +128,30 @@ def _hex_bytes(text):
     return bytes(int(b, 16) for b in text.split(":")) if text else b""
 
 
-# Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the
-# log shows what the server got from the relay: giaddr and the option 82
-# sub-options it knows (agent.circuit-id is 1, agent.remote-id 2,
-# agent.link-selection 5; dhcpd has no names for 11, server identifier override
-# (RFC 5107), and 151, virtual subnet selection (RFC 6607), so they get some here).
-# Values are hex so any byte survives syslog text. dhcpd also evaluates them once at
-# start-up, with no packet: the outer `if` keeps that quiet.
-DHCPD_LOG = textwrap.dedent("""\
-    option agent.lab-server-id-override code 11 = ip-address;
-    option agent.lab-vss code 151 = string;
-    if exists dhcp-message-type {
-       log(info, concat("lab: seen giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),
-                        " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),
-                        " type=", binary-to-ascii(10, 8, "", option dhcp-message-type)));
-       if exists agent.circuit-id {
-          log(info, concat("lab: circuit-id=",
-                           binary-to-ascii(16, 8, ":", option agent.circuit-id)));
-       }
-       if exists agent.remote-id {
-          log(info, concat("lab: remote-id=", binary-to-ascii(16, 8, ":", option agent.remote-id)));
-       }
-       if exists agent.link-selection {
-          log(info, concat("lab: link-selection=",
-                           binary-to-ascii(10, 8, ".", option agent.link-selection)));
-       }
-       if exists agent.lab-server-id-override {
-          log(info, concat("lab: server-id-override=",
-                           binary-to-ascii(10, 8, ".", option agent.lab-server-id-override)));
-       }
-       if exists agent.lab-vss {
-          log(info, concat("lab: vss=", binary-to-ascii(16, 8, ":", option agent.lab-vss)));
-       }
-    }
-    """)
+# The option 82 sub-options dhcpd logs, as (dhcpd's name, Seen field, logged as hex):
+# agent.circuit-id is 1, agent.remote-id 2, agent.link-selection 5; dhcpd has no names for
+# 11, server identifier override (RFC 5107), and 151, virtual subnet selection (RFC 6607),
+# so they get some here. Byte strings go as hex, so any byte survives syslog text;
+# addresses as dotted decimal.
+_LOGGED = (("agent.circuit-id", "circuit_id", True), ("agent.remote-id", "remote_id", True),
+           ("agent.link-selection", "link_selection", False),
+           ("agent.lab-server-id-override", "server_id_override", False),
+           ("agent.lab-vss", "vss", True))
+_HEX = {field for _, field, hexed in _LOGGED if hexed}
+
+# Statements at the top of dhcpd.conf run for every packet dhcpd answers, so the log
+# shows what the server got from the relay: giaddr and the sub-options above. dhcpd
+# also evaluates them once at start-up, with no packet: the outer `if` keeps that quiet.
+DHCPD_LOG = ("option agent.lab-server-id-override code 11 = ip-address;\n"
+             "option agent.lab-vss code 151 = string;\n"
+             "if exists dhcp-message-type {\n"
+             '   log(info, concat("lab: giaddr=", binary-to-ascii(10, 8, ".", packet(24, 4)),\n'
+             '                    " chaddr=", binary-to-ascii(16, 8, ":", substring(hardware, 1, 6)),\n'
+             '                    " type=", binary-to-ascii(10, 8, "", option dhcp-message-type)));\n'
+             + "".join(f'   if exists {opt} {{ log(info, concat("lab: {field}=", binary-to-ascii('
+                       + ('16, 8, ":"' if hexed else '10, 8, "."') + f", option {opt}))); }}\n"
+                       for opt, field, hexed in _LOGGED)
+             + "}\n")
 
 
 @dataclass
@@ -222,27 +206,13 @@ class Dhcpd:
     def seen(self):
         """What dhcpd logged per packet, in order."""
         out = []
-        for line in self.log_text().splitlines():
-            m = re.search(r"lab: (seen giaddr|circuit-id|remote-id|link-selection|"
-                          r"server-id-override|vss)=(\S*)"
-                          r"(?: chaddr=(\S*) type=(\d*))?", line)
-            if not m:
-                continue
-            key, value = m.group(1), m.group(2)
-            if key == "seen giaddr":
+        for m in re.finditer(r"lab: (\w+)=(\S*)(?: chaddr=(\S*) type=(\d*))?", self.log_text()):
+            field, value = m.group(1), m.group(2)
+            if field == "giaddr":
                 chaddr = ":".join(f"{b:02x}" for b in _hex_bytes(m.group(3)))
                 out.append(Seen(giaddr=value, chaddr=chaddr, msg_type=int(m.group(4) or 0)))
             elif out:
-                if key == "circuit-id":
-                    out[-1].circuit_id = _hex_bytes(value)
-                elif key == "remote-id":
-                    out[-1].remote_id = _hex_bytes(value)
-                elif key == "vss":
-                    out[-1].vss = _hex_bytes(value)
-                elif key == "server-id-override":
-                    out[-1].server_id_override = value
-                else:
-                    out[-1].link_selection = value
+                setattr(out[-1], field, _hex_bytes(value) if field in _HEX else value)
         return out
 
     def acks(self):
@@ -331,9 +301,7 @@ class Lab:
     def __init__(self, workdir, prefix=None, make_ns=None, build=True):
         self.dir = Path(workdir)
         self.dir.mkdir(parents=True, exist_ok=True)
-        self.prefix = prefix
         self.procs = []
-        self.servers = {}
         self._made_etc_netns = False
         self._apparmor = self._confined_binaries()
         if make_ns is None:
@@ -487,13 +455,9 @@ class Lab:
         else:
             pools = {cidr: r for cidr, r in POOLS[role].items()
                      if cidr == CLIENT_NET or (second_pool and cidr == SECONDARY_NET)}
-        if role == "direct":
-            d = Dhcpd(self, role, self.ns["relay"], RELAY_CLIENT_DEV, pools, extra, subnets)
-        else:
-            dev = {"server": SERVER_BRIDGE, "server2": SERVER2_DEV, "red": RED_DEV}[role]
-            d = Dhcpd(self, role, self.ns[role], dev, pools, extra, subnets)
-        self.servers[role] = d
-        return d
+        ns, dev = {"direct": ("relay", RELAY_CLIENT_DEV), "server": ("server", SERVER_BRIDGE),
+                   "server2": ("server2", SERVER2_DEV), "red": ("red", RED_DEV)}[role]
+        return Dhcpd(self, role, self.ns[ns], dev, pools, extra, subnets)
 
     def start_dns(self, records, ttl=5):
         """A DNS server (dnsmasq, DNS only) in the server namespace, on the server's
@@ -570,25 +534,16 @@ class Lab:
             pass
         finally:
             self._stop(proc)
-        for record in reversed(self.client_reports(result)):
+        # Every call of dhclient-script, as a dict of what it was told.
+        calls = result.read_text().split("\n\n") if result.exists() else []
+        for call in reversed(calls):
+            record = dict(line.split("=", 1) for line in call.splitlines() if "=" in line)
             if record.get("reason") == until:
                 return Lease(ip=record["new_ip_address"],
                              server=record.get("new_dhcp_server_identifier"),
                              mask=record.get("new_subnet_mask"),
                              routers=record.get("new_routers"), vars=record)
         return None
-
-    @staticmethod
-    def client_reports(result):
-        """Every call of dhclient-script, as a dict of what it was told."""
-        if not result.exists():
-            return []
-        records = []
-        for block in result.read_text().split("\n\n"):
-            rec = dict(line.split("=", 1) for line in block.splitlines() if "=" in line)
-            if rec:
-                records.append(rec)
-        return records
 
     def scapy(self, role, code, timeout=20):
         """Runs a scapy snippet inside `role`'s namespace (`from scapy.all import *`

@@ -3,6 +3,9 @@ resolver configuration (a dnsmasq in the lab, see Lab.start_dns), follows a chan
 address once the answer's TTL runs out, and keeps relaying to its other servers while
 a name does not resolve."""
 
+import itertools
+import time
+
 import lab as L
 from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING, in_pool, start_agent
@@ -21,31 +24,22 @@ def relayed_to(frames):
 
 
 def discover_until_offer_from(lab, server_ip, timeout):  # noqa: F811
-    """Sends a DISCOVER (a new xid each) every half second from the client namespace
-    until an OFFER from `server_ip` arrives; returns that OFFER's xid, or None."""
-    out = lab.scapy("client", f"""
-        import time
-        got = []
-        sniffer = AsyncSniffer(iface={L.CLIENT_DEV!r}, filter="udp dst port 68",
-                               prn=got.append, lfilter=lambda p: DHCP in p and
-                               ("server_id", {server_ip!r}) in p[DHCP].options)
-        sniffer.start()
-        deadline = time.monotonic() + {timeout}
-        xid = 0x7000
-        while not got and time.monotonic() < deadline:
-            xid += 1
-            sendp(Ether(src={PROBE_MAC!r}, dst="ff:ff:ff:ff:ff:ff") /
-                  IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
-                  BOOTP(chaddr=mac2str({PROBE_MAC!r}), xid=xid, flags=0x8000) /
-                  DHCP(options=[("message-type", "discover"), "end"]), iface={L.CLIENT_DEV!r})
-            sent = time.monotonic()
-            while not got and time.monotonic() - sent < 0.5:
-                time.sleep(0.02)
-        sniffer.stop()
-        print(got[0][BOOTP].xid if got else "none")
-        """, timeout=timeout + 20)
-    last = out.split()[-1]
-    return None if last == "none" else int(last)
+    """Sends DISCOVERs (a new xid each) from the client namespace until an OFFER from
+    `server_ip` comes back; returns that OFFER's xid, or None."""
+    from scapy.layers.dhcp import BOOTP, DHCP
+
+    def offered(frames):
+        return [f[BOOTP].xid for f in frames
+                if L.dhcp_type(f) == 2 and ("server_id", server_ip) in f[DHCP].options]
+    deadline = time.monotonic() + timeout
+    with lab.capture("client", L.CLIENT_DEV) as cap:
+        for xid in itertools.count(0x7001):
+            lab.send_discover(PROBE_MAC, xid=xid)
+            try:
+                return offered(cap.wait(offered, 0.5, "an OFFER"))[0]
+            except TimeoutError:
+                if time.monotonic() > deadline:
+                    return None
 
 
 def test_server_named_by_host_name_follows_its_address(lab, tmp_path):  # noqa: F811

@@ -8,20 +8,20 @@ from pathlib import Path
 from conftest import run
 
 
-def eventually(check, timeout=5.0):
-    """Polls `check` (which raises AssertionError until the agent has caught up)."""
+def settles(get, expected, timeout=5.0):
+    """Polls `get()` until it returns `expected`: the agent follows the kernel on its own time."""
     deadline = time.monotonic() + timeout
-    while True:
-        try:
-            return check()
-        except AssertionError:
-            if time.monotonic() > deadline:
-                raise
-            time.sleep(0.05)
+    while (got := get()) != expected and time.monotonic() < deadline:
+        time.sleep(0.05)
+    assert got == expected
 
 
 def ns_run(ns, *args):
     return run("ip", "-n", ns, *args)
+
+
+def vrf_states(agent):
+    return {v["vrf"]: v["active"] for v in agent.show("vrfs")}
 
 
 def interfaces(agent, vrf):
@@ -42,18 +42,10 @@ def test_two_vrfs_follow_namespaces_links_and_addresses(tmp_path, netns, agent):
           Ethernet2: vb0
         """))
     a = agent(cfg)
-
-    def vrf_states():
-        return {v["vrf"]: v["active"] for v in a.show("vrfs")}
-
-    assert vrf_states() == {"default": True, "red": True, "blue": False}
+    assert vrf_states(a) == {"default": True, "red": True, "blue": False}
     assert f"VRF blue is not active: namespace {blue} does not exist" in a.log_text()
-
     run("ip", "netns", "add", blue)
-
-    def blue_active():
-        assert vrf_states()["blue"] is True
-    eventually(blue_active)
+    settles(lambda: vrf_states(a)["blue"], True)
 
     # A veth pair between the two VRFs, addressed in red.
     run("ip", "link", "add", "vr0", "netns", red, "type", "veth", "peer", "vb0", "netns", blue)
@@ -65,34 +57,22 @@ def test_two_vrfs_follow_namespaces_links_and_addresses(tmp_path, netns, agent):
     ns_run(red, "link", "set", "vr0", "up")
     ns_run(blue, "link", "set", "vb0", "up")
 
-    def red_addressed():
-        vr0 = interfaces(a, "red")["vr0"]
-        assert vr0["intfId"] == "Ethernet1"
-        assert vr0["ipv4"] == ["192.0.2.1/24", "192.0.2.9/24"]
-        assert "2001:db8:1::1/64" in vr0["ipv6"]
-        assert vr0["up"] and vr0["running"]
-        assert interfaces(a, "blue")["vb0"]["intfId"] == "Ethernet2"
-    eventually(red_addressed)
+    def vr0():
+        i = interfaces(a, "red").get("vr0")
+        return i and (i["intfId"], i["ipv4"], "2001:db8:1::1/64" in i["ipv6"], i["up"],
+                      i["running"])
+    settles(vr0, ("Ethernet1", ["192.0.2.1/24", "192.0.2.9/24"], True, True, True))
+    settles(lambda: interfaces(a, "blue").get("vb0", {}).get("intfId"), "Ethernet2")
 
     # Removing the primary promotes the secondary; taking the peer down drops carrier.
     ns_run(red, "addr", "del", "192.0.2.1/24", "dev", "vr0")
     ns_run(blue, "link", "set", "vb0", "down")
+    settles(vr0, ("Ethernet1", ["192.0.2.9/24"], True, True, False))
 
-    def changed():
-        vr0 = interfaces(a, "red")["vr0"]
-        assert vr0["ipv4"] == ["192.0.2.9/24"]
-        assert vr0["up"] and not vr0["running"]
-    eventually(changed)
-
-    # The blue namespace goes away: its VRF is inactive and shows no devices.
+    # The blue namespace goes away: its VRF is inactive and shows no devices, and vr0 went
+    # with its veth peer.
     run("ip", "netns", "del", blue)
-
-    def blue_gone():
-        assert vrf_states()["blue"] is False
-        assert interfaces(a, "blue") == {}
-        assert "vr0" not in interfaces(a, "red")  # its veth peer went with blue
-    eventually(blue_gone)
-
+    settles(lambda: (vrf_states(a)["blue"], interfaces(a, "blue"), vr0()), (False, {}, None))
     assert a.stop() == 0
 
 
@@ -102,20 +82,16 @@ def test_a_vrf_coming_and_going_leaks_no_descriptors(tmp_path, netns, agent):
     cfg.write_text(f"vrfs:\n  green: {green}\n")
     a = agent(cfg)
 
-    def green_is(active):
-        def check():
-            assert {v["vrf"]: v["active"] for v in a.show("vrfs")}["green"] is active
-        eventually(check)
-
     def open_fds():
         return len(list((Path("/proc") / str(a.proc.pid) / "fd").iterdir()))
 
-    green_is(False)
+    settles(lambda: vrf_states(a)["green"], False)
     before = open_fds()
     for _ in range(100):
         run("ip", "netns", "add", green)
-        green_is(True)
+        settles(lambda: vrf_states(a)["green"], True)
         run("ip", "netns", "del", green)
-        green_is(False)
-    assert open_fds() == before
+        settles(lambda: vrf_states(a)["green"], False)
+    # A leak would be a hundred descriptors; one may be a control connection still closing.
+    settles(lambda: open_fds() <= before, True)
     assert a.stop() == 0

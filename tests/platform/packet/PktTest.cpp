@@ -38,41 +38,31 @@ TEST(PktTest, CreateAndCopy) {
    EXPECT_EQ(layout(*numbered(3, 0, 0)), "head=0 tail=0 [ 1 2 3 ]");
 }
 
-TEST(PktTest, HeadEditsStopExactlyAtTheBufferStart) {
-   auto pkt = numbered(4, 2, 0);
+// A refused edit changes nothing; bytes taken back come zeroed, not as the header or
+// trailer that was dropped.
+TEST(PktTest, HeadAndTailEditsStopExactlyAtTheBufferEnds) {
+   auto pkt = numbered(4, 2, 2);
    ASSERT_TRUE(pkt->shrinkHead(2));
-   EXPECT_EQ(layout(*pkt), "head=4 tail=0 [ 3 4 ]");
+   ASSERT_TRUE(pkt->shrinkTail(1));
+   EXPECT_EQ(layout(*pkt), "head=4 tail=3 [ 3 ]");
    EXPECT_FALSE(pkt->growHead(5));
-   EXPECT_EQ(layout(*pkt), "head=4 tail=0 [ 3 4 ]");
-
-   // Bytes taken back come zeroed, not as the header that was dropped.
-   ASSERT_TRUE(pkt->growHead(4));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=0 [ 0 0 0 0 3 4 ]");
-   EXPECT_FALSE(pkt->growHead(1));
-   EXPECT_FALSE(pkt->shrinkHead(7));
-   EXPECT_FALSE(pkt->shrinkHead(kHuge));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=0 [ 0 0 0 0 3 4 ]");
-
-   ASSERT_TRUE(pkt->shrinkHead(6));
-   EXPECT_EQ(layout(*pkt), "head=6 tail=0 [ ]");
-}
-
-TEST(PktTest, TailEditsStopExactlyAtTheBufferEnd) {
-   auto pkt = numbered(4, 0, 2);
-   ASSERT_TRUE(pkt->shrinkTail(3));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=5 [ 1 ]");
-   EXPECT_FALSE(pkt->growTail(6));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=5 [ 1 ]");
-
-   ASSERT_TRUE(pkt->growTail(5));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=0 [ 1 0 0 0 0 0 ]");
-   EXPECT_FALSE(pkt->growTail(1));
+   EXPECT_FALSE(pkt->growTail(4));
    EXPECT_FALSE(pkt->growTail(kHuge));
-   EXPECT_FALSE(pkt->shrinkTail(7));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=0 [ 1 0 0 0 0 0 ]");
+   EXPECT_FALSE(pkt->shrinkHead(2));
+   EXPECT_FALSE(pkt->shrinkHead(kHuge));
+   EXPECT_FALSE(pkt->shrinkTail(2));
+   EXPECT_EQ(layout(*pkt), "head=4 tail=3 [ 3 ]");
 
-   ASSERT_TRUE(pkt->shrinkTail(6));
-   EXPECT_EQ(layout(*pkt), "head=0 tail=6 [ ]");
+   ASSERT_TRUE(pkt->growHead(4));
+   ASSERT_TRUE(pkt->growTail(3));
+   EXPECT_EQ(layout(*pkt), "head=0 tail=0 [ 0 0 0 0 3 0 0 0 ]");
+   EXPECT_FALSE(pkt->growHead(1));
+   EXPECT_FALSE(pkt->growTail(1));
+   ASSERT_TRUE(pkt->shrinkTail(8));
+   EXPECT_EQ(layout(*pkt), "head=0 tail=8 [ ]");
+   ASSERT_TRUE(pkt->growTail(2));
+   ASSERT_TRUE(pkt->shrinkHead(2));
+   EXPECT_EQ(layout(*pkt), "head=2 tail=6 [ ]");
 }
 
 TEST(PktTest, MoveRangeOpensAndClosesGaps) {
