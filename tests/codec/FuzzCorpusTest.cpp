@@ -18,8 +18,7 @@ namespace fs = std::filesystem;
 // The source tree is found from this file's path, so the test runs from any build
 // directory.
 fs::path corpusRoot() {
-   const std::string self = __FILE__;
-   return fs::path(self.substr(0, self.rfind("tests/codec/"))) / "fuzz" / "corpus";
+   return fs::path(DHCP_RELAY_SOURCE_DIR) / "fuzz" / "corpus";
 }
 
 std::vector<uint8_t> readFile(const fs::path& path) {

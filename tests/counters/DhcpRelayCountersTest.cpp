@@ -22,12 +22,16 @@ using Snapshot = std::map<std::string, double>;
 const IntfId kVlan10("Vlan10");
 const IntfId kVlan20("Vlan20");
 
-// Every counter and reset time of the record and of its interfaces ("name", "intf.name"),
-// and the smart-relayed host count.
+// Every counter, drop reason and reset time of the record and of its interfaces ("name",
+// "drop.reason", "intf.name"), and the counts of live per-client state.
 Snapshot snapshot(const Status& status) {
    Snapshot out{{"lastResetAllTime", status.lastResetAllTime()},
-                {"numSmartRelayedHosts", status.numSmartRelayedHosts()}};
+                {"numSmartRelayedHosts", status.numSmartRelayedHosts()},
+                {"numClientBindings", status.numClientBindings()},
+                {"clientBindingsRefused", status.clientBindingsRefused()}};
    status.forEachCounter([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; });
+   status.forEachDrop(
+       [&](std::string_view name, uint64_t v) { out["drop." + std::string(name)] = v; });
    for (const auto& [intf, entry] : status.intfStatus()) {
       const std::string prefix = intf.toString() + ".";
       out[prefix + "lastResetTime"] = entry->lastResetTime();
@@ -41,6 +45,11 @@ Snapshot snapshot(const Status& status) {
 #define FILL(name, Name) record.name##Is(n++);
 void fill(Status& record, uint64_t& n) {
    DHCP_RELAY_STATUS_COUNTERS(FILL)
+   for (size_t r = 0; r < kDropReasonCount; ++r)
+      for (uint64_t i = n++; i > 0; --i)
+         record.dropsInc(static_cast<DropReason>(r));
+   record.clientBindingsRefusedIs(n++);
+   record.numClientBindingsIs(static_cast<uint32_t>(n++));
 }
 void fill(IntfStatus& record, uint64_t& n) {
    DHCP_RELAY_INTF_STATUS_COUNTERS(FILL)
@@ -107,7 +116,8 @@ TEST(DhcpRelayCountersTest, CopyCarriesCountersAndResetTimesAndCreatesMissingInt
       if (name.starts_with("Vlan30."))
          expected[name] = v;  // an interface only `to` has is left as it is
    }
-   expected["numSmartRelayedHosts"] = 0;  // live per-client state is not history
+   // Live per-client state is not history.
+   expected["numSmartRelayedHosts"] = expected["numClientBindings"] = 0;
 
    copyDhcpRelayCounters(*from, *to);
    EXPECT_EQ(snapshot(*to), expected);
@@ -226,13 +236,13 @@ TEST_F(DhcpRelayCountersSmTest, ResetsClearTheirCountersKeepTheRestAndPublishAtO
    advance(10.0);
    EXPECT_EQ(publications_.times.size(), 2u);
 
-   // Reset-all keeps each interface's cross-VRF count and the smart-relayed hosts.
+   // Reset-all keeps each interface's cross-VRF count and the counts of live client state.
    config_->resetAllTriggerIs(1);
    for (auto& [name, v] : expected) {
       if (name.ends_with("lastResetTime") || name == "lastResetAllTime")
          v = utc_.now();
       else if (!name.ends_with(".requestsForwardedWithCrossVrfIp") &&
-               name != "numSmartRelayedHosts")
+               name != "numSmartRelayedHosts" && name != "numClientBindings")
          v = 0;
    }
    EXPECT_EQ(snapshot(*local_), expected);

@@ -81,8 +81,7 @@ TEST(RecordsTest, CountsRefuseToGoBelowZero) {
 // kept its name would mount as the wrong type. Read from the sources, so a new record is
 // checked too.
 TEST(RecordsTest, EveryRecordHasATypeNameOfItsOwn) {
-   const std::string self = __FILE__;
-   const std::filesystem::path model = self.substr(0, self.rfind("tests/model/")) + "model";
+   const std::filesystem::path model = std::filesystem::path(DHCP_RELAY_SOURCE_DIR) / "model";
    const std::regex declared(R"re(PLATFORM_ENTITY_TYPE\("([^"]+)"\))re");
    std::map<std::string, std::vector<std::string>> files;
    for (const auto& entry : std::filesystem::recursive_directory_iterator(model)) {

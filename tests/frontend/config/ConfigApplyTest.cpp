@@ -384,8 +384,7 @@ INSTANTIATE_TEST_SUITE_P(ConfigApply, ReloadTest, testing::ValuesIn(kReloads),
                          [](const testing::TestParamInfo<Reload>& i) { return i.param.name; });
 
 std::string repoRoot() {
-   const std::string self = __FILE__;
-   return self.substr(0, self.rfind("/tests/"));
+   return DHCP_RELAY_SOURCE_DIR;
 }
 
 TEST(ConfigApply, ShippedExampleIsValidAndASecondApplyNotifiesNothing) {

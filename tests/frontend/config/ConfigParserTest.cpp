@@ -397,8 +397,7 @@ TEST(ConfigParser, EmptyAndCommentOnlyFilesAreEmptyConfigurations) {
 }
 
 std::string repoRoot() {
-   const std::string self = __FILE__;
-   return self.substr(0, self.rfind("/tests/"));
+   return DHCP_RELAY_SOURCE_DIR;
 }
 
 TEST(ConfigParser, UnreadableFileSaysWhy) {
