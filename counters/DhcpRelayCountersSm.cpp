@@ -7,58 +7,6 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::IntfId;
 
-class DhcpRelayCountersSm::ConfigReactor : public CounterConfig::Reactor {
- public:
-   ConfigReactor(DhcpRelayCountersSm& sm, const Ptr<const CounterConfig>& config) : sm_(sm) {
-      notifierIs(config);
-   }
-   void handleCounterUpdateRequestTime() override { sm_.handleCounterUpdateRequest(); }
-   void handleResetAllTrigger() override { sm_.resetAllCounters(); }
-   void handleIntfConfig(const IntfId& intf) override { sm_.handleIntfConfig(intf); }
-
- private:
-   DhcpRelayCountersSm& sm_;
-};
-
-class DhcpRelayCountersSm::IntfConfigReactor : public IntfCounterConfig::Reactor {
- public:
-   IntfConfigReactor(DhcpRelayCountersSm& sm, const Ptr<const IntfCounterConfig>& config)
-       : sm_(sm) {
-      notifierIs(config);
-   }
-   // A trigger is an edge, never replayed on attach: a restart must not reset counters.
-   void handleResetTrigger() override { sm_.resetCounters(notifier()->intfId()); }
-
- private:
-   DhcpRelayCountersSm& sm_;
-};
-
-class DhcpRelayCountersSm::LocalStatusReactor : public Status::Reactor {
- public:
-   LocalStatusReactor(DhcpRelayCountersSm& sm, const Ptr<const Status>& status) : sm_(sm) {
-      notifierIs(status);
-   }
-   void handleCounter() override { sm_.handleCounter(); }
-   // Not one of the list counters, so it does not come through handleCounter.
-   void handleNumSmartRelayedHosts() override { sm_.handleCounter(); }
-   void handleNumClientBindings() override { sm_.handleCounter(); }
-   void handleIntfStatus(const IntfId& intf) override { sm_.handleLocalIntfStatus(intf); }
-
- private:
-   DhcpRelayCountersSm& sm_;
-};
-
-class DhcpRelayCountersSm::LocalIntfStatusReactor : public IntfStatus::Reactor {
- public:
-   LocalIntfStatusReactor(DhcpRelayCountersSm& sm, const Ptr<const IntfStatus>& status) : sm_(sm) {
-      notifierIs(status);
-   }
-   void handleCounter() override { sm_.handleCounter(); }
-
- private:
-   DhcpRelayCountersSm& sm_;
-};
-
 DhcpRelayCountersSm::DhcpRelayCountersSm(const Ptr<const CounterConfig>& counterConfig,
                                          const Ptr<Status>& status,
                                          const Ptr<Status>& localDhcpRelayStatus,
@@ -68,8 +16,19 @@ DhcpRelayCountersSm::DhcpRelayCountersSm(const Ptr<const CounterConfig>& counter
       localDhcpRelayStatus_(localDhcpRelayStatus),
       timerWheel_(timerWheel),
       timer_(timerWheel, [this] { handleTimer(); }) {
-   configReactor_ = std::make_unique<ConfigReactor>(*this, counterConfig_);
-   localStatusReactor_ = std::make_unique<LocalStatusReactor>(*this, localDhcpRelayStatus_);
+   config_.on(&CounterConfig::Reactor::handleCounterUpdateRequestTime,
+              [this] { handleCounterUpdateRequest(); });
+   config_.on(&CounterConfig::Reactor::handleResetAllTrigger, [this] { resetAllCounters(); });
+   config_.on(&CounterConfig::Reactor::handleIntfConfig,
+              [this](const IntfId& intf) { handleIntfConfig(intf); });
+   config_.notifierIs(counterConfig_);
+   // The list counters come through handleCounter; the rest publish the same way.
+   local_.on(&Status::Reactor::handleCounter, [this] { handleCounter(); });
+   local_.on(&Status::Reactor::handleNumSmartRelayedHosts, [this] { handleCounter(); });
+   local_.on(&Status::Reactor::handleNumClientBindings, [this] { handleCounter(); });
+   local_.on(&Status::Reactor::handleIntfStatus,
+             [this](const IntfId& intf) { handleLocalIntfStatus(intf); });
+   local_.notifierIs(localDhcpRelayStatus_);
    for (const auto& [intf, entry] : counterConfig_->intfConfig())
       handleIntfConfig(intf);
    for (const auto& [intf, entry] : localDhcpRelayStatus_->intfStatus())
@@ -105,14 +64,13 @@ void DhcpRelayCountersSm::handleCounter() {
 
 void DhcpRelayCountersSm::handleLocalIntfStatus(const IntfId& intf) {
    if (Ptr<IntfStatus> entry = localDhcpRelayStatus_->intfStatus(intf)) {
-      auto& reactor = localIntfStatusReactors_[intf];
-      if (reactor)
-         reactor->notifierIs(entry);
-      else
-         reactor = std::make_unique<LocalIntfStatusReactor>(*this, entry);
+      auto& watch = localIntfStatus_[intf];
+      watch.on(&IntfStatus::Reactor::handleCounter, [this] { handleCounter(); });
+      watch.on(&IntfStatus::Reactor::handleSmartRelayNoSecondary, [this] { handleCounter(); });
+      watch.notifierIs(entry);
       TRACE(3, "following ", intf.str());
    } else {
-      localIntfStatusReactors_.erase(intf);
+      localIntfStatus_.erase(intf);
       TRACE(3, "no longer following ", intf.str());
    }
    // The published view gains or loses the interface.
@@ -121,13 +79,13 @@ void DhcpRelayCountersSm::handleLocalIntfStatus(const IntfId& intf) {
 
 void DhcpRelayCountersSm::handleIntfConfig(const IntfId& intf) {
    if (Ptr<IntfCounterConfig> entry = counterConfig_->intfConfig(intf)) {
-      auto& reactor = intfConfigReactors_[intf];
-      if (reactor)
-         reactor->notifierIs(entry);
-      else
-         reactor = std::make_unique<IntfConfigReactor>(*this, entry);
+      auto& watch = intfConfig_[intf];
+      // A trigger is an edge, never replayed on attach: a restart must not reset counters.
+      watch.on(&IntfCounterConfig::Reactor::handleResetTrigger,
+               [this, intf] { resetCounters(intf); });
+      watch.notifierIs(entry);
    } else {
-      intfConfigReactors_.erase(intf);
+      intfConfig_.erase(intf);
    }
 }
 

@@ -42,11 +42,6 @@ class DhcpRelayCountersSm {
    bool initialized() const { return initialized_; }
 
  private:
-   class ConfigReactor;
-   class IntfConfigReactor;
-   class LocalStatusReactor;
-   class LocalIntfStatusReactor;
-
    void handleTimer();
    void handleCounterUpdateRequest();
    void handleCounter();
@@ -69,10 +64,10 @@ class DhcpRelayCountersSm {
    bool counterUpdatePending_ = false;
    bool initialized_ = false;
 
-   std::unique_ptr<ConfigReactor> configReactor_;
-   std::unique_ptr<LocalStatusReactor> localStatusReactor_;
-   std::map<Platform::IntfId, std::unique_ptr<IntfConfigReactor>> intfConfigReactors_;
-   std::map<Platform::IntfId, std::unique_ptr<LocalIntfStatusReactor>> localIntfStatusReactors_;
+   Platform::Watch<const CounterConfig> config_;
+   Platform::Watch<const Status> local_;
+   std::map<Platform::IntfId, Platform::Watch<const IntfCounterConfig>> intfConfig_;
+   std::map<Platform::IntfId, Platform::Watch<const IntfStatus>> localIntfStatus_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay
