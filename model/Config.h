@@ -49,34 +49,9 @@ class IntfConfig : public Platform::Entity {
    const Platform::IntfId& intfId() const { return intfId_; }
 
    // Servers: the value is true while the server is configured.
-   const std::map<VrfIpSrcIntfSrcIp, bool>& serverIp() const { return serverIp_; }
-   bool serverIp(const VrfIpSrcIntfSrcIp& k) const { return mapEntryOr(serverIp_, k, false); }
-   void serverIpIs(const VrfIpSrcIntfSrcIp& k, bool v) {
-      mapEntryIs(serverIp_, k, v, &Reactor::handleServerIp);
-   }
-   void serverIpDel(const VrfIpSrcIntfSrcIp& k) {
-      mapEntryDel(serverIp_, k, &Reactor::handleServerIp);
-   }
-
-   const std::map<VrfHostnameSrcIntfSrcIp, bool>& serverHostname() const { return serverHostname_; }
-   bool serverHostname(const VrfHostnameSrcIntfSrcIp& k) const {
-      return mapEntryOr(serverHostname_, k, false);
-   }
-   void serverHostnameIs(const VrfHostnameSrcIntfSrcIp& k, bool v) {
-      mapEntryIs(serverHostname_, k, v, &Reactor::handleServerHostname);
-   }
-   void serverHostnameDel(const VrfHostnameSrcIntfSrcIp& k) {
-      mapEntryDel(serverHostname_, k, &Reactor::handleServerHostname);
-   }
-
-   const std::map<VrfIpSrcIntfSrcIp, bool>& serverIp6() const { return serverIp6_; }
-   bool serverIp6(const VrfIpSrcIntfSrcIp& k) const { return mapEntryOr(serverIp6_, k, false); }
-   void serverIp6Is(const VrfIpSrcIntfSrcIp& k, bool v) {
-      mapEntryIs(serverIp6_, k, v, &Reactor::handleServerIp6);
-   }
-   void serverIp6Del(const VrfIpSrcIntfSrcIp& k) {
-      mapEntryDel(serverIp6_, k, &Reactor::handleServerIp6);
-   }
+   PLATFORM_VALUES(serverIp, ServerIp, VrfIpSrcIntfSrcIp, bool, false)
+   PLATFORM_VALUES(serverHostname, ServerHostname, VrfHostnameSrcIntfSrcIp, bool, false)
+   PLATFORM_VALUES(serverIp6, ServerIp6, VrfIpSrcIntfSrcIp, bool, false)
 
    // CCAP core addresses, carried in DHCPv6 relay messages in this order.
    const std::map<Platform::Ip6Addr, bool>& ccapCores() const { return ccapCores_; }
@@ -109,9 +84,6 @@ class IntfConfig : public Platform::Entity {
 
  private:
    Platform::IntfId intfId_;
-   std::map<VrfIpSrcIntfSrcIp, bool> serverIp_;
-   std::map<VrfHostnameSrcIntfSrcIp, bool> serverHostname_;
-   std::map<VrfIpSrcIntfSrcIp, bool> serverIp6_;
    std::map<Platform::Ip6Addr, bool> ccapCores_;
    bool smartRelay_ = false;
    bool informationOption_ = false;
@@ -137,18 +109,7 @@ class Config : public Platform::Entity {
       virtual void handleClientLinkLayerAddrOpt() {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfConfig>>& intfConfig() const { return intfConfig_; }
-   Ptr<IntfConfig> intfConfig(const Platform::IntfId& intf) const {
-      auto it = intfConfig_.find(intf);
-      return it == intfConfig_.end() ? nullptr : it->second;
-   }
-   Ptr<IntfConfig> intfConfigIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfConfig_, intf, &Reactor::handleIntfConfig);
-   }
-   void intfConfigDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfConfig_, intf, &Reactor::handleIntfConfig);
-   }
-   void intfConfigDelAll() { mapEntryDelAll(intfConfig_, &Reactor::handleIntfConfig); }
+   PLATFORM_RECORDS(intfConfig, IntfConfig, Platform::IntfId, IntfConfig)
 
    bool smartRelayGlobal() const { return smartRelayGlobal_; }
    void smartRelayGlobalIs(bool v) {
@@ -169,7 +130,6 @@ class Config : public Platform::Entity {
    }
 
  private:
-   std::map<Platform::IntfId, Ptr<IntfConfig>> intfConfig_;
    bool smartRelayGlobal_ = false;
    uint8_t dscpV4_ = 0;
    uint8_t dscpV6_ = 0;

@@ -58,24 +58,11 @@ class CounterConfig : public Platform::Entity {
       attrIs(resetAllTrigger_, v, &Reactor::handleResetAllTrigger);
    }
 
-   const std::map<Platform::IntfId, Ptr<IntfCounterConfig>>& intfConfig() const {
-      return intfConfig_;
-   }
-   Ptr<IntfCounterConfig> intfConfig(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfConfig_, intf, nullptr);
-   }
-   Ptr<IntfCounterConfig> intfConfigIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfConfig_, intf, &Reactor::handleIntfConfig);
-   }
-   void intfConfigDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfConfig_, intf, &Reactor::handleIntfConfig);
-   }
-   void intfConfigDelAll() { mapEntryDelAll(intfConfig_, &Reactor::handleIntfConfig); }
+   PLATFORM_RECORDS(intfConfig, IntfConfig, Platform::IntfId, IntfCounterConfig)
 
  private:
    double counterUpdateRequestTime_ = 0;
    uint32_t resetAllTrigger_ = 0;
-   std::map<Platform::IntfId, Ptr<IntfCounterConfig>> intfConfig_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

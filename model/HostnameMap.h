@@ -24,16 +24,7 @@ class HostnameToIntfName : public Platform::Entity {
    };
 
    const std::string& hostname() const { return name(); }
-   const std::set<Platform::IntfId>& intfIdColl() const { return intfIdColl_; }
-   void intfIdCollIs(const Platform::IntfId& intf) {
-      setEntryIs(intfIdColl_, intf, &Reactor::handleIntfIdColl);
-   }
-   void intfIdCollDel(const Platform::IntfId& intf) {
-      setEntryDel(intfIdColl_, intf, &Reactor::handleIntfIdColl);
-   }
-
- private:
-   std::set<Platform::IntfId> intfIdColl_;
+   PLATFORM_SET(intfIdColl, IntfIdColl, Platform::IntfId)
 };
 
 class HostnameToIntfNameMap : public Platform::Entity {
@@ -46,24 +37,7 @@ class HostnameToIntfNameMap : public Platform::Entity {
       virtual void handleHostnameToIntfName(const std::string& /*hostname*/) {}
    };
 
-   const std::map<std::string, Ptr<HostnameToIntfName>>& hostnameToIntfName() const {
-      return hostnameToIntfName_;
-   }
-   Ptr<HostnameToIntfName> hostnameToIntfName(const std::string& hostname) const {
-      return mapEntryOr(hostnameToIntfName_, hostname, nullptr);
-   }
-   Ptr<HostnameToIntfName> hostnameToIntfNameIs(const std::string& hostname) {
-      return mapEntryCreate(hostnameToIntfName_, hostname, &Reactor::handleHostnameToIntfName);
-   }
-   void hostnameToIntfNameDel(const std::string& hostname) {
-      mapEntryDel(hostnameToIntfName_, hostname, &Reactor::handleHostnameToIntfName);
-   }
-   void hostnameToIntfNameDelAll() {
-      mapEntryDelAll(hostnameToIntfName_, &Reactor::handleHostnameToIntfName);
-   }
-
- private:
-   std::map<std::string, Ptr<HostnameToIntfName>> hostnameToIntfName_;
+   PLATFORM_RECORDS(hostnameToIntfName, HostnameToIntfName, std::string, HostnameToIntfName)
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -25,18 +25,10 @@ class IntfServerIp : public Platform::Entity {
    };
 
    const Platform::IntfId& intfId() const { return intfId_; }
-   const std::map<VrfIpSrcIntfSrcIp, uint32_t>& serverIp() const { return serverIp_; }
-   uint32_t serverIp(const VrfIpSrcIntfSrcIp& k) const { return mapEntryOr(serverIp_, k, 0u); }
-   void serverIpIs(const VrfIpSrcIntfSrcIp& k, uint32_t count) {
-      mapEntryIs(serverIp_, k, count, &Reactor::handleServerIp);
-   }
-   void serverIpDel(const VrfIpSrcIntfSrcIp& k) {
-      mapEntryDel(serverIp_, k, &Reactor::handleServerIp);
-   }
+   PLATFORM_VALUES(serverIp, ServerIp, VrfIpSrcIntfSrcIp, uint32_t, 0u)
 
  private:
    Platform::IntfId intfId_;
-   std::map<VrfIpSrcIntfSrcIp, uint32_t> serverIp_;
 };
 
 // Servers per interface, local to the agent: the merge of literal and resolved
@@ -51,22 +43,7 @@ class IntfServerIpDir : public Platform::Entity {
       virtual void handleDrIntfServerIp(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfServerIp>>& drIntfServerIp() const {
-      return drIntfServerIp_;
-   }
-   Ptr<IntfServerIp> drIntfServerIp(const Platform::IntfId& intf) const {
-      return mapEntryOr(drIntfServerIp_, intf, nullptr);
-   }
-   Ptr<IntfServerIp> drIntfServerIpIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(drIntfServerIp_, intf, &Reactor::handleDrIntfServerIp);
-   }
-   void drIntfServerIpDel(const Platform::IntfId& intf) {
-      mapEntryDel(drIntfServerIp_, intf, &Reactor::handleDrIntfServerIp);
-   }
-   void drIntfServerIpDelAll() { mapEntryDelAll(drIntfServerIp_, &Reactor::handleDrIntfServerIp); }
-
- private:
-   std::map<Platform::IntfId, Ptr<IntfServerIp>> drIntfServerIp_;
+   PLATFORM_RECORDS(drIntfServerIp, DrIntfServerIp, Platform::IntfId, IntfServerIp)
 };
 
 }  // namespace Ip::Helper::DhcpRelay

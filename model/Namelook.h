@@ -27,19 +27,7 @@ class ResolutionRequestDir : public Entity {
       virtual void handleRequest(const std::string& /*hostname*/) {}
    };
 
-   const std::map<std::string, uint32_t>& request() const { return request_; }
-   uint32_t request(const std::string& hostname) const {
-      return mapEntryOr(request_, hostname, 0u);
-   }
-   void requestIs(const std::string& hostname, uint32_t count) {
-      mapEntryIs(request_, hostname, count, &Reactor::handleRequest);
-   }
-   void requestDel(const std::string& hostname) {
-      mapEntryDel(request_, hostname, &Reactor::handleRequest);
-   }
-
- private:
-   std::map<std::string, uint32_t> request_;
+   PLATFORM_VALUES(request, Request, std::string, uint32_t, 0u)
 };
 
 // The IPv4 addresses one hostname currently resolves to.
@@ -54,12 +42,7 @@ class ResolutionRecord : public Entity {
    };
 
    const std::string& hostname() const { return name(); }
-   const std::set<IpAddr>& ipAddress() const { return ipAddress_; }
-   void ipAddressIs(IpAddr a) { setEntryIs(ipAddress_, a, &Reactor::handleIpAddress); }
-   void ipAddressDel(IpAddr a) { setEntryDel(ipAddress_, a, &Reactor::handleIpAddress); }
-
- private:
-   std::set<IpAddr> ipAddress_;
+   PLATFORM_SET(ipAddress, IpAddress, IpAddr)
 };
 
 class ResolutionRecordDir : public Entity {
@@ -72,20 +55,7 @@ class ResolutionRecordDir : public Entity {
       virtual void handleRecord(const std::string& /*hostname*/) {}
    };
 
-   const std::map<std::string, Ptr<ResolutionRecord>>& record() const { return record_; }
-   Ptr<ResolutionRecord> record(const std::string& hostname) const {
-      return mapEntryOr(record_, hostname, nullptr);
-   }
-   Ptr<ResolutionRecord> recordIs(const std::string& hostname) {
-      return mapEntryCreate(record_, hostname, &Reactor::handleRecord);
-   }
-   void recordDel(const std::string& hostname) {
-      mapEntryDel(record_, hostname, &Reactor::handleRecord);
-   }
-   void recordDelAll() { mapEntryDelAll(record_, &Reactor::handleRecord); }
-
- private:
-   std::map<std::string, Ptr<ResolutionRecord>> record_;
+   PLATFORM_RECORDS(record, Record, std::string, ResolutionRecord)
 };
 
 }  // namespace Namelook

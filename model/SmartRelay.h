@@ -62,17 +62,10 @@ class IpPrefixToAddr : public Platform::Entity {
    };
 
    const Platform::IpAddrWithMask& prefix() const { return prefix_; }
-   const std::set<Platform::IpAddrWithMask>& ipAddrWithMask() const { return ipAddrWithMask_; }
-   void ipAddrWithMaskIs(const Platform::IpAddrWithMask& a) {
-      setEntryIs(ipAddrWithMask_, a, &Reactor::handleIpAddrWithMask);
-   }
-   void ipAddrWithMaskDel(const Platform::IpAddrWithMask& a) {
-      setEntryDel(ipAddrWithMask_, a, &Reactor::handleIpAddrWithMask);
-   }
+   PLATFORM_SET(ipAddrWithMask, IpAddrWithMask, Platform::IpAddrWithMask)
 
  private:
    Platform::IpAddrWithMask prefix_;
-   std::set<Platform::IpAddrWithMask> ipAddrWithMask_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

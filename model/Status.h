@@ -88,19 +88,7 @@ class IntfStatus : public Platform::Entity {
       attrIs(smartRelayNoSecondary_, v, &Reactor::handleSmartRelayNoSecondary);
    }
 
-   const std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>>& prefixBinding() const {
-      return prefixBinding_;
-   }
-   Ptr<PrefixBinding> prefixBinding(const Platform::Ip6Prefix& p) const {
-      return mapEntryOr(prefixBinding_, p, nullptr);
-   }
-   Ptr<PrefixBinding> prefixBindingIs(const Platform::Ip6Prefix& p) {
-      return mapEntryCreate(prefixBinding_, p, &Reactor::handlePrefixBinding);
-   }
-   void prefixBindingDel(const Platform::Ip6Prefix& p) {
-      mapEntryDel(prefixBinding_, p, &Reactor::handlePrefixBinding);
-   }
-   void prefixBindingDelAll() { mapEntryDelAll(prefixBinding_, &Reactor::handlePrefixBinding); }
+   PLATFORM_RECORDS(prefixBinding, PrefixBinding, Platform::Ip6Prefix, PrefixBinding)
 
  private:
    MODEL_COUNTER_NOTIFIER
@@ -109,7 +97,6 @@ class IntfStatus : public Platform::Entity {
    DHCP_RELAY_INTF_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
    double lastResetTime_ = 0;
    bool smartRelayNoSecondary_ = false;
-   std::map<Platform::Ip6Prefix, Ptr<PrefixBinding>> prefixBinding_;
 };
 
 #define DHCP_RELAY_STATUS_COUNTERS(X)                                              \
@@ -142,17 +129,7 @@ class Status : public Platform::Entity {
       virtual void handleRunControl() {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfStatus>>& intfStatus() const { return intfStatus_; }
-   Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatus_, intf, nullptr);
-   }
-   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
+   PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
 
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
    MODEL_COUNTER_BULK(DHCP_RELAY_STATUS_COUNTERS, Status)
@@ -226,7 +203,6 @@ class Status : public Platform::Entity {
  private:
    MODEL_COUNTER_NOTIFIER
 
-   std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_MEMBER)
    std::array<uint64_t, kDropReasonCount> drops_{};
    uint32_t numSmartRelayedHosts_ = 0;

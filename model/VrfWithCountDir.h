@@ -47,20 +47,7 @@ class VrfWithCountDir : public Platform::Entity {
       virtual void handleVrfCount(const Platform::VrfName& /*vrf*/) {}
    };
 
-   const std::map<Platform::VrfName, Ptr<VrfWithCount>>& vrfCount() const { return vrfCount_; }
-   Ptr<VrfWithCount> vrfCount(const Platform::VrfName& vrf) const {
-      return mapEntryOr(vrfCount_, vrf, nullptr);
-   }
-   Ptr<VrfWithCount> vrfCountIs(const Platform::VrfName& vrf) {
-      return mapEntryCreate(vrfCount_, vrf, &Reactor::handleVrfCount);
-   }
-   void vrfCountDel(const Platform::VrfName& vrf) {
-      mapEntryDel(vrfCount_, vrf, &Reactor::handleVrfCount);
-   }
-   void vrfCountDelAll() { mapEntryDelAll(vrfCount_, &Reactor::handleVrfCount); }
-
- private:
-   std::map<Platform::VrfName, Ptr<VrfWithCount>> vrfCount_;
+   PLATFORM_RECORDS(vrfCount, VrfCount, Platform::VrfName, VrfWithCount)
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <map>
+#include <set>
 #include <string>
 
 #include "platform/store/Reactor.h"
@@ -88,3 +90,79 @@ class Entity : public Notifier {
    const char* typeName() const override {        \
       return kTypeName;                           \
    }
+
+// Collections of a record, each declared in one line in the record's public part; the
+// record's Reactor declares the matching handler, handle<Name>(const Key&). Each gives
+// name() (the whole collection), name(key), and the mutators nameIs, nameDel and
+// nameDelAll, which notify that handler once per key that really changed.
+//
+// Records created from their key on demand; name(key) is null when absent and nameIs
+// returns the record, new or not.
+#define PLATFORM_RECORDS(name, Name, Key, Record)                \
+   const std::map<Key, Platform::Ptr<Record>>& name() const {    \
+      return name##_;                                            \
+   }                                                             \
+   Platform::Ptr<Record> name(const Key& k) const {              \
+      return mapEntryOr(name##_, k, nullptr);                    \
+   }                                                             \
+   Platform::Ptr<Record> name##Is(const Key& k) {                \
+      return mapEntryCreate(name##_, k, &Reactor::handle##Name); \
+   }                                                             \
+   void name##Del(const Key& k) {                                \
+      mapEntryDel(name##_, k, &Reactor::handle##Name);           \
+   }                                                             \
+   void name##DelAll() {                                         \
+      mapEntryDelAll(name##_, &Reactor::handle##Name);           \
+   }                                                             \
+                                                                 \
+ private:                                                        \
+   std::map<Key, Platform::Ptr<Record>> name##_;                 \
+                                                                 \
+ public:
+
+// Values by key; name(key) is `absent` when the key has none.
+#define PLATFORM_VALUES(name, Name, Key, Value, absent)  \
+   const std::map<Key, Value>& name() const {            \
+      return name##_;                                    \
+   }                                                     \
+   Value name(const Key& k) const {                      \
+      return mapEntryOr(name##_, k, absent);             \
+   }                                                     \
+   void name##Is(const Key& k, const Value& v) {         \
+      mapEntryIs(name##_, k, v, &Reactor::handle##Name); \
+   }                                                     \
+   void name##Del(const Key& k) {                        \
+      mapEntryDel(name##_, k, &Reactor::handle##Name);   \
+   }                                                     \
+   void name##DelAll() {                                 \
+      mapEntryDelAll(name##_, &Reactor::handle##Name);   \
+   }                                                     \
+                                                         \
+ private:                                                \
+   std::map<Key, Value> name##_;                         \
+                                                         \
+ public:
+
+// A set of keys; name(key) says whether it holds the key.
+#define PLATFORM_SET(name, Name, Key)                  \
+   const std::set<Key>& name() const {                 \
+      return name##_;                                  \
+   }                                                   \
+   bool name(const Key& k) const {                     \
+      return name##_.contains(k);                      \
+   }                                                   \
+   void name##Is(const Key& k) {                       \
+      setEntryIs(name##_, k, &Reactor::handle##Name);  \
+   }                                                   \
+   void name##Del(const Key& k) {                      \
+      setEntryDel(name##_, k, &Reactor::handle##Name); \
+   }                                                   \
+   void name##DelAll() {                               \
+      while (!name##_.empty())                         \
+         name##Del(*name##_.begin());                  \
+   }                                                   \
+                                                       \
+ private:                                              \
+   std::set<Key> name##_;                              \
+                                                       \
+ public:
