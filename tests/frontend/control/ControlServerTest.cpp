@@ -255,7 +255,7 @@ TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreRefusedWithAReason) {
    expectServed(client());
 }
 
-TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
+TEST_F(ControlServerTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
    startServer();
    struct stat st;
    ASSERT_EQ(stat(path_.c_str(), &st), 0);
@@ -263,12 +263,27 @@ TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
    EXPECT_EQ(st.st_mode & 07777, 0600u);
    ASSERT_EQ(stat((dir_ + "/run").c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 07777, 0700u);
-
    int fd = client();
    loop_.runOnce(0);
    server_.reset();
    EXPECT_FALSE(std::filesystem::exists(path_));
    EXPECT_TRUE(closedByServer(fd));
+
+   // A file that replaced the server's socket survives the server, and the next server
+   // refuses to start on it rather than remove it.
+   startServer();
+   std::filesystem::remove(path_);
+   std::ofstream(path_) << "successor";
+   server_.reset();
+   std::string error;
+   EXPECT_FALSE(server().start(error));
+   EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
+   server_.reset();
+   EXPECT_TRUE(std::filesystem::exists(path_));
+
+   ControlServer unbindable(loop_, "/tmp/" + std::string(200, 'x'));
+   EXPECT_FALSE(unbindable.start(error));
+   EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
 }
 
 TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
@@ -291,30 +306,6 @@ TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
    // The first agent still owns and serves its socket after the refused one is gone.
    expectServed(fd);
    expectServed(client());
-}
-
-TEST_F(ControlServerTest, NeverRemovesFilesItDoesNotOwn) {
-   // Something that is not a socket is left alone and blocks the start.
-   std::filesystem::create_directories(dir_ + "/run");
-   std::ofstream(path_) << "precious";
-   std::string error;
-   EXPECT_FALSE(server().start(error));
-   EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
-   server_.reset();
-   EXPECT_TRUE(std::filesystem::exists(path_));
-
-   // A file that replaced the server's socket survives the server's destruction.
-   std::filesystem::remove(path_);
-   startServer();
-   std::filesystem::remove(path_);
-   std::ofstream(path_) << "successor";
-   server_.reset();
-   EXPECT_TRUE(std::filesystem::exists(path_));
-
-   std::string tooLong = "/tmp/" + std::string(200, 'x');
-   ControlServer unbindable(loop_, tooLong);
-   EXPECT_FALSE(unbindable.start(error));
-   EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
 }
 
 TEST_F(ControlServerTest, BlockingClientGetsRepliesAndReportsUnreachableAgents) {
