@@ -29,6 +29,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/Fd.h"
+
 #include "platform/packet/InetHeaders.h"
 
 namespace {
@@ -368,34 +370,29 @@ int main(int argc, char** argv) {
    }
    // One packet socket sends the DISCOVERs and captures the OFFERs; it must not see
    // its own frames again (PACKET_IGNORE_OUTGOING, Linux 4.20).
-   int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP));
-   if (fd < 0) {
+   const Platform::Fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP)));
+   if (!fd) {
       std::perror("socket(AF_PACKET)");
       return 1;
    }
    int one = 1;
-   if (setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one) < 0) {
+   if (setsockopt(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one) < 0) {
       std::perror("PACKET_IGNORE_OUTGOING");
-      close(fd);
       return 1;
    }
    int buf = 8 << 20;
-   setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &buf, sizeof buf);
-   setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &buf, sizeof buf);
+   setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &buf, sizeof buf);
+   setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &buf, sizeof buf);
    sockaddr_ll at{};
    at.sll_family = AF_PACKET;
    at.sll_protocol = htons(ETH_P_IP);
    at.sll_ifindex = ifindex;
-   if (bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) < 0) {
+   if (bind(fd.get(), reinterpret_cast<sockaddr*>(&at), sizeof at) < 0) {
       std::perror("bind");
-      close(fd);
       return 1;
    }
-   {
-      Load load(o, fd, ifindex);
-      load.run();
-      load.report();
-   }
-   close(fd);
+   Load load(o, fd.get(), ifindex);
+   load.run();
+   load.report();
    return 0;
 }

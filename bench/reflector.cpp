@@ -20,6 +20,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/linux/Fd.h"
+
 namespace {
 
 // BOOTP fixed header (RFC 2131, section 2) and the options' magic cookie.
@@ -107,8 +109,9 @@ size_t buildOffer(uint8_t* pkt, const uint8_t* agentInfo, uint32_t serverId, uin
 }
 
 int run(int maxSeconds) {
-   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-   if (fd < 0) {
+   const Platform::Fd udp(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+   const int fd = udp.get();
+   if (!udp) {
       perror("socket");
       return 1;
    }
@@ -124,7 +127,6 @@ int run(int maxSeconds) {
    local.sin_port = htons(67);
    if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) < 0) {
       perror("bind udp/67");
-      close(fd);
       return 1;
    }
    std::printf("dhcp-reflector: listening on udp/67\n");
@@ -205,7 +207,6 @@ int run(int maxSeconds) {
        static_cast<unsigned long long>(counts.notDiscover),
        static_cast<unsigned long long>(counts.noGiaddr),
        static_cast<unsigned long long>(counts.sendFailed));
-   close(fd);
    return 0;
 }
 

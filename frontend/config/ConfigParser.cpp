@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/Fd.h"
+
 namespace Frontend {
 
 namespace {
@@ -776,12 +778,12 @@ ParsedConfig parseConfigText(const std::string& text, const std::string& fileNam
 
 ParsedConfig parseConfigFile(const std::string& path) {
    std::string text;
-   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   int readErrno = fd < 0 ? errno : 0;
-   if (fd >= 0) {
+   const Platform::Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+   int readErrno = fd ? 0 : errno;
+   if (fd) {
       char buf[16384];
       for (;;) {
-         const ssize_t n = ::read(fd, buf, sizeof(buf));
+         const ssize_t n = ::read(fd.get(), buf, sizeof(buf));
          if (n > 0) {
             text.append(buf, static_cast<size_t>(n));
          } else if (n == 0) {
@@ -791,7 +793,6 @@ ParsedConfig parseConfigFile(const std::string& path) {
             break;
          }
       }
-      ::close(fd);
    }
    if (readErrno != 0) {
       ParsedConfig out;

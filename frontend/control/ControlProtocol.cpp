@@ -2,10 +2,10 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace Frontend {
 
@@ -30,11 +30,6 @@ const std::string& requestString(const nlohmann::json& request, const char* key)
    return it->get_ref<const std::string&>();
 }
 
-ControlClient::~ControlClient() {
-   if (fd_ >= 0)
-      ::close(fd_);
-}
-
 bool ControlClient::connect(const std::string& path, std::string& error) {
    sockaddr_un addr{};
    addr.sun_family = AF_UNIX;
@@ -43,20 +38,19 @@ bool ControlClient::connect(const std::string& path, std::string& error) {
       return false;
    }
    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   if (fd_ < 0) {
+   Platform::Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+   if (!fd) {
       error = std::strerror(errno);
       return false;
    }
    timeval limit{timeoutSeconds_, 0};
-   ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-   ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-   if (::connect(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0) {
+   ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+   ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+   if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0) {
       error = std::strerror(errno);
-      ::close(fd_);
-      fd_ = -1;
       return false;
    }
+   fd_ = std::move(fd);
    return true;
 }
 
@@ -66,11 +60,11 @@ std::optional<nlohmann::json> ControlClient::request(const nlohmann::json& reque
       error = what;
       return std::nullopt;
    };
-   if (fd_ < 0)
+   if (!fd_)
       return failed("not connected");
    std::string line = controlLine(request);
    for (size_t sent = 0; sent < line.size();) {
-      ssize_t n = ::send(fd_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+      ssize_t n = ::send(fd_.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
       if (n < 0) {
          if (errno == EINTR)
             continue;
@@ -91,7 +85,7 @@ std::optional<nlohmann::json> ControlClient::request(const nlohmann::json& reque
          return parsed;
       }
       char chunk[16384];
-      ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+      ssize_t n = ::recv(fd_.get(), chunk, sizeof chunk, 0);
       if (n < 0) {
          if (errno == EINTR)
             continue;

@@ -84,6 +84,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "platform/linux/Fd.h"
+
 namespace Frontend {
 
 inline constexpr const char* kDefaultControlSocket = "/run/dhcp-relay-agent/ctl.sock";
@@ -112,9 +114,6 @@ const std::string& requestString(const nlohmann::json& request, const char* key)
 class ControlClient {
  public:
    explicit ControlClient(int timeoutSeconds = 30) : timeoutSeconds_(timeoutSeconds) {}
-   ~ControlClient();
-   ControlClient(const ControlClient&) = delete;
-   ControlClient& operator=(const ControlClient&) = delete;
 
    // error is the system's reason (strerror text) when nothing answers at path.
    bool connect(const std::string& path, std::string& error);
@@ -122,7 +121,7 @@ class ControlClient {
    std::optional<nlohmann::json> request(const nlohmann::json& request, std::string& error);
 
  private:
-   int fd_ = -1;
+   Platform::Fd fd_;
    int timeoutSeconds_;
    std::string pending_;  // bytes after the last reply line
 };

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/Assert.h"
 #include "platform/loop/EventLoop.h"
@@ -57,16 +58,15 @@ bool blank(std::string_view line) {
 ControlServer::ControlServer(Platform::EventLoop& loop, std::string path)
     : loop_(loop), path_(std::move(path)), acceptResume_(loop.wheel(), [this] {
          TRACE(1, "accepting control connections again");
-         loop_.modifyFd(listenFd_, EPOLLIN);
+         listener_.eventsIs(EPOLLIN);
       }) {}
 
 ControlServer::~ControlServer() {
    while (!connections_.empty())
       doClose(connections_.begin()->first);
-   if (listenFd_ < 0)
+   if (!listener_)
       return;
-   loop_.removeFd(listenFd_);
-   ::close(listenFd_);
+   listener_.reset();
    struct stat st;
    if (::lstat(path_.c_str(), &st) == 0 && st.st_dev == socketDev_ && st.st_ino == socketIno_)
       ::unlink(path_.c_str());
@@ -77,7 +77,7 @@ void ControlServer::handlerIs(const std::string& cmd, Handler handler) {
 }
 
 bool ControlServer::start(std::string& error) {
-   PLATFORM_ASSERT(listenFd_ < 0, "control server started twice");
+   PLATFORM_ASSERT(!listener_, "control server started twice");
    sockaddr_un addr;
    if (!socketAddress(path_, addr)) {
       error = "control socket path \"" + path_ + "\" is empty or longer than " +
@@ -87,33 +87,31 @@ bool ControlServer::start(std::string& error) {
    if (!doPrepareDirectory(error) || !doClaimPath(error))
       return false;
 
-   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-   if (fd < 0) {
+   Platform::Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+   if (!fd) {
       error = "cannot create the control socket: " + errnoText();
       return false;
    }
    // bind creates the file with the process umask; the socket must never be reachable
    // by other users, not even between bind and a later chmod.
    mode_t oldMask = ::umask(0177);
-   int rc = ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   int rc = ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
    int bindErrno = errno;
    ::umask(oldMask);
    if (rc < 0) {
       error = "cannot bind the control socket " + path_ + ": " + std::strerror(bindErrno);
-      ::close(fd);
       return false;
    }
    struct stat st;
-   if (::lstat(path_.c_str(), &st) < 0 || ::listen(fd, 16) < 0) {
+   if (::lstat(path_.c_str(), &st) < 0 || ::listen(fd.get(), 16) < 0) {
       error = "cannot listen on the control socket " + path_ + ": " + errnoText();
-      ::close(fd);
       ::unlink(path_.c_str());
       return false;
    }
    socketDev_ = st.st_dev;
    socketIno_ = st.st_ino;
-   listenFd_ = fd;
-   loop_.addFd(listenFd_, EPOLLIN, [this](uint32_t) { handleListener(); });
+   listener_ =
+       Platform::WatchedFd(loop_, std::move(fd), EPOLLIN, [this](uint32_t) { handleListener(); });
    TRACE(1, "control socket listening on ", path_);
    return true;
 }
@@ -151,14 +149,13 @@ bool ControlServer::doClaimPath(std::string& error) {
    }
    sockaddr_un addr;
    socketAddress(path_, addr);
-   int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-   if (probe < 0) {
+   const Platform::Fd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+   if (!probe) {
       error = "cannot create a socket: " + errnoText();
       return false;
    }
-   int rc = ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   int rc = ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
    int connectErrno = errno;
-   ::close(probe);
    // A full backlog (EAGAIN) still means somebody listens.
    if (rc == 0 || connectErrno == EAGAIN) {
       error = "another dhcp-relay-agent is already running: it answers on " + path_;
@@ -179,14 +176,14 @@ bool ControlServer::doClaimPath(std::string& error) {
 
 void ControlServer::handleListener() {
    for (;;) {
-      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (fd < 0) {
+      Platform::Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      if (!fd) {
          if (errno == EAGAIN)
             return;
          if (errno == EINTR || errno == ECONNABORTED)
             continue;
          TRACE(0, "cannot accept a control connection: ", errnoText());
-         loop_.modifyFd(listenFd_, 0);
+         listener_.eventsIs(0);
          acceptResume_.armIn(kAcceptPause);
          return;
       }
@@ -195,17 +192,17 @@ void ControlServer::handleListener() {
          std::string line = controlLine(controlReplyError("too many control connections (at most " +
                                                           std::to_string(kMaxConnections) + ")"));
          [[maybe_unused]] ssize_t n =
-             ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-         ::close(fd);
+             ::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
          TRACE(1, "refused a control connection: ", kMaxConnections, " already open");
          continue;
       }
+      const int id = fd.get();
       auto c = std::make_unique<Connection>();
-      c->fd = fd;
+      c->socket = Platform::WatchedFd(loop_, std::move(fd), EPOLLIN,
+                                      [this, id](uint32_t) { handleConnection(id); });
       c->events = EPOLLIN;
-      connections_.emplace(fd, std::move(c));
-      loop_.addFd(fd, EPOLLIN, [this, fd](uint32_t) { handleConnection(fd); });
-      TRACE(3, "control connection ", fd, " opened");
+      connections_.emplace(id, std::move(c));
+      TRACE(3, "control connection ", id, " opened");
    }
 }
 
@@ -233,7 +230,7 @@ void ControlServer::doServe(Connection& c) {
          c.outSent = 0;
       }
       if (c.closeAfterReply) {
-         doClose(c.fd);
+         doClose(c.socket.get());
          return;
       }
       auto nl = c.in.find('\n');
@@ -251,7 +248,7 @@ void ControlServer::doServe(Connection& c) {
          continue;
       }
       if (nl != std::string::npos || c.in.size() > kMaxControlLine) {
-         TRACE(2, "control connection ", c.fd, " sent an over-long line");
+         TRACE(2, "control connection ", c.socket.get(), " sent an over-long line");
          c.out = controlLine(controlReplyError("request line longer than " +
                                                std::to_string(kMaxControlLine) + " bytes"));
          c.in.clear();
@@ -260,7 +257,7 @@ void ControlServer::doServe(Connection& c) {
       }
       if (c.peerDone) {
          if (c.in.empty()) {
-            doClose(c.fd);
+            doClose(c.socket.get());
             return;
          }
          // A last request without its newline still deserves its reply.
@@ -280,7 +277,7 @@ void ControlServer::doServe(Connection& c) {
 ControlServer::Io ControlServer::doRead(Connection& c) {
    char chunk[kReadChunk];
    for (;;) {
-      ssize_t n = ::recv(c.fd, chunk, sizeof chunk, 0);
+      ssize_t n = ::recv(c.socket.get(), chunk, sizeof chunk, 0);
       if (n > 0) {
          c.in.append(chunk, static_cast<size_t>(n));
          return Io::progress;
@@ -293,15 +290,15 @@ ControlServer::Io ControlServer::doRead(Connection& c) {
          continue;
       if (errno == EAGAIN)
          return Io::wait;
-      TRACE(3, "control connection ", c.fd, " read failed: ", errnoText());
-      doClose(c.fd);
+      TRACE(3, "control connection ", c.socket.get(), " read failed: ", errnoText());
+      doClose(c.socket.get());
       return Io::closed;
    }
 }
 
 ControlServer::Io ControlServer::doWrite(Connection& c) {
    while (c.outSent < c.out.size()) {
-      ssize_t n = ::send(c.fd, c.out.data() + c.outSent, c.out.size() - c.outSent,
+      ssize_t n = ::send(c.socket.get(), c.out.data() + c.outSent, c.out.size() - c.outSent,
                          MSG_NOSIGNAL | MSG_DONTWAIT);
       if (n >= 0) {
          c.outSent += static_cast<size_t>(n);
@@ -312,8 +309,8 @@ ControlServer::Io ControlServer::doWrite(Connection& c) {
       if (errno == EAGAIN)
          return Io::wait;
       // Typically EPIPE: the client left before its reply was complete.
-      TRACE(3, "control connection ", c.fd, " write failed: ", errnoText());
-      doClose(c.fd);
+      TRACE(3, "control connection ", c.socket.get(), " write failed: ", errnoText());
+      doClose(c.socket.get());
       return Io::closed;
    }
    return Io::progress;
@@ -323,12 +320,10 @@ void ControlServer::doWatch(Connection& c, uint32_t events) {
    if (c.events == events)
       return;
    c.events = events;
-   loop_.modifyFd(c.fd, events);
+   c.socket.eventsIs(events);
 }
 
 void ControlServer::doClose(int fd) {
-   loop_.removeFd(fd);
-   ::close(fd);
    connections_.erase(fd);
    TRACE(3, "control connection ", fd, " closed");
 }

@@ -13,6 +13,7 @@
 
 #include "frontend/control/ControlProtocol.h"
 #include "platform/loop/TimerWheel.h"
+#include "platform/loop/WatchedFd.h"
 
 namespace Platform {
 class EventLoop;
@@ -51,7 +52,7 @@ class ControlServer {
 
  private:
    struct Connection {
-      int fd = -1;
+      Platform::WatchedFd socket;
       uint32_t events = 0;
       std::string in;
       std::string out;
@@ -74,7 +75,7 @@ class ControlServer {
 
    Platform::EventLoop& loop_;
    std::string path_;
-   int listenFd_ = -1;
+   Platform::WatchedFd listener_;
    // The socket file this server created, so destruction never unlinks a successor's.
    dev_t socketDev_ = 0;
    ino_t socketIno_ = 0;

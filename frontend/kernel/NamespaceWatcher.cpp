@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/NetNs.h"
@@ -51,33 +52,26 @@ NamespaceWatcher::NamespaceWatcher(EventLoop& loop, Callback callback, std::stri
    base_ = slash == std::string::npos ? dir_ : dir_.substr(slash + 1);
 }
 
-NamespaceWatcher::~NamespaceWatcher() {
-   for (int fd : {inotifyFd_, mountsFd_}) {
-      if (fd >= 0) {
-         loop_.removeFd(fd);
-         ::close(fd);
-      }
-   }
-}
-
 bool NamespaceWatcher::start(std::string& error) {
-   if (inotifyFd_ >= 0)
+   if (inotify_)
       return true;
-   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-   if (inotifyFd_ < 0) {
+   Platform::Fd inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+   if (!inotify) {
       error = errnoText("cannot create an inotify instance", errno);
       return false;
    }
    // A mount-table change is reported as a priority event (proc(5), /proc/pid/mounts).
-   mountsFd_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
-   if (mountsFd_ < 0) {
+   Platform::Fd mounts(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+   if (!mounts) {
       error = errnoText("cannot open /proc/self/mountinfo", errno);
       return false;
    }
-   loop_.addFd(inotifyFd_, EPOLLIN, [this](uint32_t) { handleInotify(); });
-   loop_.addFd(mountsFd_, EPOLLPRI, [this](uint32_t) { handleMountChange(); });
+   inotify_ = Platform::WatchedFd(loop_, std::move(inotify), EPOLLIN,
+                                  [this](uint32_t) { handleInotify(); });
+   mounts_ = Platform::WatchedFd(loop_, std::move(mounts), EPOLLPRI,
+                                 [this](uint32_t) { handleMountChange(); });
 
-   dirWd_ = ::inotify_add_watch(inotifyFd_, dir_.c_str(), kDirEvents);
+   dirWd_ = ::inotify_add_watch(inotify_.get(), dir_.c_str(), kDirEvents);
    if (dirWd_ >= 0) {
       doRescan();
       return true;
@@ -86,7 +80,7 @@ bool NamespaceWatcher::start(std::string& error) {
       error = errnoText("cannot watch " + dir_, errno);
       return false;
    }
-   parentWd_ = ::inotify_add_watch(inotifyFd_, parent_.c_str(), kParentEvents);
+   parentWd_ = ::inotify_add_watch(inotify_.get(), parent_.c_str(), kParentEvents);
    if (parentWd_ < 0) {
       error = errnoText("cannot watch " + parent_ + " for " + dir_, errno);
       return false;
@@ -103,7 +97,7 @@ bool NamespaceWatcher::exists(const std::string& nsName) const {
 void NamespaceWatcher::handleInotify() {
    alignas(inotify_event) char buf[4096];
    for (;;) {
-      const ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
+      const ssize_t n = ::read(inotify_.get(), buf, sizeof buf);
       if (n < 0 && errno == EINTR)
          continue;
       if (n <= 0)
@@ -149,7 +143,7 @@ void NamespaceWatcher::handleMountChange() {
 }
 
 void NamespaceWatcher::doWatchDir() {
-   const int wd = ::inotify_add_watch(inotifyFd_, dir_.c_str(), kDirEvents);
+   const int wd = ::inotify_add_watch(inotify_.get(), dir_.c_str(), kDirEvents);
    if (wd < 0) {
       if (errno != ENOENT)
          TRACE(0, " cannot watch ", dir_, ": ", std::strerror(errno));
@@ -157,7 +151,7 @@ void NamespaceWatcher::doWatchDir() {
    }
    dirWd_ = wd;
    if (parentWd_ >= 0) {
-      ::inotify_rm_watch(inotifyFd_, parentWd_);
+      ::inotify_rm_watch(inotify_.get(), parentWd_);
       parentWd_ = -1;
    }
    TRACE(2, " watching ", dir_);
@@ -167,7 +161,7 @@ void NamespaceWatcher::doWatchDir() {
 
 void NamespaceWatcher::doDirGone() {
    // IN_DELETE_SELF removes the watch by itself; a renamed directory keeps it.
-   ::inotify_rm_watch(inotifyFd_, dirWd_);
+   ::inotify_rm_watch(inotify_.get(), dirWd_);
    dirWd_ = -1;
    pending_.clear();
    const std::set<std::string> gone = std::move(present_);
@@ -175,7 +169,7 @@ void NamespaceWatcher::doDirGone() {
    TRACE(1, " ", dir_, " is gone");
    for (const std::string& name : gone)
       doReport(name, false);
-   parentWd_ = ::inotify_add_watch(inotifyFd_, parent_.c_str(), kParentEvents);
+   parentWd_ = ::inotify_add_watch(inotify_.get(), parent_.c_str(), kParentEvents);
    if (parentWd_ < 0) {
       TRACE(0, " cannot watch ", parent_, " for ", dir_, ": ", std::strerror(errno));
       return;

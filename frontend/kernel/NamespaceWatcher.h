@@ -4,6 +4,8 @@
 #include <set>
 #include <string>
 
+#include "platform/loop/WatchedFd.h"
+
 namespace Platform {
 class EventLoop;
 }
@@ -38,7 +40,6 @@ class NamespaceWatcher {
 
    NamespaceWatcher(EventLoop& loop, Callback callback, std::string dir = kNetNsDir,
                     Probe probe = isNamespaceMount);
-   ~NamespaceWatcher();
    NamespaceWatcher(const NamespaceWatcher&) = delete;
    NamespaceWatcher& operator=(const NamespaceWatcher&) = delete;
 
@@ -69,8 +70,8 @@ class NamespaceWatcher {
    std::string parent_;
    std::string base_;
    Probe probe_;
-   int inotifyFd_ = -1;
-   int mountsFd_ = -1;
+   Platform::WatchedFd inotify_;
+   Platform::WatchedFd mounts_;
    int dirWd_ = -1;
    int parentWd_ = -1;
    std::set<std::string> present_;  // reported as existing

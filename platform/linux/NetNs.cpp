@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/base/Assert.h"
 
@@ -14,8 +14,8 @@ namespace Platform {
 
 namespace {
 
-std::string errnoText(const std::string& what) {
-   return what + ": " + std::strerror(errno);
+std::string errnoText(const std::string& what, int err = errno) {
+   return what + ": " + std::strerror(err);
 }
 
 // A name with a slash, or a dot name, would reach outside /run/netns.
@@ -38,11 +38,7 @@ bool netNsExists(const std::string& nsName) {
       return true;
    if (!validName(nsName))
       return false;
-   int fd = ::open(netNsPath(nsName).c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0)
-      return false;
-   ::close(fd);
-   return true;
+   return bool(Fd(::open(netNsPath(nsName).c_str(), O_RDONLY | O_CLOEXEC)));
 }
 
 NetNsGuard::NetNsGuard(const std::string& nsName) {
@@ -54,35 +50,47 @@ NetNsGuard::NetNsGuard(const std::string& nsName) {
    }
    // setns moves only the calling thread, so the thread's own entry is the one to
    // come back to.
-   int original = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-   if (original < 0) {
+   Fd original(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+   if (!original) {
       error_ = errnoText("cannot open the current network namespace");
       return;
    }
-   std::string path = netNsPath(nsName);
-   int target = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (target < 0) {
+   const std::string path = netNsPath(nsName);
+   const Fd target(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+   if (!target) {
       error_ = errnoText("cannot open network namespace " + path);
-      ::close(original);
       return;
    }
-   if (::setns(target, CLONE_NEWNET) < 0) {
+   if (::setns(target.get(), CLONE_NEWNET) < 0) {
       error_ = errnoText("cannot enter network namespace " + path);
-      ::close(target);
-      ::close(original);
       return;
    }
-   ::close(target);
-   originalFd_ = original;
+   original_ = std::move(original);
 }
 
 NetNsGuard::~NetNsGuard() {
-   if (originalFd_ < 0)
+   if (!original_)
       return;
-   int rc = ::setns(originalFd_, CLONE_NEWNET);
-   ::close(originalFd_);
+   const int rc = ::setns(original_.get(), CLONE_NEWNET);
    // Carrying on in the wrong namespace would bind every later socket to the wrong VRF.
    PLATFORM_ASSERT(rc == 0, "cannot return to the original network namespace");
+}
+
+Fd socketIn(const std::string& nsName, int domain, int type, int protocol, std::string& error) {
+   const NetNsGuard guard(nsName);
+   if (!guard.ok()) {
+      error = guard.error();
+      return Fd();
+   }
+   Fd fd(::socket(domain, type, protocol));
+   if (!fd) {
+      const int err = errno;
+      error = errnoText(
+          "cannot open a socket in " +
+              (isOwnNetNs(nsName) ? std::string("the default namespace") : "namespace " + nsName),
+          err);
+   }
+   return fd;
 }
 
 }  // namespace Platform

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "platform/linux/Fd.h"
+
 namespace Platform {
 
 // The names "" and "default" both mean the agent's own namespace: the default VRF
@@ -30,8 +32,13 @@ class NetNsGuard {
    const std::string& error() const { return error_; }
 
  private:
-   int originalFd_ = -1;  // held only while the thread is in another namespace
+   Fd original_;  // held only while the thread is in another namespace
    std::string error_;
 };
+
+// socket(2) inside a network namespace, which the socket then belongs to for good: binding,
+// options and every later use may happen from anywhere. Empty, with the reason in `error`,
+// when the namespace cannot be entered or the socket not created; nothing stays open then.
+Fd socketIn(const std::string& nsName, int domain, int type, int protocol, std::string& error);
 
 }  // namespace Platform

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/linux/NetNs.h"
 
@@ -26,40 +27,28 @@ std::string nsText(const std::string& nsName) {
 std::unique_ptr<NetlinkSocket> NetlinkSocket::open(const std::string& nsName, uint32_t groups,
                                                    bool nonBlocking, std::string& error) {
    error.clear();
-   NetNsGuard guard(nsName);
-   if (!guard.ok()) {
-      error = guard.error();
+   Fd fd = socketIn(nsName, AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0),
+                    NETLINK_ROUTE, error);
+   if (!fd)
       return nullptr;
-   }
-   // The socket takes the namespace of the thread that creates it, for good.
-   mnl_socket* nl =
-       mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0));
-   if (!nl) {
-      error = errnoText("cannot open a netlink socket in " + nsText(nsName), errno);
-      return nullptr;
-   }
-   std::unique_ptr<NetlinkSocket> socket(new NetlinkSocket(nl));
-   if (mnl_socket_bind(nl, groups, MNL_SOCKET_AUTOPID) < 0) {
+   // Port 0 lets the kernel pick a free one, read back below.
+   sockaddr_nl local{};
+   local.nl_family = AF_NETLINK;
+   local.nl_groups = groups;
+   socklen_t len = sizeof local;
+   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) < 0 ||
+       ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&local), &len) < 0) {
       error = errnoText("cannot bind a netlink socket in " + nsText(nsName), errno);
       return nullptr;
    }
-   return socket;
-}
-
-NetlinkSocket::~NetlinkSocket() {
-   mnl_socket_close(nl_);
-}
-
-int NetlinkSocket::fd() const {
-   return mnl_socket_get_fd(nl_);
-}
-
-uint32_t NetlinkSocket::portId() const {
-   return mnl_socket_get_portid(nl_);
+   return std::unique_ptr<NetlinkSocket>(new NetlinkSocket(std::move(fd), local.nl_pid));
 }
 
 bool NetlinkSocket::send(const nlmsghdr* nlh, std::string& error) {
-   if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) {
+   sockaddr_nl kernel{};
+   kernel.nl_family = AF_NETLINK;
+   if (::sendto(fd(), nlh, nlh->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
+                sizeof kernel) < 0) {
       error = errnoText("cannot send a netlink request", errno);
       return false;
    }
@@ -90,7 +79,7 @@ void NetlinkSocket::receiveBufferIs(int bytes) {
 }
 
 bool NetlinkSocket::netlinkOptionIs(int option, int value, std::string& error) {
-   if (mnl_socket_setsockopt(nl_, option, &value, sizeof(value)) < 0) {
+   if (::setsockopt(fd(), SOL_NETLINK, option, &value, sizeof(value)) < 0) {
       error = errnoText("cannot set netlink socket option " + std::to_string(option), errno);
       return false;
    }

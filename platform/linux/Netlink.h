@@ -12,8 +12,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/addr/IpGenAddr.h"
+#include "platform/linux/Fd.h"
 
 namespace Platform {
 
@@ -21,21 +23,19 @@ namespace Platform {
 // at 32 KiB), so a receive into a buffer of this size is never truncated.
 inline constexpr size_t kNetlinkBufferSize = 32768;
 
-// A NETLINK_ROUTE socket created inside one network namespace (libmnl underneath). It
-// belongs to that namespace for its whole life: later requests and notifications
-// concern that namespace's devices and routes, whichever namespace the thread is in.
+// A NETLINK_ROUTE socket created inside one network namespace. It belongs to that
+// namespace for its whole life: later requests and notifications concern that namespace's
+// devices and routes, whichever namespace the thread is in.
 class NetlinkSocket {
  public:
    // groups: RTMGRP_* bits to receive notifications of. "" and "default" are the
    // agent's own namespace.
    static std::unique_ptr<NetlinkSocket> open(const std::string& nsName, uint32_t groups,
                                               bool nonBlocking, std::string& error);
-   ~NetlinkSocket();
-   NetlinkSocket(const NetlinkSocket&) = delete;
-   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
-   int fd() const;
-   uint32_t portId() const;
+   int fd() const { return fd_.get(); }
+   // The port the kernel gave the socket; its answers are addressed to it.
+   uint32_t portId() const { return portId_; }
    uint32_t nextSeq() { return ++seq_; }
 
    bool send(const nlmsghdr* nlh, std::string& error);
@@ -51,9 +51,10 @@ class NetlinkSocket {
    bool netlinkOptionIs(int option, int value, std::string& error);
 
  private:
-   explicit NetlinkSocket(mnl_socket* nl) : nl_(nl) {}
+   NetlinkSocket(Fd fd, uint32_t portId) : fd_(std::move(fd)), portId_(portId) {}
 
-   mnl_socket* nl_;
+   Fd fd_;
+   uint32_t portId_;
    uint32_t seq_ = 0;
 };
 

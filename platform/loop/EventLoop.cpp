@@ -32,28 +32,23 @@ constexpr double kFarFuture = 1e12;
 EventLoop::EventLoop(TimerWheel& wheel) : wheel_(wheel), timerFdDeadline_(kNever) {
    sigemptyset(&signals_);
    sigemptyset(&blockedBefore_);
-   try {
-      epollFd_ = epoll_create1(EPOLL_CLOEXEC);
-      if (epollFd_ < 0)
-         throwErrno("epoll_create1");
-      timerFd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-      if (timerFd_ < 0)
-         throwErrno("timerfd_create");
-      addFd(timerFd_, EPOLLIN, [this](uint32_t) { handleTimerFd(); });
-      wheel_.onNextDeadlineChanged([this](double deadline) { doArmTimerFd(deadline); });
-   } catch (...) {
-      doCloseAll();
-      throw;
-   }
+   epollFd_.reset(epoll_create1(EPOLL_CLOEXEC));
+   if (!epollFd_)
+      throwErrno("epoll_create1");
+   timerFd_.reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+   if (!timerFd_)
+      throwErrno("timerfd_create");
+   addFd(timerFd_.get(), EPOLLIN, [this](uint32_t) { handleTimerFd(); });
+   wheel_.onNextDeadlineChanged([this](double deadline) { doArmTimerFd(deadline); });
 }
 
 EventLoop::~EventLoop() {
    wheel_.onNextDeadlineChanged(nullptr);
-   if (signalFd_ >= 0) {
+   if (signalFd_) {
       // Signals that arrived unhandled would take their default action (terminate) the
       // moment they are unblocked: consume them first.
       signalfd_siginfo info;
-      while (read(signalFd_, &info, sizeof info) == sizeof info) {
+      while (read(signalFd_.get(), &info, sizeof info) == sizeof info) {
       }
       sigset_t unblock = signals_;
       for (int signo = 1; signo < NSIG; ++signo) {
@@ -61,15 +56,6 @@ EventLoop::~EventLoop() {
             sigdelset(&unblock, signo);
       }
       pthread_sigmask(SIG_UNBLOCK, &unblock, nullptr);
-   }
-   doCloseAll();
-}
-
-void EventLoop::doCloseAll() {
-   for (int* fd : {&signalFd_, &timerFd_, &epollFd_}) {
-      if (*fd >= 0)
-         close(*fd);
-      *fd = -1;
    }
 }
 
@@ -83,6 +69,7 @@ void EventLoop::addFd(int fd, uint32_t events, std::function<void(uint32_t)> cal
    registration->callback = std::move(callback);
    doEpollCtl(EPOLL_CTL_ADD, fd, events, registration.get());
    registrations_[slot] = std::move(registration);
+   ++watchedCount_;
 }
 
 void EventLoop::modifyFd(int fd, uint32_t events) {
@@ -97,16 +84,17 @@ void EventLoop::removeFd(int fd) {
    if (fd < 0 || slot >= registrations_.size() || !registrations_[slot])
       return;
    // Failure means the descriptor was closed already, which took it out of the epoll set.
-   epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+   epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr);
    registrations_[slot]->active = false;
    removed_.push_back(std::move(registrations_[slot]));
+   --watchedCount_;
 }
 
 void EventLoop::doEpollCtl(int op, int fd, uint32_t events, Registration* registration) {
    epoll_event event{};
    event.events = events;
    event.data.ptr = registration;
-   if (epoll_ctl(epollFd_, op, fd, &event) < 0)
+   if (epoll_ctl(epollFd_.get(), op, fd, &event) < 0)
       throwErrno("epoll_ctl");
 }
 
@@ -133,12 +121,13 @@ void EventLoop::onSignal(int signo, std::function<void()> callback) {
    if (sigismember(&before, signo) == 1)
       sigaddset(&blockedBefore_, signo);
    sigaddset(&signals_, signo);
-   const int fd = signalfd(signalFd_, &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
+   // Given the descriptor it already has, signalfd changes its mask and returns it.
+   const int fd = signalfd(signalFd_.get(), &signals_, SFD_NONBLOCK | SFD_CLOEXEC);
    if (fd < 0)
       throwErrno("signalfd");
-   if (signalFd_ < 0) {
-      signalFd_ = fd;
-      addFd(signalFd_, EPOLLIN, [this](uint32_t) { handleSignalFd(); });
+   if (!signalFd_) {
+      signalFd_.reset(fd);
+      addFd(fd, EPOLLIN, [this](uint32_t) { handleSignalFd(); });
    }
 }
 
@@ -150,7 +139,7 @@ void EventLoop::run() {
 
 void EventLoop::runOnce(int timeoutMs) {
    PLATFORM_ASSERT(!dispatching_, "event loop turn started from inside a callback");
-   const int n = epoll_wait(epollFd_, events_.data(), static_cast<int>(events_.size()),
+   const int n = epoll_wait(epollFd_.get(), events_.data(), static_cast<int>(events_.size()),
                             posted_.empty() ? timeoutMs : 0);
    if (n < 0 && errno != EINTR)
       throwErrno("epoll_wait");
@@ -194,7 +183,7 @@ void EventLoop::doArmTimerFd(double deadline) {
       if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0)
          spec.it_value.tv_nsec = 1;
    }
-   if (timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) {
+   if (timerfd_settime(timerFd_.get(), TFD_TIMER_ABSTIME, &spec, nullptr) < 0) {
       throwErrno("timerfd_settime");
    }
 }
@@ -203,7 +192,7 @@ void EventLoop::handleTimerFd() {
    uint64_t expirations;
    // Nothing to read when the timerfd was re-armed after this event was queued; the wheel
    // then simply finds nothing due.
-   [[maybe_unused]] const ssize_t got = read(timerFd_, &expirations, sizeof expirations);
+   [[maybe_unused]] const ssize_t got = read(timerFd_.get(), &expirations, sizeof expirations);
    // A fired timerfd is disarmed, so it has to be programmed again even if the wheel's
    // earliest deadline did not move (the clock may read a hair before it).
    timerFdDeadline_ = kNever;
@@ -213,7 +202,7 @@ void EventLoop::handleTimerFd() {
 
 void EventLoop::handleSignalFd() {
    signalfd_siginfo info;
-   while (read(signalFd_, &info, sizeof info) == sizeof info) {
+   while (read(signalFd_.get(), &info, sizeof info) == sizeof info) {
       const auto slot = static_cast<size_t>(info.ssi_signo);
       if (slot >= signalHandlers_.size() || !signalHandlers_[slot])
          continue;

@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/linux/Fd.h"
+
 namespace Platform {
 
 class TimerWheel;
@@ -26,11 +28,15 @@ class EventLoop {
    EventLoop(const EventLoop&) = delete;
    EventLoop& operator=(const EventLoop&) = delete;
 
-   // The loop does not own registered descriptors; remove one before closing it. Removing a
-   // descriptor that is not registered does nothing, so teardown paths need no bookkeeping.
+   // The loop does not own registered descriptors; remove one before closing it (a
+   // WatchedFd does both). Removing a descriptor that is not registered does nothing, so
+   // teardown paths need no bookkeeping.
    void addFd(int fd, uint32_t events, std::function<void(uint32_t)> callback);
    void modifyFd(int fd, uint32_t events);
    void removeFd(int fd);
+   // Descriptors registered, the loop's own included: what an owner that forgot to remove
+   // its own shows in.
+   size_t watchedCount() const { return watchedCount_; }
 
    // Runs on the next loop turn, after that turn's descriptor events, in posting order.
    void post(std::function<void()> fn);
@@ -60,12 +66,12 @@ class EventLoop {
    void handleSignalFd();
    void doRunPosted();
    void doEpollCtl(int op, int fd, uint32_t events, Registration* registration);
-   void doCloseAll();
 
    TimerWheel& wheel_;
-   int epollFd_ = -1;
-   int timerFd_ = -1;
-   int signalFd_ = -1;
+   Fd epollFd_;
+   Fd timerFd_;
+   Fd signalFd_;
+   size_t watchedCount_ = 0;
    double timerFdDeadline_;  // what the timerfd is programmed with
    bool stopping_ = false;
    bool dispatching_ = false;

@@ -6,7 +6,6 @@
 #include <net/if.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -179,81 +178,62 @@ std::optional<uint16_t> ethFrameVlanTake(Pkt& frame, std::optional<uint16_t> ker
 LinuxEthDevPam::LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs)
     : EthDevPam(std::move(device), std::move(netNs)), loop_(loop) {}
 
-LinuxEthDevPam::~LinuxEthDevPam() {
-   if (fd_ >= 0)
-      doClose();
-}
-
 bool LinuxEthDevPam::doOpen(std::string& error) {
    if (device().empty() || device().size() >= IFNAMSIZ) {
       error = "invalid device name \"" + device() + "\"";
       return false;
    }
-   int fd;
-   {
-      NetNsGuard guard(netNs());
-      if (!guard.ok()) {
-         error = guard.error();
-         return false;
-      }
-      // Protocol 0 receives nothing: frames start arriving at the bind below, once the
-      // filter is in place, instead of every frame of every device queueing meanwhile.
-      fd = ::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      if (fd < 0) {
-         error = std::string("cannot open a packet socket: ") + std::strerror(errno);
-         return false;
-      }
-   }
+   // Protocol 0 receives nothing: frames start arriving at the bind below, once the filter
+   // is in place, instead of every frame of every device queueing meanwhile.
+   Fd fd = socketIn(netNs(), AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, error);
+   if (!fd)
+      return false;
    auto fail = [&](const std::string& what) {
       error = what + ": " + std::strerror(errno);
-      ::close(fd);
       return false;
    };
 
    // The socket belongs to the namespace, so the device is looked up there.
    ifreq ifr{};
    std::memcpy(ifr.ifr_name, device().data(), device().size());
-   if (::ioctl(fd, SIOCGIFINDEX, &ifr) < 0)
+   if (::ioctl(fd.get(), SIOCGIFINDEX, &ifr) < 0)
       return fail("no device " + device());
    const int ifindex = ifr.ifr_ifindex;
 
    std::vector<sock_filter> program = dhcpCaptureFilter();
    const sock_fprog fprog{static_cast<unsigned short>(program.size()), program.data()};
-   if (::setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) < 0)
+   if (::setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) < 0)
       return fail("cannot attach the capture filter");
    const int one = 1;
-   if (::setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) < 0)
+   if (::setsockopt(fd.get(), SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) < 0)
       return fail("cannot enable PACKET_AUXDATA");
    // What this host sends on the device (the relay's UDP and raw sockets) would otherwise
    // come back as captured frames; the kernel already spares a socket its own sends.
-   if (::setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one) < 0)
+   if (::setsockopt(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one) < 0)
       return fail("cannot enable PACKET_IGNORE_OUTGOING");
 
    sockaddr_ll addr{};
    addr.sll_family = AF_PACKET;
    addr.sll_protocol = htons(ETH_P_ALL);
    addr.sll_ifindex = ifindex;
-   if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0)
+   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0)
       return fail("cannot bind to " + device());
 
-   fd_ = fd;
    ifindex_ = static_cast<uint32_t>(ifindex);
    rxPaused_ = false;
-   loop_.addFd(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
+   socket_ = WatchedFd(loop_, std::move(fd), EPOLLIN, [this](uint32_t) { handleReadable(); });
    return true;
 }
 
 void LinuxEthDevPam::doClose() {
-   loop_.removeFd(fd_);
-   ::close(fd_);
-   fd_ = -1;
+   socket_.reset();
    ifindex_ = 0;
    rxPaused_ = false;
 }
 
 EthDevPam::SendResult LinuxEthDevPam::doSend(const Pkt& frame) {
    // The bound socket sends on its device; the kernel takes the protocol from the frame.
-   const ssize_t n = ::send(fd_, frame.data(), frame.bytes(), 0);
+   const ssize_t n = ::send(socket_.get(), frame.data(), frame.bytes(), 0);
    if (n == static_cast<ssize_t>(frame.bytes()))
       return SendResult::sent;
    const int err = n < 0 ? errno : EMSGSIZE;
@@ -267,7 +247,7 @@ void LinuxEthDevPam::doResumeRx() {
    if (!rxPaused_)
       return;
    rxPaused_ = false;
-   loop_.modifyFd(fd_, EPOLLIN);
+   socket_.eventsIs(EPOLLIN);
 }
 
 void LinuxEthDevPam::handleReadable() {
@@ -281,9 +261,9 @@ void LinuxEthDevPam::handleReadable() {
    Ptr<const EthDevPam> self(this);
    doReadBatch();
    doAnnounceRx();
-   if (fd_ >= 0 && rxQueueRoom() == 0) {
+   if (socket_ && rxQueueRoom() == 0) {
       rxPaused_ = true;
-      loop_.modifyFd(fd_, 0);
+      socket_.eventsIs(0);
    }
 }
 
@@ -302,7 +282,7 @@ void LinuxEthDevPam::doReadBatch() {
       h.msg_controllen = sizeof rxControls_[i].bytes;
       h.msg_flags = 0;
    }
-   const int n = ::recvmmsg(fd_, rxMsgs_.data(), static_cast<unsigned>(want), 0, nullptr);
+   const int n = ::recvmmsg(socket_.get(), rxMsgs_.data(), static_cast<unsigned>(want), 0, nullptr);
    if (n < 0) {
       // The device going down (ENETDOWN) lands here once; the socket resumes when it
       // comes back up.
@@ -327,7 +307,7 @@ void LinuxEthDevPam::doReadBatch() {
 void LinuxEthDevPam::doConsumeError() {
    int err = 0;
    socklen_t len = sizeof err;
-   if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err != 0)
+   if (::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err != 0)
       TRACE(1, device(), " socket error: ", std::strerror(err));
 }
 

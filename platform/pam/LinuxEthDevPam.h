@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/loop/WatchedFd.h"
 #include "platform/packet/PktPool.h"
 #include "platform/pam/EthDevPam.h"
 
@@ -27,7 +28,6 @@ class LinuxEthDevPam final : public EthDevPam {
    static constexpr size_t kMaxRxFrame = 2048;
 
    LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs);
-   ~LinuxEthDevPam() override;
 
    // The device's index while open, 0 otherwise.
    uint32_t ifindex() const { return ifindex_; }
@@ -45,7 +45,7 @@ class LinuxEthDevPam final : public EthDevPam {
    void doConsumeError();
 
    EventLoop& loop_;
-   int fd_ = -1;
+   WatchedFd socket_;
    uint32_t ifindex_ = 0;
    bool rxPaused_ = false;
 

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,28 +12,13 @@
 
 namespace Platform {
 
-LinuxRawTxPam::~LinuxRawTxPam() {
-   if (fd_ >= 0)
-      doClose();
-}
-
 bool LinuxRawTxPam::doOpen(std::string& error) {
-   NetNsGuard guard(netNs());
-   if (!guard.ok()) {
-      error = guard.error();
-      return false;
-   }
-   fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-   if (fd_ < 0) {
-      error = std::string("cannot open a packet socket: ") + std::strerror(errno);
-      return false;
-   }
-   return true;
+   fd_ = socketIn(netNs(), AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, error);
+   return bool(fd_);
 }
 
 void LinuxRawTxPam::doClose() {
-   ::close(fd_);
-   fd_ = -1;
+   fd_.reset();
 }
 
 RawTxPam::SendResult LinuxRawTxPam::doSend(uint32_t ifindex, const Pkt& frame) {
@@ -44,7 +28,7 @@ RawTxPam::SendResult LinuxRawTxPam::doSend(uint32_t ifindex, const Pkt& frame) {
    addr.sll_family = AF_PACKET;
    addr.sll_protocol = htons(ethProtocol());
    addr.sll_ifindex = static_cast<int>(ifindex);
-   const ssize_t n = ::sendto(fd_, frame.data(), frame.bytes(), 0,
+   const ssize_t n = ::sendto(fd_.get(), frame.data(), frame.bytes(), 0,
                               reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
    if (n == static_cast<ssize_t>(frame.bytes()))
       return SendResult::sent;

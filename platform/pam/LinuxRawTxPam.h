@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/linux/Fd.h"
 #include "platform/pam/RawTxPam.h"
 
 namespace Platform {
@@ -12,14 +13,13 @@ namespace Platform {
 class LinuxRawTxPam final : public RawTxPam {
  public:
    explicit LinuxRawTxPam(std::string name) : RawTxPam(std::move(name)) {}
-   ~LinuxRawTxPam() override;
 
  private:
    bool doOpen(std::string& error) override;
    void doClose() override;
    SendResult doSend(uint32_t ifindex, const Pkt& frame) override;
 
-   int fd_ = -1;
+   Fd fd_;
 };
 
 }  // namespace Platform

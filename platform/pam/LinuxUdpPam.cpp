@@ -2,11 +2,11 @@
 
 #include <arpa/inet.h>
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/linux/NetNs.h"
 #include "platform/loop/EventLoop.h"
@@ -71,72 +71,48 @@ LinuxUdpPam::LinuxUdpPam(std::string name, EventLoop& loop) : UdpPam(std::move(n
    }
 }
 
-LinuxUdpPam::~LinuxUdpPam() {
-   doClose();
-}
-
 bool LinuxUdpPam::doOpen(std::string& error) {
-   const int family = ipv6() ? AF_INET6 : AF_INET;
-   int fd;
-   {
-      // The socket belongs to the namespace it was created in; binding and options can be
-      // set from anywhere afterwards, but creating it outside would serve the wrong VRF.
-      NetNsGuard guard(netNs());
-      if (!guard.ok()) {
-         error = guard.error();
-         return false;
-      }
-      fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP);
-      if (fd < 0) {
-         error = errnoText("socket");
-         return false;
-      }
-   }
+   // The socket belongs to the namespace it was created in; creating it anywhere else would
+   // serve the wrong VRF.
+   Fd fd = socketIn(netNs(), ipv6() ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                    IPPROTO_UDP, error);
+   if (!fd)
+      return false;
    const int on = 1;
    auto option = [&](int level, int name, const char* what) {
-      if (::setsockopt(fd, level, name, &on, sizeof on) == 0)
+      if (::setsockopt(fd.get(), level, name, &on, sizeof on) == 0)
          return true;
       error = errnoText(what);
       return false;
    };
-   bool ok = option(SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR") &&
-             option(SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST");
-   if (ok && ipv6()) {
-      // The agent opens a separate IPv4 socket where it wants IPv4: mapped addresses
-      // arriving here would only confuse the IPv6 relay.
-      ok = option(IPPROTO_IPV6, IPV6_V6ONLY, "IPV6_V6ONLY") &&
-           option(IPPROTO_IPV6, IPV6_RECVPKTINFO, "IPV6_RECVPKTINFO");
-   } else if (ok) {
-      ok = option(IPPROTO_IP, IP_PKTINFO, "IP_PKTINFO");
-   }
-   ok = ok && doSetTos(fd, error);
-   if (ok) {
-      sockaddr_in6 addr;
-      const socklen_t len = toSockaddr(ipv6(), rxAddr(), rxPort(), 0, addr);
-      if (::bind(fd, reinterpret_cast<const sockaddr*>(&addr), len) < 0) {
-         const int err = errno;
-         const std::string where =
-             rxAddr().isEmpty() ? (ipv6() ? "::" : "0.0.0.0") : rxAddr().toString();
-         error = "bind " + where + " port " + std::to_string(rxPort()) + ": " + std::strerror(err);
-         ok = false;
-      }
-   }
-   if (!ok) {
-      ::close(fd);
+   if (!option(SOL_SOCKET, SO_REUSEADDR, "SO_REUSEADDR") ||
+       !option(SOL_SOCKET, SO_BROADCAST, "SO_BROADCAST"))
+      return false;
+   // The agent opens a separate IPv4 socket where it wants IPv4: mapped addresses arriving
+   // on an IPv6 one would only confuse the IPv6 relay.
+   if (ipv6() ? !option(IPPROTO_IPV6, IPV6_V6ONLY, "IPV6_V6ONLY") ||
+                    !option(IPPROTO_IPV6, IPV6_RECVPKTINFO, "IPV6_RECVPKTINFO")
+              : !option(IPPROTO_IP, IP_PKTINFO, "IP_PKTINFO"))
+      return false;
+   if (!doSetTos(fd.get(), error))
+      return false;
+   sockaddr_in6 addr;
+   const socklen_t len = toSockaddr(ipv6(), rxAddr(), rxPort(), 0, addr);
+   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), len) < 0) {
+      const int err = errno;
+      const std::string where =
+          rxAddr().isEmpty() ? (ipv6() ? "::" : "0.0.0.0") : rxAddr().toString();
+      error = "bind " + where + " port " + std::to_string(rxPort()) + ": " + std::strerror(err);
       return false;
    }
-   fd_ = fd;
    rxPaused_ = false;
-   loop_.addFd(fd_, EPOLLIN, [this](uint32_t events) { handleEvents(events); });
+   socket_ =
+       WatchedFd(loop_, std::move(fd), EPOLLIN, [this](uint32_t events) { handleEvents(events); });
    return true;
 }
 
 void LinuxUdpPam::doClose() {
-   if (fd_ < 0)
-      return;
-   loop_.removeFd(fd_);
-   ::close(fd_);
-   fd_ = -1;
+   socket_.reset();
    for (auto& pkt : rxPkts_)
       pkt.reset();
 }
@@ -152,7 +128,7 @@ bool LinuxUdpPam::doSetTos(int fd, std::string& error) {
 
 void LinuxUdpPam::doApplyTos() {
    std::string error;
-   if (!doSetTos(fd_, error))
+   if (!doSetTos(socket_.get(), error))
       TRACE(1, name(), " cannot set TOS ", txTos(), ": ", error);
 }
 
@@ -162,7 +138,7 @@ void LinuxUdpPam::handleEvents(uint32_t events) {
       // does not wake for it again.
       int soError = 0;
       socklen_t len = sizeof soError;
-      ::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &soError, &len);
+      ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &soError, &len);
       TRACE(5, name(), " socket error: ", std::strerror(soError));
    }
    if (!(events & EPOLLIN) || rxQueueRoom() == 0)
@@ -173,18 +149,18 @@ void LinuxUdpPam::handleEvents(uint32_t events) {
    doAnnounceRx();
    // Stop reading while the consumer leaves the queue full; the level-triggered descriptor
    // would otherwise wake the loop on every turn. rxPkt() resumes it.
-   if (fd_ >= 0 && rxQueueRoom() == 0 && !rxPaused_) {
+   if (socket_ && rxQueueRoom() == 0 && !rxPaused_) {
       rxPaused_ = true;
-      loop_.modifyFd(fd_, 0);
+      socket_.eventsIs(0);
       TRACE(5, name(), " receive queue full, reading paused");
    }
 }
 
 void LinuxUdpPam::doResumeRx() {
-   if (fd_ < 0 || !rxPaused_)
+   if (!socket_ || !rxPaused_)
       return;
    rxPaused_ = false;
-   loop_.modifyFd(fd_, EPOLLIN);
+   socket_.eventsIs(EPOLLIN);
 }
 
 void LinuxUdpPam::doReceiveBatch() {
@@ -202,8 +178,8 @@ void LinuxUdpPam::doReceiveBatch() {
       hdr.msg_controllen = kControlBytes;
       hdr.msg_flags = 0;
    }
-   const int got =
-       ::recvmmsg(fd_, rxMsgs_.data(), static_cast<unsigned>(want), MSG_DONTWAIT, nullptr);
+   const int got = ::recvmmsg(socket_.get(), rxMsgs_.data(), static_cast<unsigned>(want),
+                              MSG_DONTWAIT, nullptr);
    if (got < 0) {
       if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
          TRACE(5, name(), " recvmmsg: ", std::strerror(errno));
@@ -297,7 +273,7 @@ LinuxUdpPam::SendResult LinuxUdpPam::doSend(const Pkt& payload) {
          std::memcpy(CMSG_DATA(c), &info, sizeof info);
       }
    }
-   if (::sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+   if (::sendmsg(socket_.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
       return SendResult::sent;
    const int err = errno;
    const bool full = err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
@@ -311,7 +287,7 @@ bool LinuxUdpPam::doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join
    ipv6_mreq req{};
    req.ipv6mr_multiaddr = toIn6Addr(group);
    req.ipv6mr_interface = ifindex;
-   if (::setsockopt(fd_, IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, &req,
+   if (::setsockopt(socket_.get(), IPPROTO_IPV6, join ? IPV6_JOIN_GROUP : IPV6_LEAVE_GROUP, &req,
                     sizeof req) == 0)
       return true;
    error = errnoText(join ? "IPV6_JOIN_GROUP" : "IPV6_LEAVE_GROUP");

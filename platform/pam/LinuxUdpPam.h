@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <string>
 
+#include "platform/loop/WatchedFd.h"
 #include "platform/packet/PktPool.h"
 #include "platform/pam/UdpPam.h"
 
@@ -28,7 +29,6 @@ class LinuxUdpPam final : public UdpPam {
    static constexpr size_t kRxBatch = 32;
 
    LinuxUdpPam(std::string name, EventLoop& loop);
-   ~LinuxUdpPam() override;
 
    const PktPool& pktPool() const { return pool_; }
 
@@ -53,7 +53,7 @@ class LinuxUdpPam final : public UdpPam {
    bool doSetTos(int fd, std::string& error);
 
    EventLoop& loop_;
-   int fd_ = -1;
+   WatchedFd socket_;
    bool rxPaused_ = false;
    PktPool pool_;
 

@@ -16,7 +16,8 @@ namespace Platform {
 // in for their kernel parts) open, close and count sends the same way. The owner opens one
 // with modeIs(modeOpen); its reactors hear handleActive when it opens or closes. An open
 // that fails leaves the object closed with the reason in error(), and asking for modeOpen
-// again retries it.
+// again retries it. An owner done with an object may simply drop it, open or not: the last
+// reference takes the kernel part's socket and its event loop registration with it.
 //
 // Each kind keeps its own Reactor, so its reactors see the kind and not this base; the kind
 // forwards doNotifyActive to it.

@@ -11,8 +11,10 @@
 #include <ctime>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "platform/base/Assert.h"
+#include "platform/linux/Fd.h"
 #include "platform/trace/TraceRing.h"
 #include "platform/trace/TraceText.h"
 
@@ -30,8 +32,8 @@ struct State {
    std::unique_ptr<TraceRingWriter> ring;
    int ringLevel = -1;
    std::string ringPath;
-   int textFd = -1;
-   bool ownsTextFd = false;
+   int textFd = -1;  // stderr or textFile
+   Fd textFile;
    int textLevel = -1;
    std::string textTarget;
    TraceCapture* capture = nullptr;
@@ -40,11 +42,7 @@ struct State {
    std::string textLine;
 
    // A TRACE from a destructor running after this one must find no sink.
-   ~State() {
-      Trace::Detail::keptLevel = -1;
-      if (ownsTextFd)
-         ::close(textFd);
-   }
+   ~State() { Trace::Detail::keptLevel = -1; }
 };
 
 // Built on first use, so usable by TRACEs in other objects' static constructors.
@@ -135,10 +133,10 @@ void openTextSink(std::vector<std::string>& warnings) {
    state().textFd = STDERR_FILENO;
    state().textTarget = "stderr";
    if (const char* path = environment("DHCP_RELAY_TRACE_FILE")) {
-      const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-      if (fd >= 0) {
-         state().textFd = fd;
-         state().ownsTextFd = true;
+      Fd file(::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+      if (file) {
+         state().textFd = file.get();
+         state().textFile = std::move(file);
          state().textTarget = path;
       } else {
          warnings.push_back("cannot open DHCP_RELAY_TRACE_FILE " + std::string(path) + ": " +
@@ -206,10 +204,8 @@ void Trace::shutdown() {
    state().ring.reset();
    state().ringLevel = -1;
    state().ringPath.clear();
-   if (state().ownsTextFd)
-      ::close(state().textFd);
    state().textFd = -1;
-   state().ownsTextFd = false;
+   state().textFile.reset();
    state().textLevel = -1;
    updateKeptLevel();
 }

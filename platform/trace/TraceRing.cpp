@@ -12,6 +12,7 @@
 #include <ctime>
 #include <optional>
 
+#include "platform/linux/Fd.h"
 #include "platform/trace/TraceText.h"
 
 namespace Platform {
@@ -121,22 +122,22 @@ std::unique_ptr<TraceRingWriter> TraceRingWriter::create(const std::string& path
       error = errnoText("cannot move aside", path, errno);
       return nullptr;
    }
-   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
-   if (fd < 0) {
+   Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640));
+   if (!fd) {
       error = errnoText("cannot create", path, errno);
       return nullptr;
    }
    // Reserve the blocks now: a store into a hole the file system cannot fill kills the agent
    // with SIGBUS.
-   const int err = posix_fallocate(fd, 0, static_cast<off_t>(fileSize));
+   const int err = posix_fallocate(fd.get(), 0, static_cast<off_t>(fileSize));
    void* map =
-       err ? MAP_FAILED : mmap(nullptr, fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+       err ? MAP_FAILED : mmap(nullptr, fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
    if (map == MAP_FAILED) {
       error = errnoText(err ? "cannot allocate" : "cannot map", path, err ? err : errno);
-      ::close(fd);
       ::unlink(path.c_str());
       return nullptr;
    }
+   // The mapping keeps the file open: the writer holds no descriptor.
 
    auto* bytes = static_cast<uint8_t*>(map);
    auto* header = reinterpret_cast<TraceRingHeader*>(bytes);
@@ -157,12 +158,11 @@ std::unique_ptr<TraceRingWriter> TraceRingWriter::create(const std::string& path
    std::memcpy(header->agentName, agentName.data(), nameSize);
    orderStores();
    std::memcpy(header->magic, TraceRingHeader::kMagic, sizeof(header->magic));
-   return std::unique_ptr<TraceRingWriter>(new TraceRingWriter(fd, bytes, fileSize));
+   return std::unique_ptr<TraceRingWriter>(new TraceRingWriter(bytes, fileSize));
 }
 
-TraceRingWriter::TraceRingWriter(int fd, uint8_t* map, uint64_t mapSize)
-    : fd_(fd),
-      map_(map),
+TraceRingWriter::TraceRingWriter(uint8_t* map, uint64_t mapSize)
+    : map_(map),
       mapSize_(mapSize),
       header_(reinterpret_cast<TraceRingHeader*>(map)),
       ring_(map + header_->ringOffset),
@@ -174,7 +174,6 @@ TraceRingWriter::TraceRingWriter(int fd, uint8_t* map, uint64_t mapSize)
 
 TraceRingWriter::~TraceRingWriter() {
    munmap(map_, mapSize_);
-   ::close(fd_);
 }
 
 void TraceRingWriter::registerSite(TraceSite& site) {

@@ -88,12 +88,11 @@ class TraceRingWriter {
    void append(TraceSite& site, int level, std::span<const TraceArg> pieces);
 
  private:
-   TraceRingWriter(int fd, uint8_t* map, uint64_t mapSize);
+   TraceRingWriter(uint8_t* map, uint64_t mapSize);
    void registerSite(TraceSite& site);
    uint8_t* reserve(uint32_t size);
    void makeRoom(uint64_t size);
 
-   int fd_;
    uint8_t* map_;
    uint64_t mapSize_;
    TraceRingHeader* header_;

@@ -8,14 +8,15 @@
 #include <net/ethernet.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/loop/WatchedFd.h"
 #include "tests/support/NetnsFixture.h"
 
 namespace Platform::PacketTest {
@@ -29,34 +30,24 @@ using TestNet::ip;
 // it sends) and sends frames as they are.
 class PeerSocket {
  public:
-   PeerSocket(EventLoop& loop, const std::string& ns, const std::string& device) : loop_(loop) {
-      {
-         NetNsGuard guard(ns);
-         if (!guard.ok())
-            return;
-         fd_ = ::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL));
-      }
+   PeerSocket(EventLoop& loop, const std::string& ns, const std::string& device) {
+      std::string error;
+      Fd fd =
+          socketIn(ns, AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL), error);
       sockaddr_ll addr{};
       addr.sll_family = AF_PACKET;
       addr.sll_protocol = htons(ETH_P_ALL);
       addr.sll_ifindex = static_cast<int>(ifindexOf(ns, device));
-      if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0)
-         return;
-      loop_.addFd(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
-      ok_ = true;
-   }
-   ~PeerSocket() {
-      if (fd_ < 0)
-         return;
-      loop_.removeFd(fd_);
-      ::close(fd_);
+      if (fd && ::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+         socket_ = WatchedFd(loop, std::move(fd), EPOLLIN, [this](uint32_t) { handleReadable(); });
    }
    PeerSocket(const PeerSocket&) = delete;
    PeerSocket& operator=(const PeerSocket&) = delete;
 
-   bool ok() const { return ok_; }
+   bool ok() const { return bool(socket_); }
    bool send(std::span<const uint8_t> frame) {
-      return ::send(fd_, frame.data(), frame.size(), 0) == static_cast<ssize_t>(frame.size());
+      return ::send(socket_.get(), frame.data(), frame.size(), 0) ==
+             static_cast<ssize_t>(frame.size());
    }
    bool received(const Bytes& frame) const {
       return std::find(frames_.begin(), frames_.end(), frame) != frames_.end();
@@ -68,17 +59,15 @@ class PeerSocket {
       sockaddr_ll from{};
       socklen_t len = sizeof from;
       ssize_t n;
-      while ((n = ::recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len)) >=
-             0) {
+      while ((n = ::recvfrom(socket_.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from),
+                             &len)) >= 0) {
          if (from.sll_pkttype != PACKET_OUTGOING)
             frames_.emplace_back(buf, buf + n);
          len = sizeof from;
       }
    }
 
-   EventLoop& loop_;
-   int fd_ = -1;
-   bool ok_ = false;
+   WatchedFd socket_;
    std::vector<Bytes> frames_;
 };
 

@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/Fd.h"
 #include "platform/trace/TraceRing.h"
 
 namespace {
@@ -39,29 +40,27 @@ bool parseLevel(std::string_view text, int& level) {
 }
 
 bool readFile(const char* path, std::vector<uint8_t>& bytes) {
-   const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-   if (fd < 0) {
+   const Platform::Fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+   if (!fd) {
       std::fprintf(stderr, "dhcp-relay-trace: cannot open %s: %s\n", path, std::strerror(errno));
       return false;
    }
    struct stat st;
-   if (fstat(fd, &st) == 0 && st.st_size > 0)
+   if (fstat(fd.get(), &st) == 0 && st.st_size > 0)
       bytes.reserve(static_cast<size_t>(st.st_size));
    uint8_t chunk[1 << 16];
    for (;;) {
-      const ssize_t n = ::read(fd, chunk, sizeof(chunk));
+      const ssize_t n = ::read(fd.get(), chunk, sizeof(chunk));
       if (n < 0 && errno == EINTR)
          continue;
       if (n < 0) {
          std::fprintf(stderr, "dhcp-relay-trace: cannot read %s: %s\n", path, std::strerror(errno));
-         ::close(fd);
          return false;
       }
       if (n == 0)
          break;
       bytes.insert(bytes.end(), chunk, chunk + n);
    }
-   ::close(fd);
    return true;
 }
 

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,13 +12,13 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/linux/Fd.h"
 #include "tests/support/NetnsFixture.h"
 
 namespace Frontend {
@@ -37,24 +36,22 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
    }
 
    void TearDown() override {
-      for (int fd : fds_)
-         close(fd);
-      servers_.clear();
+      clients_.clear();
+      server_.reset();
       std::filesystem::remove_all(dir_);
    }
 
    ControlServer& server() {
-      if (servers_.empty()) {
-         auto s = std::make_unique<ControlServer>(loop_, path_);
-         s->handlerIs("echo", [](const json& request) { return request; });
-         s->handlerIs("refuse", [](const json&) -> json { throw ControlError("not today"); });
-         s->handlerIs("crash", [](const json&) -> json { throw std::runtime_error("bug"); });
-         s->handlerIs("big", [](const json& request) {
+      if (!server_) {
+         server_.emplace(loop_, path_);
+         server_->handlerIs("echo", [](const json& request) { return request; });
+         server_->handlerIs("refuse", [](const json&) -> json { throw ControlError("not today"); });
+         server_->handlerIs("crash", [](const json&) -> json { throw std::runtime_error("bug"); });
+         server_->handlerIs("big", [](const json& request) {
             return json(std::string(request.at("size").get<size_t>(), 'x'));
          });
-         servers_.push_back(std::move(s));
       }
-      return *servers_.front();
+      return *server_;
    }
 
    void startServer() {
@@ -62,26 +59,20 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
       ASSERT_TRUE(server().start(error)) << error;
    }
 
-   int rawSocket() {
-      int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      fds_.push_back(fd);
-      return fd;
-   }
-
    // Connects (or binds, for a socket nobody listens on) to the server's path.
    int client(decltype(::connect) op = ::connect) {
-      int fd = rawSocket();
+      Platform::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
       sockaddr_un addr{};
       addr.sun_family = AF_UNIX;
       std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
-      EXPECT_EQ(op(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << std::strerror(errno);
-      return fd;
+      EXPECT_EQ(op(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0)
+          << std::strerror(errno);
+      const int id = fd.get();
+      clients_[id] = std::move(fd);
+      return id;
    }
 
-   void closeClient(int fd) {
-      close(fd);
-      std::erase(fds_, fd);
-   }
+   void closeClient(int fd) { clients_.erase(fd); }
 
    // Sends everything, turning the loop whenever the socket buffer is full.
    void sendAll(int fd, const std::string& data) {
@@ -137,8 +128,8 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
 
    std::string dir_;
    std::string path_;
-   std::vector<std::unique_ptr<ControlServer>> servers_;
-   std::vector<int> fds_;
+   std::optional<ControlServer> server_;
+   std::map<int, Platform::Fd> clients_;
    std::map<int, std::string> pending_;
 };
 
@@ -264,7 +255,7 @@ TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreRefusedWithAReason) {
    expectServed(client());
 }
 
-TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
+TEST_F(ControlServerTest, TheSocketIsPrivateAndOnlyItsOwnFileIsRemoved) {
    startServer();
    struct stat st;
    ASSERT_EQ(stat(path_.c_str(), &st), 0);
@@ -272,12 +263,27 @@ TEST_F(ControlServerTest, SocketIsPrivateAndRemovedOnDestruction) {
    EXPECT_EQ(st.st_mode & 07777, 0600u);
    ASSERT_EQ(stat((dir_ + "/run").c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 07777, 0700u);
-
    int fd = client();
    loop_.runOnce(0);
-   servers_.clear();
+   server_.reset();
    EXPECT_FALSE(std::filesystem::exists(path_));
    EXPECT_TRUE(closedByServer(fd));
+
+   // A file that replaced the server's socket survives the server, and the next server
+   // refuses to start on it rather than remove it.
+   startServer();
+   std::filesystem::remove(path_);
+   std::ofstream(path_) << "successor";
+   server_.reset();
+   std::string error;
+   EXPECT_FALSE(server().start(error));
+   EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
+   server_.reset();
+   EXPECT_TRUE(std::filesystem::exists(path_));
+
+   ControlServer unbindable(loop_, "/tmp/" + std::string(200, 'x'));
+   EXPECT_FALSE(unbindable.start(error));
+   EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
 }
 
 TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
@@ -300,30 +306,6 @@ TEST_F(ControlServerTest, StaleSocketIsReplacedButALiveOneIsNotStolen) {
    // The first agent still owns and serves its socket after the refused one is gone.
    expectServed(fd);
    expectServed(client());
-}
-
-TEST_F(ControlServerTest, NeverRemovesFilesItDoesNotOwn) {
-   // Something that is not a socket is left alone and blocks the start.
-   std::filesystem::create_directories(dir_ + "/run");
-   std::ofstream(path_) << "precious";
-   std::string error;
-   EXPECT_FALSE(server().start(error));
-   EXPECT_NE(error.find("is not a socket"), std::string::npos) << error;
-   servers_.clear();
-   EXPECT_TRUE(std::filesystem::exists(path_));
-
-   // A file that replaced the server's socket survives the server's destruction.
-   std::filesystem::remove(path_);
-   startServer();
-   std::filesystem::remove(path_);
-   std::ofstream(path_) << "successor";
-   servers_.clear();
-   EXPECT_TRUE(std::filesystem::exists(path_));
-
-   std::string tooLong = "/tmp/" + std::string(200, 'x');
-   ControlServer unbindable(loop_, tooLong);
-   EXPECT_FALSE(unbindable.start(error));
-   EXPECT_NE(error.find("longer than 107 bytes"), std::string::npos) << error;
 }
 
 TEST_F(ControlServerTest, BlockingClientGetsRepliesAndReportsUnreachableAgents) {

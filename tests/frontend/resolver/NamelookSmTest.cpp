@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/loop/WatchedFd.h"
 #include "platform/trace/Trace.h"
 #include "tests/support/NetnsFixture.h"
 
@@ -37,23 +38,18 @@ class DnsResponder {
    enum class Mode { Answer, ServFail, Silent };
 
    // On an ephemeral port unless told one.
-   explicit DnsResponder(EventLoop& loop, IpAddr address = IpAddr(0x7f000001), uint16_t port = 0)
-       : loop_(loop) {
-      fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+   explicit DnsResponder(EventLoop& loop, IpAddr address = IpAddr(0x7f000001), uint16_t port = 0) {
+      Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
       sockaddr_in addr{};
       addr.sin_family = AF_INET;
       addr.sin_addr.s_addr = address.toNetwork();
       addr.sin_port = htons(port);
       socklen_t len = sizeof addr;
-      if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-          getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+      if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+          getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &len) != 0)
          ADD_FAILURE() << "cannot bind the DNS responder";
       port_ = ntohs(addr.sin_port);
-      loop_.addFd(fd_, EPOLLIN, [this](uint32_t) { handleQuery(); });
-   }
-   ~DnsResponder() {
-      loop_.removeFd(fd_);
-      close(fd_);
+      fd_ = WatchedFd(loop, std::move(fd), EPOLLIN, [this](uint32_t) { handleQuery(); });
    }
 
    std::string server() const { return "127.0.0.1:" + std::to_string(port_); }
@@ -75,7 +71,7 @@ class DnsResponder {
       sockaddr_in peer{};
       socklen_t peerLen = sizeof peer;
       const ssize_t got =
-          recvfrom(fd_, q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&peer), &peerLen);
+          recvfrom(fd_.get(), q.data(), q.size(), 0, reinterpret_cast<sockaddr*>(&peer), &peerLen);
       const size_t n = got < 0 ? 0 : static_cast<size_t>(got);
       // The question: labels from offset 12, then type and class.
       std::string name;
@@ -111,11 +107,10 @@ class DnsResponder {
          put(0x00010004, 4);
          put(std::next(it->second.begin(), static_cast<ptrdiff_t>(i))->value(), 4);
       }
-      sendto(fd_, r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&peer), peerLen);
+      sendto(fd_.get(), r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&peer), peerLen);
    }
 
-   EventLoop& loop_;
-   int fd_ = -1;
+   WatchedFd fd_;
    uint16_t port_ = 0;
    Mode mode_ = Mode::Answer;
    std::map<std::string, std::set<IpAddr>> answer_;

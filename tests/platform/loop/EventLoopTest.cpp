@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/Fd.h"
 #include "platform/loop/Clock.h"
 #include "platform/loop/TimerWheel.h"
 
@@ -30,15 +31,7 @@ bool signalBlocked(int signo) {
 
 class EventLoopTest : public testing::Test {
  protected:
-   ~EventLoopTest() override {
-      for (int fd : fds_)
-         close(fd);
-   }
-
-   int ownedFd(int fd) {
-      fds_.push_back(fd);
-      return fd;
-   }
+   int ownedFd(int fd) { return fds_.emplace_back(fd).get(); }
 
    // Turns the loop until done() holds, for at most two seconds of kernel time; waiting on
    // real descriptors and timers, never sleeping.
@@ -53,7 +46,7 @@ class EventLoopTest : public testing::Test {
    UtcClock utc_;
    TimerWheel wheel_{clock_, utc_};
    std::unique_ptr<EventLoop> loop_ = std::make_unique<EventLoop>(wheel_);
-   std::vector<int> fds_;
+   std::vector<Fd> fds_;
 };
 
 TEST_F(EventLoopTest, PostedWorkRunsOnTheNextTurnInPostingOrder) {
