@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "codec/CaptureFilter.h"
 #include "platform/pam/EthDevTestPam.h"
 #include "platform/pam/LinuxEthDevPam.h"
 #include "tests/support/PacketTestNet.h"
@@ -79,7 +80,7 @@ class EthDevPamTest : public PacketTest::VethTest {
       VethTest::SetUp();
       if (IsSkipped() || HasFatalFailure())
          return;
-      pam_ = make<LinuxEthDevPam>(loop_, "a0", nsA_);
+      pam_ = make<LinuxEthDevPam>(loop_, "a0", nsA_, Codec::dhcpCaptureFilter());
       pam_->modeIs(EthDevPam::modeOpen);
       ASSERT_TRUE(pam_->active()) << pam_->error();
       peer_ = std::make_unique<PacketTest::PeerSocket>(loop_, nsB_, "b0");
@@ -190,14 +191,14 @@ TEST_F(EthDevPamTest, LeavesFramesWithTheKernelWhileTheQueueIsFull) {
 
 TEST_F(EthDevPamTest, OpenFailsClosedAndIsRetried) {
    // "lo" exists in the agent's own namespace: opening it there instead would be the bug.
-   auto lost = make<LinuxEthDevPam>(loop_, "lo", nsA_ + "-missing");
+   auto lost = make<LinuxEthDevPam>(loop_, "lo", nsA_ + "-missing", Codec::dhcpCaptureFilter());
    lost->modeIs(EthDevPam::modeOpen);
    EXPECT_FALSE(lost->active());
    EXPECT_NE(lost->error().find("/run/netns/" + nsA_ + "-missing"), std::string::npos)
        << lost->error();
    EXPECT_FALSE(lost->send(*Pkt::copyOf(eth(kIpv4) + ipv4(kUdp, 67, 68, 1))));
 
-   auto later = make<LinuxEthDevPam>(loop_, "c0", nsA_);
+   auto later = make<LinuxEthDevPam>(loop_, "c0", nsA_, Codec::dhcpCaptureFilter());
    later->modeIs(EthDevPam::modeOpen);
    EXPECT_FALSE(later->active());
    EXPECT_NE(later->error().find("c0"), std::string::npos) << later->error();
