@@ -18,6 +18,7 @@
 #include "bench/AllocationCounter.h"
 #include "codec/DhcpCodec.h"
 #include "codec/DhcpHdr.h"
+#include "codec/Frame.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace {
@@ -194,7 +195,7 @@ void BM_Offer(benchmark::State& state) {
                 return frame.sub(0, 6).size() == 6 &&
                        std::equal(kClientMac.bytes().begin(), kClientMac.bytes().end(),
                                   frame.data()) &&
-                       !infoOptPresent(frame, 42);
+                       !infoOptPresent(frame, Codec::kUdp4FrameHeaders);
              });
 }
 BENCHMARK(BM_Offer);
