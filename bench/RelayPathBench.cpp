@@ -79,10 +79,7 @@ struct Relay {
       bed.intfServerIpDir->drIntfServerIpIs(IntfId("Ethernet1"))
           ->serverIpIs(VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, {}}, 1);
       bed.device("default", 5, "Ethernet1")->macIs(kRelayMac);
-      sm = std::make_unique<DhcpRelaySm>(
-          DhcpRelaySm::Inputs{bed.config, bed.status, bed.ipStatus, bed.vrfs, bed.deviceNames,
-                              bed.packetQueues, bed.activeVrfDir, bed.intfServerIpDir,
-                              bed.clientContext, &bed.store, bed.managers.get(), &bed.pams});
+      sm = std::make_unique<DhcpRelaySm>(bed.inputs());
       sm->handleInitialized();
       udp = bed.pams.udp.at("UdpSocket-default");
       raw = bed.pams.raw.at("RawTxPam-default");
