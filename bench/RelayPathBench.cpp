@@ -18,6 +18,7 @@
 #include "bench/AllocationCounter.h"
 #include "codec/DhcpCodec.h"
 #include "codec/DhcpHdr.h"
+#include "codec/Frame.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace {
@@ -78,10 +79,7 @@ struct Relay {
       bed.intfServerIpDir->drIntfServerIpIs(IntfId("Ethernet1"))
           ->serverIpIs(VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, {}}, 1);
       bed.device("default", 5, "Ethernet1")->macIs(kRelayMac);
-      sm = std::make_unique<DhcpRelaySm>(
-          DhcpRelaySm::Inputs{bed.config, bed.status, bed.ipStatus, bed.vrfs, bed.deviceNames,
-                              bed.packetQueues, bed.activeVrfDir, bed.intfServerIpDir,
-                              bed.clientContext, &bed.store, bed.managers.get(), &bed.pams});
+      sm = std::make_unique<DhcpRelaySm>(bed.inputs());
       sm->handleInitialized();
       udp = bed.pams.udp.at("UdpSocket-default");
       raw = bed.pams.raw.at("RawTxPam-default");
@@ -194,7 +192,7 @@ void BM_Offer(benchmark::State& state) {
                 return frame.sub(0, 6).size() == 6 &&
                        std::equal(kClientMac.bytes().begin(), kClientMac.bytes().end(),
                                   frame.data()) &&
-                       !infoOptPresent(frame, 42);
+                       !infoOptPresent(frame, Codec::kUdp4FrameHeaders);
              });
 }
 BENCHMARK(BM_Offer);

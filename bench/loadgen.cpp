@@ -25,24 +25,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "codec/Frame.h"
 #include "platform/linux/Fd.h"
-
-#include "platform/packet/InetHeaders.h"
 
 namespace {
 
-constexpr size_t kEth = 14, kIp = 20, kUdp = 8;
-constexpr size_t kBootp = kEth + kIp + kUdp;
+using Platform::Pkt;
+using Platform::Ptr;
+
+constexpr size_t kBootp = Codec::kUdp4FrameHeaders;
 // BOOTP fixed header offsets (RFC 2131, section 2).
 constexpr size_t kOp = 0, kXid = 4, kFlags = 10, kChaddr = 28, kCookie = 236, kOptions = 240;
 constexpr uint8_t kMagic[4] = {99, 130, 83, 99};
 // RFC 2131 section 2: a BOOTP message is at least 300 bytes on the wire.
 constexpr size_t kBootpLen = 300;
-constexpr size_t kFrameLen = kBootp + kBootpLen;
 // Locally administered, unicast; the last three bytes number the simulated client.
 constexpr uint8_t kMacPrefix[3] = {0x02, 0x4c, 0x47};
 constexpr uint32_t kMaxClients = 1u << 24;
@@ -62,27 +63,11 @@ uint64_t nowNs() {
    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
 }
 
-// The DISCOVER every client sends; only the MACs and the xid change per send. The
-// UDP checksum stays 0 ("no checksum", RFC 768), so the IP header never changes.
-void buildTemplate(uint8_t* f) {
-   std::memset(f, 0, kFrameLen);
-   std::memset(f, 0xff, 6);
-   f[12] = 0x08;  // ETH_P_IP
-   uint8_t* ip = f + kEth;
-   ip[0] = 0x45;
-   uint16_t totLen = htons(kIp + kUdp + kBootpLen);
-   std::memcpy(&ip[2], &totLen, 2);
-   ip[8] = 64;  // TTL
-   ip[9] = IPPROTO_UDP;
-   std::memset(&ip[16], 0xff, 4);  // 255.255.255.255, from 0.0.0.0
-   uint16_t sum = htons(Platform::inetChecksum(Platform::inetSum({ip, kIp})));
-   std::memcpy(&ip[10], &sum, 2);
-   uint8_t* udp = ip + kIp;
-   udp[1] = 68;
-   udp[3] = 67;
-   uint16_t udpLen = htons(kUdp + kBootpLen);
-   std::memcpy(&udp[4], &udpLen, 2);
-   uint8_t* b = f + kBootp;
+// The DISCOVER every client sends, from 0.0.0.0:68 to 255.255.255.255:67; only the source
+// MAC, chaddr and the xid change per send.
+Ptr<Pkt> buildTemplate() {
+   Ptr<Pkt> frame = Pkt::create(kBootpLen, kBootp, 0);
+   uint8_t* b = frame->data();
    b[kOp] = 1;  // BOOTREQUEST
    b[1] = 1;    // Ethernet
    b[2] = 6;
@@ -92,42 +77,42 @@ void buildTemplate(uint8_t* f) {
                            55, 4, 1, 3, 6, 51,  // mask, router, DNS, lease time
                            255};
    std::memcpy(&b[kOptions], opts, sizeof opts);
+   Codec::prependUdp4Frame(*frame,
+                           {.dstMac = Platform::EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}),
+                            .dstIp = Platform::IpAddr::broadcast(),
+                            .srcPort = 68,
+                            .dstPort = 67});
+   return frame;
 }
 
-void setClient(uint8_t* f, uint32_t client, uint32_t xid) {
+// The UDP checksum covers chaddr and xid: the headers are fixed again after each change.
+void setClient(Pkt& frame, const Codec::FrameLayout& at, uint32_t client, uint32_t xid) {
+   uint8_t* f = frame.data();
    uint8_t mac[6] = {kMacPrefix[0],
                      kMacPrefix[1],
                      kMacPrefix[2],
                      static_cast<uint8_t>(client >> 16),
                      static_cast<uint8_t>(client >> 8),
                      static_cast<uint8_t>(client)};
-   std::memcpy(f + 6, mac, 6);
+   std::memcpy(f + Codec::EthLayout::src, mac, 6);
    std::memcpy(f + kBootp + kChaddr, mac, 6);
    uint32_t netXid = htonl(xid);
    std::memcpy(f + kBootp + kXid, &netXid, 4);
+   Codec::fixUdpFrame(frame.span(), at);
 }
 
 // The client index and xid of a DHCPOFFER for one of our clients, from a captured
 // frame; false for anything else on the link.
-bool parseOffer(const uint8_t* f, size_t len, uint32_t& client, uint32_t& xid) {
-   if (len < kEth + kIp || f[12] != 0x08 || f[13] != 0x00)
+bool parseOffer(std::span<const uint8_t> frame, uint32_t& client, uint32_t& xid) {
+   const Codec::FrameLayout at = Codec::locateFrame(frame);
+   if (!at || at.ipv6 || at.dstPort != 68 || at.payloadBytes < kOptions)
       return false;
-   const uint8_t* ip = f + kEth;
-   size_t ihl = (ip[0] & 0x0f) * 4u;
-   if ((ip[0] >> 4) != 4 || ihl < kIp || ip[9] != IPPROTO_UDP)
-      return false;
-   if ((ip[6] & 0x3f) != 0 || ip[7] != 0)
-      return false;  // fragments
-   const uint8_t* udp = ip + ihl;
-   size_t off = kEth + ihl + kUdp;
-   if (len < off + kOptions || udp[2] != 0 || udp[3] != 68)
-      return false;
-   const uint8_t* b = f + off;
+   const uint8_t* b = frame.data() + at.payload;
    if (b[kOp] != 2 || std::memcmp(&b[kCookie], kMagic, 4) != 0)
       return false;
    if (std::memcmp(&b[kChaddr], kMacPrefix, 3) != 0)
       return false;
-   size_t blen = len - off;
+   size_t blen = at.payloadBytes;
    int msgType = -1;
    for (size_t i = kOptions; i < blen;) {
       uint8_t code = b[i++];
@@ -171,8 +156,13 @@ struct Figures {
 class Load {
  public:
    Load(const Options& o, int fd, int ifindex)
-       : o_(o), fd_(fd), ifindex_(ifindex), clients_(o.clients), ring_(o.clients) {
-      buildTemplate(frame_);
+       : o_(o),
+         fd_(fd),
+         ifindex_(ifindex),
+         clients_(o.clients),
+         ring_(o.clients),
+         frame_(buildTemplate()),
+         frameLayout_(Codec::locateFrame(frame_->span())) {
       uint64_t seed;
       if (getrandom(&seed, sizeof seed, 0) != sizeof seed)
          seed = nowNs();
@@ -230,14 +220,15 @@ class Load {
          if (c.pending)
             return;  // every client is busy: the window is wider than the clients
          uint32_t xid = static_cast<uint32_t>(rng_());
-         setClient(frame_, next_, xid);
+         setClient(*frame_, frameLayout_, next_, xid);
          sockaddr_ll to{};
          to.sll_family = AF_PACKET;
          to.sll_protocol = htons(ETH_P_IP);
          to.sll_ifindex = ifindex_;
          to.sll_halen = 6;
          std::memset(to.sll_addr, 0xff, 6);
-         if (sendto(fd_, frame_, kFrameLen, 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0) {
+         if (sendto(fd_, frame_->data(), frame_->bytes(), 0, reinterpret_cast<sockaddr*>(&to),
+                    sizeof to) < 0) {
             ++f_.sendFailed;
             return;  // the device queue is full: try again after the next poll
          }
@@ -276,7 +267,7 @@ class Load {
          if (n < 0)
             return;
          uint32_t client, xid;
-         if (!parseOffer(rx_, static_cast<size_t>(n), client, xid))
+         if (!parseOffer({rx_, static_cast<size_t>(n)}, client, xid))
             continue;
          uint64_t now = nowNs();
          if (client >= o_.clients) {
@@ -321,7 +312,8 @@ class Load {
    std::mt19937_64 rng_;
    Figures f_;
    double elapsed_ = 0;
-   alignas(8) uint8_t frame_[kFrameLen];
+   Ptr<Pkt> frame_;
+   Codec::FrameLayout frameLayout_;
    alignas(8) uint8_t rx_[2048];
 };
 

@@ -14,6 +14,7 @@
 
 #include "codec/DhcpCodec.h"
 #include "codec/DhcpHdr.h"
+#include "codec/Frame.h"
 #include "codec/RelayAgentInfo.h"
 #include "codec/TlvWalker.h"
 #include "platform/packet/Pkt.h"
@@ -151,6 +152,33 @@ inline bool infoOptEdit(std::span<const uint8_t> data) {
           Detail::samePacket(*pkt, data);
 }
 
+// The locator on any bytes: what it finds lies inside the frame, every shorter cut of a
+// located datagram is too short, and the datagram fixed in place reads back the same with
+// sound checksums.
+inline bool frameLocator(std::span<const uint8_t> data) {
+   const Codec::FrameLayout at = Codec::locateFrame(data);
+   if (!at)
+      return true;
+   const size_t ipHeader = at.ipv6 ? Codec::Ipv6Layout::header : Codec::Ipv4Layout::header;
+   if ((at.l3 != Codec::EthLayout::header &&
+        at.l3 != Codec::EthLayout::header + Codec::EthLayout::vlanTag) ||
+       at.udp < at.l3 + ipHeader || at.payload != at.udp + Codec::UdpLayout::header ||
+       at.datagramEnd() > data.size())
+      return false;
+   for (size_t n = 0; n < at.datagramEnd(); ++n)
+      if (Codec::locateFrame(data.first(n)).error != Codec::FrameError::tooShort)
+         return false;
+   auto pkt = Platform::Pkt::copyOf(data.first(at.datagramEnd()), 0, 0);
+   if (!Codec::fixUdpFrame(pkt->span(), at))
+      return false;
+   const Codec::FrameLayout again = Codec::locateFrame(pkt->span());
+   return again && again.l3 == at.l3 && again.udp == at.udp &&
+          again.payloadBytes == at.payloadBytes && Codec::frameChecksumsOk(pkt->span(), again) &&
+          std::equal(data.begin() + static_cast<ptrdiff_t>(at.payload),
+                     data.begin() + static_cast<ptrdiff_t>(at.datagramEnd()),
+                     pkt->span().begin() + static_cast<ptrdiff_t>(at.payload));
+}
+
 struct Target {
    std::string_view name;
    bool (*run)(std::span<const uint8_t>);
@@ -163,6 +191,7 @@ inline constexpr Target kTargets[] = {
     {"relay_agent_info", relayAgentInfo},
     {"info_opt_parse", infoOptParse},
     {"info_opt_edit", infoOptEdit},
+    {"frame_locator", frameLocator},
 };
 
 }  // namespace Fuzz

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of the fuzz programs: DHCPv4 messages as clients, relays
-and servers send them, built field by field (RFC 2131, 2132, 3046, 3527, 5107, 6607).
+and servers send them, built field by field (RFC 2131, 2132, 3046, 3527, 5107, 6607),
+and the Ethernet frames around DHCP and DHCPv6 messages (RFC 768, 791, 8200).
 Run from anywhere; files are rewritten in place."""
 
 import os
@@ -65,12 +66,66 @@ TLV = {
     "dhcpv6_options": struct.pack("!HH", 1, 4) + b"\0\1\0\1" + struct.pack("!HH", 8, 2) + b"\0\0",
 }
 
+def inet_checksum(data):
+    data = data + b"\0" * (len(data) % 2)
+    total = sum(struct.unpack("!%dH" % (len(data) // 2), data))
+    while total >> 16:
+        total = (total & 0xFFFF) + (total >> 16)
+    return ~total & 0xFFFF
+
+
+def udp(src, dst, sport, dport, payload, proto_sum):
+    length = 8 + len(payload)
+    ck = inet_checksum(proto_sum(length) + struct.pack("!HHHH", sport, dport, length, 0) + payload)
+    return struct.pack("!HHHH", sport, dport, length, ck or 0xFFFF) + payload
+
+
+def ipv4(src, dst, sport, dport, payload, options=b"", frag=0):
+    pseudo = lambda n: ip(src) + ip(dst) + struct.pack("!BBH", 0, 17, n)
+    seg = udp(src, dst, sport, dport, payload, pseudo)
+    hdr = struct.pack("!BBHHHBBH", 0x45 + len(options) // 4, 0, 20 + len(options) + len(seg), 0,
+                      frag, 64, 17, 0) + ip(src) + ip(dst) + options
+    return hdr[:10] + struct.pack("!H", inet_checksum(hdr)) + hdr[12:] + seg
+
+
+def ipv6(src, dst, sport, dport, payload):
+    pseudo = lambda n: src + dst + struct.pack("!IxxxB", n, 17)
+    seg = udp(src, dst, sport, dport, payload, pseudo)
+    return struct.pack("!IHBB", 0x60000000, len(seg), 17, 1) + src + dst + seg
+
+
+def eth(ethertype, tag=None):
+    head = b"\xff" * 6 + MAC
+    if tag is not None:
+        head += struct.pack("!HH", 0x8100, tag)
+    return head + struct.pack("!H", ethertype)
+
+
+LINK_LOCAL = bytes.fromhex("fe800000000000000000000000000001")
+ALL_DHCP = bytes.fromhex("ff020000000000000000000000010002")
+DISCOVER4 = ipv4("0.0.0.0", "255.255.255.255", 68, 67, MESSAGES["discover"])
+# SOLICIT with a client identifier (DUID-LL).
+SOLICIT6 = ipv6(LINK_LOCAL, ALL_DHCP, 546, 547,
+                b"\x01\x00\x00\x01" + struct.pack("!HHHH", 1, 10, 3, 1) + MAC)
+
+FRAMES = {
+    "discover": eth(0x0800) + DISCOVER4,
+    "discover_padded": eth(0x0800) + ipv4("0.0.0.0", "255.255.255.255", 68, 67, b"x") + b"\0" * 18,
+    "tagged_with_ip_options": eth(0x0800, 10) + ipv4("10.1.2.1", "10.9.9.9", 67, 67,
+                                                      MESSAGES["relayed_request"],
+                                                      options=b"\x01" * 8),
+    "solicit": eth(0x86DD) + SOLICIT6,
+    "fragment": eth(0x0800) + ipv4("10.1.2.1", "10.9.9.9", 67, 67, b"x" * 16, frag=0x2000),
+    "cut_short": (eth(0x0800) + DISCOVER4)[:100],
+}
+
 CORPUS = {
     "dhcp_options": MESSAGES,
     "info_opt_parse": MESSAGES,
     "info_opt_edit": MESSAGES,
     "relay_agent_info": SUB_OPTIONS,
     "tlv_walker": TLV,
+    "frame_locator": FRAMES,
 }
 
 for target, seeds in CORPUS.items():

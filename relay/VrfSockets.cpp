@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "codec/Frame.h"
 #include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -35,7 +36,7 @@ VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
 
    if (family.rawTx) {
       Ptr<Platform::RawTxPam> raw = deps_.pams.rawTxPam("RawTxPam-" + vrf_.str());
-      raw->ethProtocolIs(family.ipv6 ? 0x86dd : 0x0800);
+      raw->ethProtocolIs(family.ipv6 ? Codec::EthLayout::typeIpv6 : Codec::EthLayout::typeIpv4);
       raw->netNsIs(nsName_.str());
       raw->modeIs(Platform::Pam::modeOpen);
       rawTxPam_ = raw;

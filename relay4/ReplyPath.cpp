@@ -1,10 +1,9 @@
 // The reply path of the DHCPv4 relay: server replies back to the client's link.
 
 #include "codec/DhcpCodec.h"
+#include "codec/Frame.h"
 #include "counters/DhcpRelayCounters.h"
 #include "platform/base/Assert.h"
-#include "platform/packet/ByteCursor.h"
-#include "platform/packet/InetHeaders.h"
 #include "platform/trace/Trace.h"
 #include "relay4/DhcpRelaySm.h"
 
@@ -17,12 +16,6 @@ using Platform::VrfName;
 
 namespace {
 
-using Platform::inetChecksum;
-using Platform::inetSum;
-constexpr size_t kEthHeader = Platform::kEthHeaderBytes;
-constexpr size_t kIpHeader = Platform::kIpv4HeaderBytes;
-constexpr size_t kUdpHeader = Platform::kUdpHeaderBytes;
-constexpr size_t kFrameHeaders = kEthHeader + kIpHeader + kUdpHeader;
 constexpr uint16_t kClientPort = 68;
 
 }  // namespace
@@ -37,49 +30,19 @@ bool DhcpRelaySm::buildReplyPkt(Pkt& pkt, const Platform::EthAddr& srcMac, IpAdd
    hdr->hopsInc();
    const bool broadcast = hdr->flags() & DhcpLayout::broadcastFlag;
    const IpAddr yiaddr = hdr->yiaddr();
-   const Platform::EthAddr chaddr = hdr->chaddr();
-   const size_t dhcpBytes = pkt.bytes();
-   const size_t pktSize = dhcpBytes + kFrameHeaders;
-   if (pktSize > 0xffff + kEthHeader - kIpHeader || !pkt.growHead(kFrameHeaders)) {
+   const size_t pktSize = pkt.bytes() + Codec::kUdp4FrameHeaders;
+   const Codec::Udp4Frame frame{
+       .dstMac =
+           broadcast ? Platform::EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}) : hdr->chaddr(),
+       .srcMac = srcMac,
+       .srcIp = srcIp,
+       .dstIp = broadcast || yiaddr.isZero() ? IpAddr::broadcast() : yiaddr,
+       .srcPort = DhcpVrfSm::kServerPort,
+       .dstPort = kClientPort};
+   if (!Codec::prependUdp4Frame(pkt, frame)) {
       TRACE(5, " null packet.");
       return false;
    }
-   const IpAddr dstIp = broadcast || yiaddr.isZero() ? IpAddr::broadcast() : yiaddr;
-   const Platform::EthAddr dstMac =
-       broadcast ? Platform::EthAddr({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}) : chaddr;
-
-   Platform::ByteWriter out(pkt.span().first(kFrameHeaders));
-   out.bytes(dstMac.bytes());
-   out.bytes(srcMac.bytes());
-   out.write16(0x0800);
-   out.write8(0x45);  // version 4, 20-byte header
-   out.write8(0);
-   out.write16(static_cast<uint16_t>(pktSize - kEthHeader));
-   out.write16(0);  // identification
-   out.write16(0);  // no fragmentation flags, offset 0
-   out.write8(64);
-   out.write8(17);
-   out.write16(0);  // header checksum, below
-   out.write32(srcIp.value());
-   out.write32(dstIp.value());
-   out.write16(DhcpVrfSm::kServerPort);
-   out.write16(kClientPort);
-   out.write16(static_cast<uint16_t>(kUdpHeader + dhcpBytes));
-   out.write16(0);  // UDP checksum, below
-
-   uint8_t* frame = pkt.data();
-   const uint16_t ipSum = inetChecksum(inetSum(pkt.sub(kEthHeader, kIpHeader)));
-   frame[kEthHeader + 10] = static_cast<uint8_t>(ipSum >> 8);
-   frame[kEthHeader + 11] = static_cast<uint8_t>(ipSum);
-   // RFC 768: the pseudo-header is source, destination, zero, protocol and UDP length.
-   uint32_t pseudo = inetSum(pkt.sub(kEthHeader + 12, 8));
-   pseudo += 17 + static_cast<uint32_t>(kUdpHeader + dhcpBytes);
-   uint16_t udpSum =
-       inetChecksum(inetSum(pkt.sub(kEthHeader + kIpHeader, kUdpHeader + dhcpBytes), pseudo));
-   if (udpSum == 0)
-      udpSum = 0xffff;  // 0 means "no checksum" (RFC 768)
-   frame[kEthHeader + kIpHeader + 6] = static_cast<uint8_t>(udpSum >> 8);
-   frame[kEthHeader + kIpHeader + 7] = static_cast<uint8_t>(udpSum);
    PLATFORM_ASSERT(pkt.bytes() == pktSize, "pkt->bytes() == pktSize");
    return true;
 }

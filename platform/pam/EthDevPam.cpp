@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/packet/InetHeaders.h"
+#include "platform/packet/EthHeader.h"
 #include "platform/trace/Trace.h"
 
 namespace Platform {

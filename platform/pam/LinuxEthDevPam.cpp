@@ -13,135 +13,17 @@
 #include <utility>
 #include <vector>
 
-#include "platform/base/Assert.h"
 #include "platform/linux/NetNs.h"
 #include "platform/loop/EventLoop.h"
 #include "platform/packet/ByteCursor.h"
-#include "platform/packet/InetHeaders.h"
+#include "platform/packet/EthHeader.h"
 #include "platform/trace/Trace.h"
 
 namespace Platform {
 
 namespace {
 
-constexpr uint16_t kEthTypeIpv4 = 0x0800;
-constexpr uint16_t kEthTypeIpv6 = 0x86dd;
-constexpr uint16_t kEthTypeVlan = 0x8100;
 constexpr uint16_t kVlanIdMask = 0x0fff;
-constexpr uint32_t kEthTypeOffset = 12;
-constexpr uint32_t kUntaggedL3 = kEthHeaderBytes;
-constexpr uint32_t kTaggedL3 = 18;
-constexpr uint8_t kIpProtoUdp = 17;
-
-// Jump targets of the capture filter, resolved once the program is laid out. `next` is the
-// following instruction.
-enum Label : uint8_t {
-   next,
-   accept,
-   reject,
-   tagged,
-   ipv4Untagged,
-   ipv6Untagged,
-   ipv4Tagged,
-   ipv6Tagged,
-   labelCount
-};
-
-// Classic BPF jumps are forward offsets of at most 255 instructions; writing them as labels
-// keeps the program readable and the offsets right when it changes.
-class FilterBuilder {
- public:
-   void place(Label label) { at_[label] = code_.size(); }
-   void stmt(uint16_t code, uint32_t k) { code_.push_back(BPF_STMT(code, k)); }
-   void jump(uint16_t code, uint32_t k, Label ifTrue, Label ifFalse) {
-      fixups_.push_back({code_.size(), ifTrue, ifFalse});
-      code_.push_back(BPF_JUMP(code, k, 0, 0));
-   }
-   std::vector<sock_filter> finish() {
-      for (const Fixup& f : fixups_) {
-         code_[f.at].jt = offset(f.at, f.ifTrue);
-         code_[f.at].jf = offset(f.at, f.ifFalse);
-      }
-      return std::move(code_);
-   }
-
- private:
-   struct Fixup {
-      size_t at;
-      Label ifTrue;
-      Label ifFalse;
-   };
-
-   uint8_t offset(size_t from, Label label) const {
-      if (label == next)
-         return 0;
-      const size_t to = at_[label];
-      PLATFORM_ASSERT(to > from && to - from - 1 <= 255, "capture filter jump out of range");
-      return static_cast<uint8_t>(to - from - 1);
-   }
-
-   std::vector<sock_filter> code_;
-   std::vector<Fixup> fixups_;
-   size_t at_[labelCount] = {};
-};
-
-// Accepts the frame when the 16-bit word loaded by `load` at `k` (source port), or the one
-// after it (destination port), is one of two ports.
-void emitPortPair(FilterBuilder& b, uint16_t load, uint32_t k, uint16_t portA, uint16_t portB) {
-   for (uint32_t off : {k, k + 2}) {
-      b.stmt(load, off);
-      b.jump(BPF_JMP | BPF_JEQ | BPF_K, portA, accept, next);
-      b.jump(BPF_JMP | BPF_JEQ | BPF_K, portB, accept, off == k ? next : reject);
-   }
-}
-
-// IPv4 header at `l3`: UDP, first fragment (a later one carries no UDP header), port 67 or
-// 68 at either end. The header's length comes from its IHL, so options are allowed.
-void emitIpv4(FilterBuilder& b, uint32_t l3) {
-   b.stmt(BPF_LD | BPF_B | BPF_ABS, l3 + 9);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kIpProtoUdp, next, reject);
-   b.stmt(BPF_LD | BPF_H | BPF_ABS, l3 + 6);
-   b.jump(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, reject, next);
-   b.stmt(BPF_LDX | BPF_B | BPF_MSH, l3);
-   emitPortPair(b, BPF_LD | BPF_H | BPF_IND, l3, 67, 68);
-}
-
-// IPv6 header at `l3` directly followed by UDP, port 546 or 547 at either end. DHCPv6
-// messages carry no extension headers.
-void emitIpv6(FilterBuilder& b, uint32_t l3) {
-   b.stmt(BPF_LD | BPF_B | BPF_ABS, l3 + 6);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kIpProtoUdp, next, reject);
-   emitPortPair(b, BPF_LD | BPF_H | BPF_ABS, l3 + 40, 546, 547);
-}
-
-// The filter sees the frame as the socket will: a tag the kernel took off into the
-// packet's metadata is not in the data, so such a frame looks untagged here. A tag still in
-// the data moves the IP header 4 bytes on.
-std::vector<sock_filter> dhcpCaptureFilter() {
-   FilterBuilder b;
-   b.stmt(BPF_LD | BPF_H | BPF_ABS, kEthTypeOffset);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kEthTypeVlan, tagged, next);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kEthTypeIpv4, ipv4Untagged, next);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kEthTypeIpv6, ipv6Untagged, reject);
-   b.place(tagged);
-   b.stmt(BPF_LD | BPF_H | BPF_ABS, kEthTypeOffset + 4);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kEthTypeIpv4, ipv4Tagged, next);
-   b.jump(BPF_JMP | BPF_JEQ | BPF_K, kEthTypeIpv6, ipv6Tagged, reject);
-   b.place(ipv4Untagged);
-   emitIpv4(b, kUntaggedL3);
-   b.place(ipv6Untagged);
-   emitIpv6(b, kUntaggedL3);
-   b.place(ipv4Tagged);
-   emitIpv4(b, kTaggedL3);
-   b.place(ipv6Tagged);
-   emitIpv6(b, kTaggedL3);
-   b.place(accept);
-   // The whole frame: the kernel caps the snapshot at the frame's length.
-   b.stmt(BPF_RET | BPF_K, 0x40000);
-   b.place(reject);
-   b.stmt(BPF_RET | BPF_K, 0);
-   return b.finish();
-}
 
 std::optional<uint16_t> kernelTci(msghdr& h) {
    for (cmsghdr* c = CMSG_FIRSTHDR(&h); c; c = CMSG_NXTHDR(&h, c)) {
@@ -170,13 +52,14 @@ std::optional<uint16_t> ethFrameVlanTake(Pkt& frame, std::optional<uint16_t> ker
    if (!type || *type != kEthTypeVlan || !tci || r.remaining() < 2)
       return std::nullopt;
    // Moving the two MAC addresses over the tag leaves the rest of the frame in place.
-   frame.moveRange(0, 4, kEthTypeOffset);
-   frame.shrinkHead(4);
+   frame.moveRange(0, kVlanTagBytes, kEthTypeOffset);
+   frame.shrinkHead(kVlanTagBytes);
    return static_cast<uint16_t>(*tci & kVlanIdMask);
 }
 
-LinuxEthDevPam::LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs)
-    : EthDevPam(std::move(device), std::move(netNs)), loop_(loop) {}
+LinuxEthDevPam::LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs,
+                               std::vector<sock_filter> filter)
+    : EthDevPam(std::move(device), std::move(netNs)), loop_(loop), filter_(std::move(filter)) {}
 
 bool LinuxEthDevPam::doOpen(std::string& error) {
    if (device().empty() || device().size() >= IFNAMSIZ) {
@@ -200,8 +83,8 @@ bool LinuxEthDevPam::doOpen(std::string& error) {
       return fail("no device " + device());
    const int ifindex = ifr.ifr_ifindex;
 
-   std::vector<sock_filter> program = dhcpCaptureFilter();
-   const sock_fprog fprog{static_cast<unsigned short>(program.size()), program.data()};
+   // An empty program is refused here too, so the socket never captures unfiltered.
+   sock_fprog fprog{static_cast<unsigned short>(filter_.size()), filter_.data()};
    if (::setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) < 0)
       return fail("cannot attach the capture filter");
    const int one = 1;

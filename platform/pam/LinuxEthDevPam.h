@@ -1,5 +1,6 @@
 #pragma once
 
+#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <sys/socket.h>
 
@@ -8,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/loop/WatchedFd.h"
 #include "platform/packet/PktPool.h"
@@ -17,17 +19,19 @@ namespace Platform {
 
 class EventLoop;
 
-// EthDevPam on an AF_PACKET socket bound to the device inside its namespace. A classic BPF
-// program in the kernel keeps everything but DHCP and DHCPv6 out of the socket, so the
-// agent wakes up only for frames it wants; the kernel reports a VLAN tag it took off the
-// frame in PACKET_AUXDATA. Frames are read in batches into pooled buffers, so capturing
+// EthDevPam on an AF_PACKET socket bound to the device inside its namespace. The classic
+// BPF program its creator hands it (Codec::dhcpCaptureFilter: the platform knows no layer
+// above Ethernet) runs in the kernel and keeps out every frame the agent does not want, so
+// it wakes up only for those; the kernel reports a VLAN tag it took off the frame in
+// PACKET_AUXDATA. Frames are read in batches into pooled buffers, so capturing
 // allocates nothing once the pool has grown to its working size.
 class LinuxEthDevPam final : public EthDevPam {
  public:
    // Longest frame captured whole; a longer one is counted in rxTruncated and dropped.
    static constexpr size_t kMaxRxFrame = 2048;
 
-   LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs);
+   LinuxEthDevPam(EventLoop& loop, std::string device, std::string netNs,
+                  std::vector<sock_filter> filter);
 
    // The device's index while open, 0 otherwise.
    uint32_t ifindex() const { return ifindex_; }
@@ -45,6 +49,7 @@ class LinuxEthDevPam final : public EthDevPam {
    void doConsumeError();
 
    EventLoop& loop_;
+   std::vector<sock_filter> filter_;
    WatchedFd socket_;
    uint32_t ifindex_ = 0;
    bool rxPaused_ = false;

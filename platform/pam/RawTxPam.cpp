@@ -1,7 +1,7 @@
 #include "platform/pam/RawTxPam.h"
 
 #include "platform/linux/NetNs.h"
-#include "platform/packet/InetHeaders.h"
+#include "platform/packet/EthHeader.h"
 #include "platform/trace/Trace.h"
 
 namespace Platform {

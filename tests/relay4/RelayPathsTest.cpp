@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "codec/DhcpCodec.h"
+#include "codec/Frame.h"
+#include "platform/packet/ByteCursor.h"
 #include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
@@ -14,6 +16,10 @@ using Platform::Pkt;
 
 const EthAddr kRelayMac({0x02, 0x00, 0x00, 0x00, 0x00, 0x01});
 const EthAddr kBroadcastMac({0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+
+IpAddr ipAt(const Bytes& frame, size_t off) {
+   return IpAddr(Platform::ByteReader(std::span(frame).subspan(off)).read32().value_or(0));
+}
 
 // The relay with the kernel's routing answers supplied by the test.
 class PathRelaySm : public DhcpRelaySm {
@@ -471,10 +477,11 @@ TEST_P(ReplyTest, OneReply) {
    ASSERT_EQ(raw->sent().size(), 1u);
    EXPECT_EQ(raw->sent()[0].ifindex, 5u);
    const Bytes& frame = raw->sent()[0].bytes;
-   Ptr<Pkt> dhcp = Pkt::copyOf(Bytes(frame.begin() + 42, frame.end()));
+   const Codec::FrameLayout at = Codec::locateFrame(frame);
+   ASSERT_TRUE(at);
+   Ptr<Pkt> dhcp = Pkt::copyOf(Bytes(frame.begin() + at.payload, frame.end()));
    EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 6), Bytes(6, 0xff));
-   EXPECT_EQ(IpAddr((frame[26] << 24) | (frame[27] << 16) | (frame[28] << 8) | frame[29]),
-             ip(c.from));
+   EXPECT_EQ(ipAt(frame, at.l3 + Codec::Ipv4Layout::src), ip(c.from));
    EXPECT_EQ(getServerId(*dhcp), ip(c.serverId));
    EXPECT_EQ(opt82Of(*dhcp), c.leftOption);
    EXPECT_EQ(dhcp->data()[3], 1);
@@ -484,15 +491,6 @@ TEST_P(ReplyTest, OneReply) {
 
 INSTANTIATE_TEST_SUITE_P(RelayPaths, ReplyTest, testing::ValuesIn(kReplyCases),
                          [](const auto& info) { return std::string(info.param.name); });
-
-// Ones-complement sum of 16-bit words: 0xffff over data that holds its own valid checksum.
-uint16_t onesSum(const uint8_t* p, size_t n, uint32_t sum = 0) {
-   for (size_t i = 0; i < n; i += 2)
-      sum += (p[i] << 8) | (i + 1 < n ? p[i + 1] : 0);
-   while (sum >> 16)
-      sum = (sum & 0xffff) + (sum >> 16);
-   return static_cast<uint16_t>(sum);
-}
 
 // The frame's addresses by the broadcast flag and yiaddr, and both checksums.
 TEST_F(RelayPathsTest, ReplyFrames) {
@@ -515,11 +513,9 @@ TEST_F(RelayPathsTest, ReplyFrames) {
                 Bytes(c.dstMac.bytes().begin(), c.dstMac.bytes().end()));
       EXPECT_EQ(Bytes(f.begin() + 6, f.begin() + 12),
                 Bytes(kRelayMac.bytes().begin(), kRelayMac.bytes().end()));
-      EXPECT_EQ(IpAddr((f[30] << 24) | (f[31] << 16) | (f[32] << 8) | f[33]), ip(c.dstIp));
-      EXPECT_EQ(onesSum(&f[14], 20), 0xffff) << "IPv4 header checksum";
-      const size_t udpLen = f.size() - 34;
-      EXPECT_EQ(onesSum(&f[34], udpLen, onesSum(&f[26], 8) + 17 + uint32_t(udpLen)), 0xffff)
-          << "UDP checksum";
+      const Codec::FrameLayout at = Codec::locateFrame(f);
+      EXPECT_EQ(ipAt(f, at.l3 + Codec::Ipv4Layout::dst), ip(c.dstIp));
+      EXPECT_TRUE(Codec::frameChecksumsOk(f, at));
    }
    EXPECT_EQ(raw->sent().size(), 3u);
 }

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "codec/CaptureFilter.h"
 #include "frontend/control/ControlServer.h"
 #include "frontend/kernel/NamespaceWatcher.h"
 #include "platform/linux/Fd.h"
@@ -62,7 +63,7 @@ class ResourceTest : public TestNet::NetnsTest {
       return opened(pam);
    }
    std::shared_ptr<void> capture(const std::string& device, const std::string& ns) {
-      return opened(make<LinuxEthDevPam>(loop_, device, ns));
+      return opened(make<LinuxEthDevPam>(loop_, device, ns, Codec::dhcpCaptureFilter()));
    }
    template <class T>
    static std::shared_ptr<void> opened(Ptr<T> pam) {

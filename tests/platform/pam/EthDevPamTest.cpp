@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "codec/CaptureFilter.h"
 #include "platform/pam/EthDevTestPam.h"
 #include "platform/pam/LinuxEthDevPam.h"
 #include "tests/support/PacketTestNet.h"
@@ -70,7 +71,7 @@ class EthDevPamTest : public PacketTest::VethTest {
       VethTest::SetUp();
       if (IsSkipped() || HasFatalFailure())
          return;
-      pam_ = make<LinuxEthDevPam>(loop_, "a0", nsA_);
+      pam_ = make<LinuxEthDevPam>(loop_, "a0", nsA_, Codec::dhcpCaptureFilter());
       pam_->modeIs(EthDevPam::modeOpen);
       ASSERT_TRUE(pam_->active()) << pam_->error();
       peer_ = std::make_unique<PacketTest::PeerSocket>(loop_, nsB_, "b0");
@@ -181,7 +182,7 @@ TEST_F(EthDevPamTest, LeavesFramesWithTheKernelWhileTheQueueIsFull) {
 
 // Opening in a missing namespace fails closed as every socket does (ResourceTest).
 TEST_F(EthDevPamTest, ADeviceThatAppearsLaterOpensOnRetry) {
-   auto later = make<LinuxEthDevPam>(loop_, "c0", nsA_);
+   auto later = make<LinuxEthDevPam>(loop_, "c0", nsA_, Codec::dhcpCaptureFilter());
    later->modeIs(EthDevPam::modeOpen);
    EXPECT_FALSE(later->active());
    EXPECT_NE(later->error().find("c0"), std::string::npos) << later->error();

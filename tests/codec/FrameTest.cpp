@@ -1,0 +1,168 @@
+#include "codec/Frame.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <tuple>
+
+#include "tests/support/TestFrames.h"
+
+namespace Codec {
+namespace {
+
+using namespace Platform::TestFrames;
+using Platform::EthAddr;
+using Platform::Ip6Addr;
+using Platform::IpAddr;
+using Platform::Pkt;
+
+Bytes hex(std::string_view s) {
+   Bytes b;
+   for (size_t i = 0; i + 1 < s.size(); i += 2)
+      b.push_back(static_cast<uint8_t>(std::stoi(std::string(s.substr(i, 2)), nullptr, 16)));
+   return b;
+}
+
+Bytes bytesOf(const Pkt& pkt) {
+   return {pkt.span().begin(), pkt.span().end()};
+}
+
+// Crafted with scapy: Ether()/[Dot1Q()/]IP(id=0)/UDP()/payload, and the same over IPv6. The
+// second frame of each family has a payload that makes the computed UDP checksum 0, sent as
+// 0xffff. Our builders make no tagged frames (the first with IP options).
+const struct KnownGood {
+   bool ours;
+   const char *src, *dst;
+   uint16_t srcPort, dstPort;
+   size_t l3, udp;
+   const char* frame;
+} kKnownGood[] = {
+    {true, "10.0.0.1", "10.0.0.50", 67, 68, 14, 34,
+     "02000000000a02000000000b080045000021000000004011669a0a0000010a00003200430044000da34e6f66"
+     "666572"},
+    {true, "10.0.0.1", "255.255.255.255", 67, 68, 14, 34,
+     "02000000000a02000000000b08004500001e00000000401170cf0a000001ffffffff00430044000afffff552"},
+    {true, "fe80::1", "ff02::1:2", 547, 546, 14, 54,
+     "02000000000a02000000000b86dd6000000000111140fe800000000000000000000000000001ff0200000000"
+     "00000000000000010002022302220011e54d616476657274697365"},
+    {true, "fe80::1", "ff02::1:2", 547, 546, 14, 54,
+     "02000000000a02000000000b86dd60000000000a1140fe800000000000000000000000000001ff0200000000"
+     "0000000000000001000202230222000afffffe0d"},
+    {false, "10.1.2.1", "10.9.9.9", 67, 67, 18, 42,
+     "02000000000a02000000000b8100000a08004600002700070000101188ab0a0102010a090909010101000043"
+     "0043000f240a72656c61796564"},
+    {false, "fe80::b", "ff02::1:2", 546, 547, 18, 58,
+     "02000000000a02000000000b8100000a86dd60000000000f1101fe80000000000000000000000000000bff02"
+     "000000000000000000000001000202220223000f46b7736f6c69636974"},
+};
+
+// What our builder makes of a row's addresses and ports around `payload`; empty when refused,
+// which must leave the packet as it was.
+Bytes built(const KnownGood& c, const Bytes& payload) {
+   const EthAddr dst({0x02, 0, 0, 0, 0, 0x0a}), src({0x02, 0, 0, 0, 0, 0x0b});
+   auto pkt = Pkt::copyOf(payload, kUdp6FrameHeaders);
+   const auto ip4 = IpAddr::parse(c.src);
+   if (ip4 ? prependUdp4Frame(*pkt, {dst, src, *ip4, *IpAddr::parse(c.dst), c.srcPort, c.dstPort})
+           : prependUdp6Frame(*pkt, {dst, src, *Ip6Addr::parse(c.src), *Ip6Addr::parse(c.dst),
+                                     c.srcPort, c.dstPort}))
+      return bytesOf(*pkt);
+   EXPECT_EQ(bytesOf(*pkt), payload);
+   return {};
+}
+
+// Each frame located (link padding is no part of the datagram, a frame cut anywhere before
+// its end is too short), built up to the longest payload, and fixed after its payload was
+// edited in place: a byte shorter, five longer, then as it was.
+TEST(FrameTest, KnownGoodFramesLocateBuildAndFix) {
+   for (const KnownGood& c : kKnownGood) {
+      const Bytes frame = hex(c.frame);
+      for (const Bytes& f : {frame, frame + Bytes(18, 0)}) {
+         const FrameLayout at = locateFrame(f);
+         ASSERT_TRUE(at) << frameErrorText(at.error);
+         EXPECT_EQ(std::tuple(at.l3, at.udp, at.payload, at.datagramEnd(), at.srcPort, at.dstPort),
+                   std::tuple(c.l3, c.udp, c.udp + 8, frame.size(), c.srcPort, c.dstPort))
+             << c.frame;
+         EXPECT_TRUE(frameChecksumsOk(f, at));
+      }
+      for (size_t n = 0; n < frame.size(); ++n)
+         EXPECT_EQ(locateFrame(std::span(frame).first(n)).error, FrameError::tooShort) << n;
+
+      const FrameLayout at = locateFrame(frame);
+      const Bytes payload(frame.begin() + static_cast<ptrdiff_t>(at.payload), frame.end());
+      if (c.ours) {
+         EXPECT_EQ(built(c, payload), frame);
+         // IPv4's total length counts its own header and UDP's, IPv6's only UDP's.
+         const size_t longest = 0xffff - (at.ipv6 ? 8 : 28);
+         EXPECT_FALSE(built(c, Bytes(longest, 1)).empty());
+         EXPECT_TRUE(built(c, Bytes(longest + 1, 1)).empty());
+      }
+      auto pkt = Pkt::copyOf(frame);
+      for (size_t n : {payload.size() - 1, payload.size() + 5, payload.size()}) {
+         Bytes edited = payload;
+         edited.resize(n, '+');
+         pkt->shrinkTail(pkt->bytes() - at.payload);
+         pkt->growTail(n);
+         pkt->write(at.payload, edited);
+         ASSERT_TRUE(fixUdpFrame(pkt->span(), at));
+         const FrameLayout again = locateFrame(pkt->span());
+         EXPECT_EQ(again.payloadBytes, n);
+         EXPECT_TRUE(frameChecksumsOk(pkt->span(), again)) << c.frame << " " << n;
+      }
+      EXPECT_EQ(bytesOf(*pkt), frame);
+   }
+}
+
+Bytes with(Bytes frame, size_t off, uint16_t v, bool wide = true) {
+   if (wide)
+      frame[off++] = static_cast<uint8_t>(v >> 8);
+   frame[off] = static_cast<uint8_t>(v);
+   return frame;
+}
+
+TEST(FrameTest, JudgesBrokenFrames) {
+   const Bytes v4 = hex(kKnownGood[0].frame);  // IP total length 33, UDP length 13
+   const Bytes v6 = hex(kKnownGood[2].frame);  // payload and UDP length 17
+   constexpr size_t ip = EthLayout::header;
+   constexpr size_t udp4 = ip + Ipv4Layout::header, udp6 = ip + Ipv6Layout::header;
+   constexpr size_t ihl = ip + Ipv4Layout::versionIhl, total = ip + Ipv4Layout::totalLength;
+   constexpr size_t plen = ip + Ipv6Layout::payloadLength;
+   const struct {
+      const char* name;
+      Bytes frame;
+      FrameError error;
+      bool checksumsOk = false;
+   } cases[] = {
+       {"ARP", eth(0x0806) + ipv4(kUdp, 68, 67, 1), FrameError::notIp},
+       {"2 tags", eth(kIpv4, {0x8100000a, 0x8100000b}) + ipv4(kUdp, 68, 67, 1), FrameError::notIp},
+       {"v6 type, v4 packet", eth(kIpv6) + ipv4(kUdp, 68, 67, 1), FrameError::notIp},
+       {"v4 type, v6 packet", eth(kIpv4) + ipv6(kUdp, 546, 547, 1), FrameError::notIp},
+       {"TCP", eth(kIpv4) + ipv4(6, 68, 67, 1), FrameError::notUdp},
+       {"first fragment", eth(kIpv4) + ipv4(kUdp, 68, 67, 1, 0, 0x2000), FrameError::fragment},
+       {"later fragment", eth(kIpv4) + ipv4(kUdp, 68, 67, 1, 0, 0x0010), FrameError::fragment},
+       {"v6 fragment", eth(kIpv6) + ipv6(44, 546, 547, 1), FrameError::fragment},
+       {"v6 extension header", eth(kIpv6) + ipv6(0, 546, 547, 1), FrameError::notUdp},
+       {"IHL 4", with(v4, ihl, 0x44, false), FrameError::badHeaderLength},
+       {"IHL past total", with(v4, total, 19), FrameError::badHeaderLength},
+       {"no room for UDP", with(v4, total, 27), FrameError::badLength},
+       {"total past frame", with(v4, total, 34), FrameError::tooShort},
+       {"UDP shorter than IP", with(v4, udp4 + UdpLayout::length, 12), FrameError::badLength},
+       {"UDP longer than IP", with(v4, udp4 + UdpLayout::length, 14), FrameError::badLength},
+       {"jumbogram", with(v6, plen, 0), FrameError::badLength},
+       {"v6 payload past frame", with(v6, plen, 18), FrameError::tooShort},
+       {"UDP not v6 payload", with(v6, udp6 + UdpLayout::length, 16), FrameError::badLength},
+       {"v4 payload damaged", with(v4, v4.size() - 1, 'R', false), FrameError::none},
+       {"v4 TTL damaged", with(v4, ip + Ipv4Layout::ttl, 63, false), FrameError::none},
+       {"v4 without UDP checksum", with(v4, udp4 + UdpLayout::checksum, 0), FrameError::none, true},
+       {"v6 payload damaged", with(v6, v6.size() - 1, 'R', false), FrameError::none},
+       {"v6 without UDP checksum", with(v6, udp6 + UdpLayout::checksum, 0), FrameError::none},
+   };
+   for (const auto& c : cases) {
+      const FrameLayout at = locateFrame(c.frame);
+      EXPECT_EQ(at.error, c.error) << c.name;
+      EXPECT_EQ(frameChecksumsOk(c.frame, at), c.checksumsOk) << c.name;
+   }
+}
+
+}  // namespace
+}  // namespace Codec
