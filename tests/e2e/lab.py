@@ -504,18 +504,19 @@ class Lab:
         text = self.dns_log.read_text() if self.dns_log.exists() else ""
         return re.findall(rf"\S+ {re.escape(name)} is (\S+)", text)
 
-    def dhclient(self, timeout=10, until="BOUND"):
+    def dhclient(self, timeout=10, until="BOUND", extra=""):
         """Runs dhclient once in the client namespace; returns the Lease it bound, or
         None if none was bound within `timeout` seconds. The client keeps the
         address on its interface; call again for another DORA. With until="RENEW"
         dhclient runs on past BOUND until its first renewal (at the T1 the server
-        gave) and the Lease is the renewed one."""
+        gave) and the Lease is the renewed one. `extra` goes into dhclient.conf as
+        it is (e.g. "reject ADDRESS;" turns down the offers sent from ADDRESS)."""
         n = len(self.procs)
         result = self.dir / f"dhclient-{n}.result"
         conf = self.dir / f"dhclient-{n}.conf"
         # dhclient gives up after `timeout`; retry 1 keeps the DISCOVERs coming.
         conf.write_text(f"timeout {max(1, int(timeout))};\nretry 1;\ninitial-interval 1;\n"
-                        "request subnet-mask, routers, domain-name-servers;\n")
+                        "request subnet-mask, routers, domain-name-servers;\n" + extra)
         if not os.access(CLIENT_SCRIPT, os.X_OK):
             raise RuntimeError(f"{CLIENT_SCRIPT} is not executable")
         proc = self.spawn("client", [
