@@ -16,8 +16,8 @@ from scapy.all import BOOTP, IP, UDP, Ether, mac2str, wrpcap
 
 from conftest import Agent
 from lab import (CLIENT_DEV, RED_DEV, RED_IP, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_RED_DEV,
-                 RELAY_RED_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP, SERVER_BRIDGE, SERVER_IP, lab,
-                 run, wait_for)  # noqa: F401
+                 RELAY_RED_IP, RELAY_SECONDARY_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP, SERVER_BRIDGE,
+                 SERVER_IP, lab, run, wait_for)  # noqa: F401
 
 CLIENT_MAC = "02:00:00:00:0c:01"
 BOOTREQUEST = 1
@@ -300,3 +300,43 @@ def test_forged_cross_vrf_replies_never_reach_the_client(lab, tmp_path):  # noqa
     finally:
         assert a.stop() == 0
 
+
+def relayed_giaddrs(frames, mac=CLIENT_MAC):
+    """giaddr of each request the agent relayed for `mac`, in order."""
+    return [f[BOOTP].giaddr for f in frames
+            if BOOTP in f and f[BOOTP].op == BOOTREQUEST and f[BOOTP].chaddr[:6] == mac2str(mac)]
+
+
+def test_smart_relay_without_address_or_secondary_keeps_the_agent_up(lab, tmp_path):  # noqa: F811
+    """Smart relay on an interface with no IPv4 address, then with one secondary that
+    goes while a client is on it. No server answers, so the client moves on every
+    third DISCOVER wherever it can."""
+    lab.ip("relay", "addr", "del", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
+    a = start_agent(lab, tmp_path, smart_relay=True)
+
+    def warnings():
+        a.show("counters")  # publishes the status at once
+        return a.show("status")["interfaces"]["Ethernet1"]["warnings"]
+
+    def relayed(cap, count):
+        return relayed_giaddrs(wait_frames(cap, lambda p: len(relayed_giaddrs(p)) >= count,
+                                           f"{count} relayed requests", a))
+    try:
+        lab.send_discover(CLIENT_MAC, count=4)
+        wait_for(lambda: a.show("counters")["drops"]["noAddress"] == 4, 10,
+                 "four requests dropped for want of an address")
+        assert a.proc.poll() is None and warnings(), a.log_text()
+
+        lab.ip("relay", "addr", "add", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
+        lab.add_secondary()
+        wait_for(lambda: not warnings(), 10, "the secondary to end the warning")
+        with lab.capture("relay", RELAY_SERVER_DEV) as cap:
+            lab.send_discover(CLIENT_MAC, count=4)
+            assert relayed(cap, 4) == [RELAY_CLIENT_IP] * 3 + [RELAY_SECONDARY_IP]
+            lab.del_secondary()
+            wait_for(warnings, 10, "the warning for the last secondary gone")
+            lab.send_discover(CLIENT_MAC, count=4)
+            assert relayed(cap, 8)[4:] == [RELAY_CLIENT_IP] * 4
+        assert a.proc.poll() is None, a.log_text()
+    finally:
+        assert a.stop() == 0, a.log_text()
