@@ -12,6 +12,9 @@ that namespace; `red` is the namespace a cross-VRF server lives in.
 A dnsmasq in the server namespace (start_dns) can be the relay namespace's DNS
 server, for servers the agent knows by host name.
 
+Lab.insert_switch() puts an access switch (a namespace of its own) between the
+client and the relay, for option 82 that a first hop put in.
+
 The server side is one bridged link (the bridge lives in the server namespace),
 so both servers are one hop from the relay's Ethernet2 and the relay's view stays
 a plain veth.
@@ -54,6 +57,8 @@ SERVER_DEV = "s0"          # server's bridge port towards the relay
 SERVER_PEER_DEV = "s1"     # server's bridge port towards server2
 SERVER2_DEV = "s2"
 RED_DEV = "e0"
+SWITCH_DOWN_DEV = "w0"     # switch -> client     (Lab.insert_switch)
+SWITCH_UP_DEV = "w1"       # switch -> relay
 
 # Documentation ranges (RFC 5737); the relay's secondary client subnet is from the
 # benchmark range (RFC 2544), which is reserved for tests like this one too.
@@ -388,6 +393,27 @@ class Lab:
         self.ip("redvrf", "addr", "add", f"{RELAY_RED_IP}/24", "dev", RELAY_RED_DEV)
         self.ip("redvrf", "link", "set", RELAY_RED_DEV, "up")
 
+    def insert_switch(self, option82):
+        """Puts an access switch between the client and the relay (access_switch.py,
+        in namespace "switch") that adds `option82` (the option's value, bytes) to
+        every DHCP request of the client. The client keeps its device name; the
+        relay's Ethernet1 now faces the switch."""
+        self.ns["switch"] = self._make_ns("switch")
+        # The device keeps its peer (the relay's r0) when it moves, and goes down.
+        self.ip("client", "link", "set", CLIENT_DEV, "netns", self.ns["switch"])
+        self.ip("switch", "link", "set", CLIENT_DEV, "name", SWITCH_UP_DEV)
+        self.ip("switch", "link", "set", SWITCH_UP_DEV, "up")
+        self._veth("client", CLIENT_DEV, "switch", SWITCH_DOWN_DEV)
+        log = self.dir / "switch.log"
+        proc = self.spawn("switch", [PYTHON, HERE / "access_switch.py", SWITCH_DOWN_DEV,
+                                     SWITCH_UP_DEV, option82.hex()], log)
+
+        def ready():
+            if proc.poll() is not None:
+                raise RuntimeError(f"the switch exited: {log.read_text()}")
+            return "forwarding" in log.read_text()
+        wait_for(ready, 20, "the switch")
+
     def agent_config(self, path=None, global_relay=None, **relay_settings):
         """Writes the agent's YAML for this lab: Ethernet1 faces the client with
         `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-"; by
@@ -504,18 +530,19 @@ class Lab:
         text = self.dns_log.read_text() if self.dns_log.exists() else ""
         return re.findall(rf"\S+ {re.escape(name)} is (\S+)", text)
 
-    def dhclient(self, timeout=10, until="BOUND"):
+    def dhclient(self, timeout=10, until="BOUND", extra=""):
         """Runs dhclient once in the client namespace; returns the Lease it bound, or
         None if none was bound within `timeout` seconds. The client keeps the
         address on its interface; call again for another DORA. With until="RENEW"
         dhclient runs on past BOUND until its first renewal (at the T1 the server
-        gave) and the Lease is the renewed one."""
+        gave) and the Lease is the renewed one. `extra` goes into dhclient.conf as
+        it is (e.g. "reject ADDRESS;" turns down the offers sent from ADDRESS)."""
         n = len(self.procs)
         result = self.dir / f"dhclient-{n}.result"
         conf = self.dir / f"dhclient-{n}.conf"
         # dhclient gives up after `timeout`; retry 1 keeps the DISCOVERs coming.
         conf.write_text(f"timeout {max(1, int(timeout))};\nretry 1;\ninitial-interval 1;\n"
-                        "request subnet-mask, routers, domain-name-servers;\n")
+                        "request subnet-mask, routers, domain-name-servers;\n" + extra)
         if not os.access(CLIENT_SCRIPT, os.X_OK):
             raise RuntimeError(f"{CLIENT_SCRIPT} is not executable")
         proc = self.spawn("client", [

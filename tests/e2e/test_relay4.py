@@ -1,17 +1,28 @@
 """DHCPv4 relayed by the agent between a real ISC dhclient and real ISC dhcpd servers,
 in the lab's namespaces (see lab.py)."""
 
+from dataclasses import dataclass
+
+import pytest
+
+import lab as L
 from conftest import Agent
-from lab import dhcp_type as lab_dhcp_type
 from lab import lab  # noqa: F401  (fixture)
+from test_relay4_vrf import NO_PING
 
 CLIENT_RANGE = "192.0.2."
-DHCPDISCOVER = 1
-DHCPOFFER = 2
+DHCPDISCOVER, OFFER, ACK = 1, 2, 5
 
 
 def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
     return Agent(tmp_path, lab.agent_config(**relay_settings), lab.ns["relay"])
+
+
+def agent_info(frame):
+    """The value of a frame's option 82, or None."""
+    from scapy.layers.dhcp import DHCP
+    return dict(o for o in frame[DHCP].options if isinstance(o, tuple)).get(
+        "relay_agent_information")
 
 
 def test_same_vrf_relay_to_two_servers(lab, tmp_path):  # noqa: F811
@@ -35,20 +46,66 @@ def test_same_vrf_relay_to_two_servers(lab, tmp_path):  # noqa: F811
         assert a.stop() == 0
 
 
-def test_option_82_reaches_the_server_and_never_the_client(lab, tmp_path):  # noqa: F811
-    server = lab.start_dhcpd("server")
-    a = start_agent(lab, tmp_path, information_option=True, circuit_id="rack4-port1")
+# What an access switch between the client and the relay puts in: circuit-id and
+# remote-id (lab.insert_switch).
+SWITCH_82 = bytes([1, 7]) + b"sw1-p07" + bytes([2, 6]) + b"sw1-id"
+AT_RED = {"address": L.RED_IP, "vrf": "red"}
+FROM_ETHERNET3 = {"address": L.RED_IP, "source-interface": "Ethernet3"}
+LOCATED = (L.RELAY_CLIENT_IP, "192.0.2.0")  # override address and link selection
+
+
+@dataclass
+class Case:
+    switch: bool
+    settings: dict      # Ethernet1's, besides information-option: true
+    server: tuple       # what dhcpd saw: circuit-id, remote-id, VRF, override, link; None: nothing
+    down: bytes = None  # the option 82 the replies carry on the client link
+
+
+OPTION_82 = {
+    "own-option": Case(False, {"circuit_id": "rack4-port1"},
+                       (b"rack4-port1", None, None, None, None)),
+    "untrusted-first-hop": Case(True, {}, None),
+    "kept-across-vrfs": Case(True, {"information_option_policy": "keep", "servers": [AT_RED]},
+                             (b"sw1-p07", b"sw1-id", b"\0default", *LOCATED), SWITCH_82),
+    "kept-from-a-source-interface": Case(
+        True, {"information_option_policy": "keep", "servers": [FROM_ETHERNET3]},
+        (b"sw1-p07", b"sw1-id", None, *LOCATED), SWITCH_82),
+    "replaced-across-vrfs": Case(
+        True, {"information_option_policy": "replace", "servers": [AT_RED]},
+        (b"Ethernet1", None, b"\0default", *LOCATED)),
+}
+
+
+@pytest.mark.parametrize("case", OPTION_82.values(), ids=OPTION_82.keys())
+def test_option_82_up_to_the_server_and_back(lab, tmp_path, case):  # noqa: F811
+    """The relay's own option 82, or an access switch's (giaddr zero, option present):
+    refused by default, kept (with the relay's locating sub-options merged in, and
+    only those taken out of the replies) or replaced. A cross-VRF server or a source
+    interface needs the locating sub-options on the copy."""
+    if case.switch:
+        lab.insert_switch(SWITCH_82)
+    servers = case.settings.get("servers", [])
+    if AT_RED in servers:
+        lab.split_red_vrf()
+    d = lab.start_dhcpd("red" if servers else "server", extra=NO_PING)
+    a = start_agent(lab, tmp_path, information_option=True, **case.settings)
     try:
-        with lab.capture("client", "c0") as cap:
-            lease = lab.dhclient(timeout=20)
-            assert lease is not None, a.log_text()
+        with lab.capture("client", L.CLIENT_DEV) as cap:
+            lease = lab.dhclient(timeout=10 if case.server else 3)
             frames = cap.stop()
-        seen = [s for s in server.seen() if s.circuit_id]
-        assert seen and seen[0].circuit_id == b"rack4-port1", server.log_text()
-        # Nothing the client received carries the relay's option 82.
-        offers = [p for p in frames if lab_dhcp_type(p) == DHCPOFFER]
-        assert offers, "\n".join(p.summary() for p in frames)
-        for frame in frames:
-            assert b"rack4-port1" not in bytes(frame)
+        if case.server is None:
+            assert lease is None and "DHCPDISCOVER" not in d.log_text(), d.log_text()
+            shown = a.show("counters")
+            untrusted = shown["counters"]["totalRequestsReceived"]
+            assert untrusted and {k: n for k, n in shown["drops"].items() if n} == \
+                {"option82Untrusted": untrusted}, shown
+            return
+        assert lease is not None, (a.log_text(), d.log_text())
+        seen = d.seen()
+        assert seen and all((s.circuit_id, s.remote_id, s.vss, s.server_id_override,
+                             s.link_selection) == case.server for s in seen), seen
+        replies = [f for f in frames if L.dhcp_type(f) in (OFFER, ACK)]
+        assert {agent_info(f) for f in replies} == {case.down}, [f.summary() for f in replies]
     finally:
         assert a.stop() == 0

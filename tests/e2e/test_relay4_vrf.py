@@ -4,16 +4,21 @@ agent's counters checked against what the client link carried."""
 
 import ipaddress
 import json
+from dataclasses import dataclass
+
+import pytest
 
 import lab as L
 from conftest import Agent
 from lab import lab  # noqa: F401  (fixture)
 
-DISCOVER, REQUEST, ACK = 1, 3, 5
+DISCOVER, OFFER, REQUEST, ACK = 1, 2, 3, 5
 # dhcpd pings an address for a second before it offers it and ignores the client's
 # DISCOVERs meanwhile; without that every request the relay sends is answered and
 # logged.
 NO_PING = "ping-check false;\n"
+# A renewal two seconds after binding (T1) lets a real dhclient renew within the test.
+RENEW_SOON = "option dhcp-renewal-time 2;\n"
 
 
 def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
@@ -63,8 +68,7 @@ def test_cross_vrf_lease_and_unicast_renewal(lab, tmp_path):  # noqa: F811
     option 82, and renews by unicast to the relay, which takes the renewal to the
     server it learned from the lease."""
     lab.split_red_vrf()
-    # A renewal two seconds after binding (T1) lets a real dhclient renew within the test.
-    red = lab.start_dhcpd("red", extra=NO_PING + "option dhcp-renewal-time 2;\n")
+    red = lab.start_dhcpd("red", extra=NO_PING + RENEW_SOON)
     a = start_agent(lab, tmp_path, information_option=True,
                     servers=[{"address": L.RED_IP, "vrf": "red"}])
     try:
@@ -109,44 +113,70 @@ def test_cross_vrf_lease_and_unicast_renewal(lab, tmp_path):  # noqa: F811
         assert a.stop() == 0
 
 
-def test_servers_relayed_from_a_source_address_and_a_source_interface(lab, tmp_path):  # noqa: F811
-    """A source address becomes giaddr as it is; a source interface lends its address
-    and the client's subnet goes along as link selection, on that copy only."""
+@dataclass
+class Copy:
+    """One server entry and the copy it gets: from `giaddr`, located (link selection
+    and the override address) or not."""
+    role: str
+    server: dict
+    giaddr: str
+    located: bool
+
+
+FROM_ETHERNET3 = Copy("server", {"address": L.SERVER_IP, "source-interface": "Ethernet3"},
+                      L.RELAY_RED_IP, True)
+SOURCES = {
+    "source-interface": [FROM_ETHERNET3],
+    "source-address": [Copy("server", {"address": L.SERVER_IP, "source-address": L.RELAY_SERVER_IP},
+                            L.RELAY_SERVER_IP, True)],
+    # The located copy goes out first (keys in address order): a sub-option left over
+    # from it would show in server2's copy. A secondary of the client's own interface
+    # needs no locating: the reply finds the client by giaddr.
+    "with-own-secondary": [FROM_ETHERNET3,
+                           Copy("server2", {"address": L.SERVER2_IP,
+                                            "source-address": L.RELAY_SECONDARY_IP},
+                                L.RELAY_SECONDARY_IP, False)],
+}
+
+
+@pytest.mark.parametrize("copies", SOURCES.values(), ids=SOURCES.keys())
+def test_lease_and_renewal_from_a_source_interface_or_address(lab, tmp_path, copies):  # noqa: F811
+    """The first server is relayed from another interface's address: the client leases
+    from it with the relay for its server and renews by unicast to the relay, which
+    forwards the renewal by the client's binding. Any other server's offer reaches the
+    client too (dhclient turns server2's down)."""
     lab.add_secondary()
-    # The server namespace has no route to Ethernet3's subnet, so what `server` sends to
-    # that giaddr goes nowhere and the lease comes from server2, in the secondary subnet.
-    server = lab.start_dhcpd("server", extra=NO_PING)
-    server2 = lab.start_dhcpd("server2", second_pool=True, extra=NO_PING)
-    # Server keys are ordered by address: the copy with link selection goes out
-    # first, so a sub-option left over from it would show in the second copy.
-    a = start_agent(lab, tmp_path, information_option=True, servers=[
-        {"address": L.SERVER_IP, "source-interface": "Ethernet3"},
-        {"address": L.SERVER2_IP, "source-address": L.RELAY_SECONDARY_IP}])
+    lab.ip("server", "route", "add", L.RED_NET, "via", L.RELAY_SERVER_IP)
+    dhcpd = {c.role: lab.start_dhcpd(c.role, second_pool=True, extra=NO_PING + RENEW_SOON)
+             for c in copies}
+    a = start_agent(lab, tmp_path, information_option=True, servers=[c.server for c in copies])
     try:
         with lab.capture("client", L.CLIENT_DEV) as cap:
-            lease = lab.dhclient(timeout=20)
+            # dhclient rejects by the offer's source: server2's comes from its giaddr.
+            renewed = lab.dhclient(timeout=20, until="RENEW",
+                                   extra=f"reject {L.RELAY_SECONDARY_IP};\n")
             frames = client_link(cap.stop(), client_mac(lab))
-        assert lease is not None, (a.log_text(), server2.log_text())
-        assert in_pool(lease.ip, "server2", L.SECONDARY_NET) and lease.server == L.SERVER2_IP
+        assert renewed is not None, (a.log_text(), [d.log_text() for d in dhcpd.values()])
+        v, first = renewed.vars, copies[0]
+        assert in_pool(v["new_ip_address"], first.role)
+        assert v["old_ip_address"] == v["new_ip_address"]
+        assert v["old_dhcp_server_identifier"] == v["new_dhcp_server_identifier"] == \
+            L.RELAY_CLIENT_IP
+        assert dhcpd[first.role].acks() == [(v["new_ip_address"], first.giaddr)] * 2
 
-        requests = [t for op, t, f in frames if op == 1]
-        assert requests and requests[0] == DISCOVER and requests[-1] == REQUEST
-        for d, giaddr, link in ((server, L.RELAY_RED_IP, "192.0.2.0"),
-                                (server2, L.RELAY_SECONDARY_IP, None)):
-            # Every request reached both servers, each with its own giaddr. The client
-            # bound on server2's ACK, which may come before `server` logs the request.
-            try:
-                L.wait_for(lambda: len(d.seen()) >= len(requests), 5, f"{d.role} to log")
-            except TimeoutError:
-                pass
-            seen = d.seen()
-            assert [s.msg_type for s in seen] == requests, d.log_text()
+        from scapy.layers.dhcp import BOOTP
+        offered = [f[BOOTP].yiaddr for op, t, f in frames if t == OFFER]
+        for c in copies:
+            link = "192.0.2.0" if c.located else None
+            override = L.RELAY_CLIENT_IP if c.located else None
+            seen = dhcpd[c.role].seen()
+            assert seen, dhcpd[c.role].log_text()
             for s in seen:
-                assert (s.giaddr, s.circuit_id, s.link_selection, s.vss) == \
-                    (giaddr, b"Ethernet1", link, None), (d.role, s)
-
-        # The secondary address is the client interface's own, so it is not counted
-        # as outside its subnets; a source interface's copy is not classified.
-        assert_counters(a, len(requests), 2 * len(requests), sum(op == 2 for op, t, f in frames))
+                assert (s.giaddr, s.circuit_id, s.link_selection, s.server_id_override, s.vss) == \
+                    (c.giaddr, b"Ethernet1", link, override, None), (c.role, s)
+            net = L.CLIENT_NET if c.located else L.SECONDARY_NET
+            assert any(in_pool(ip, c.role, net) for ip in offered), (c.role, offered)
+        a.show("counters")  # publishes the status at once
+        assert a.show("status")["numClientBindings"] == 1
     finally:
         assert a.stop() == 0
