@@ -23,8 +23,8 @@ a plain veth.
 it is safe to call twice and after a half-built lab.
 
 Run as a program, this module drives a lab from a shell (scripts/lab.sh):
-    lab.py --prefix P --dir D up | dhcpd ROLE [--second-pool]
-                                 | client [--timeout S] | agent-config | down
+    lab.py --prefix P --dir D up | dhcpd ROLE | client [--timeout S] | agent-config
+                                 | names | down
 """
 
 import argparse
@@ -66,8 +66,6 @@ CLIENT_NET = "192.0.2.0/24"
 RELAY_CLIENT_IP = "192.0.2.1"
 SECONDARY_NET = "198.18.0.0/24"
 RELAY_SECONDARY_IP = "198.18.0.1"
-SECONDARY2_NET = "198.18.1.0/24"   # a second secondary (add_secondary)
-RELAY_SECONDARY2_IP = "198.18.1.1"
 SERVER_NET = "198.51.100.0/24"
 RELAY_SERVER_IP = "198.51.100.1"
 SERVER_IP = "198.51.100.2"
@@ -81,10 +79,7 @@ POOLS = {
     "server": {CLIENT_NET: ("192.0.2.100", "192.0.2.149"),
                SECONDARY_NET: ("198.18.0.100", "198.18.0.149")},
     "server2": {CLIENT_NET: ("192.0.2.150", "192.0.2.199"),
-                SECONDARY_NET: ("198.18.0.150", "198.18.0.199"),
-                SECONDARY2_NET: ("198.18.1.150", "198.18.1.199")},
-    # dhcpd on the client link itself (no relay): the lab's self-check.
-    "direct": {CLIENT_NET: ("192.0.2.200", "192.0.2.249")},
+                SECONDARY_NET: ("198.18.0.150", "198.18.0.199")},
     # dhcpd in red, reached across VRFs (see Lab.split_red_vrf).
     "red": {CLIENT_NET: ("192.0.2.50", "192.0.2.99")},
 }
@@ -238,16 +233,16 @@ class Capture:
     """tcpdump on one device of one namespace, written to a pcap file and read back
     with scapy once stopped."""
 
-    def __init__(self, lab, ns, dev, bpf, promisc):
+    def __init__(self, lab, ns, dev):
         self.pcap = lab.dir / f"cap-{ns}-{dev}-{len(lab.procs)}.pcap"
         self.log = self.pcap.with_suffix(".log")
         # -U and --immediate-mode write each packet as it comes (without the latter,
-        # packets wait in the kernel ring block and stop() loses them). -p by default:
-        # a promiscuous bridge device hands every frame it forwards up to the local
-        # stack, where dhcpd's packet socket would answer packets meant for others.
-        argv = [lab.binary("/usr/bin/tcpdump"), "-i", dev, "-n", "-U", "--immediate-mode",
-                "-w", self.pcap]
-        self.proc = lab.spawn(ns, argv + ([] if promisc else ["-p"]) + bpf.split(), self.log)
+        # packets wait in the kernel ring block and stop() loses them). -p: a promiscuous
+        # bridge device hands every frame it forwards up to the local stack, where
+        # dhcpd's packet socket would answer packets meant for others.
+        self.proc = lab.spawn(ns, [lab.binary("/usr/bin/tcpdump"), "-i", dev, "-n", "-U",
+                                   "--immediate-mode", "-p", "-w", self.pcap,
+                                   "udp", "port", "67", "or", "udp", "port", "68"], self.log)
         wait_for(self._ready, 10, f"tcpdump on {ns}/{dev}")
 
     def _ready(self):
@@ -372,15 +367,13 @@ class Lab:
         self.ip("red", "route", "add", "default", "via", RELAY_RED_IP)
         run("ip", "netns", "exec", self.ns["relay"], "sysctl", "-qw", "net.ipv4.ip_forward=1")
 
-    def add_secondary(self, cidr=SECONDARY_NET):
-        """A secondary address of the relay on the client link (smart relay, giaddr
-        rotation): the subnet's first host, which the servers route to via the relay."""
-        self.ip("relay", "addr", "add", f"{_router(cidr)}/24", "dev", RELAY_CLIENT_DEV)
-        for role in ("server", "server2"):
-            self.ip(role, "route", "replace", cidr, "via", RELAY_SERVER_IP)
+    def add_secondary(self):
+        """The relay's secondary address on the client link (smart relay, giaddr
+        rotation); the servers already route its subnet via the relay."""
+        self.ip("relay", "addr", "add", f"{RELAY_SECONDARY_IP}/24", "dev", RELAY_CLIENT_DEV)
 
-    def del_secondary(self, cidr=SECONDARY_NET):
-        self.ip("relay", "addr", "del", f"{_router(cidr)}/24", "dev", RELAY_CLIENT_DEV)
+    def del_secondary(self):
+        self.ip("relay", "addr", "del", f"{RELAY_SECONDARY_IP}/24", "dev", RELAY_CLIENT_DEV)
 
     def split_red_vrf(self):
         """Moves the relay's red-side device (Ethernet3) into a namespace of its own,
@@ -469,9 +462,8 @@ class Lab:
         return proc
 
     def start_dhcpd(self, role="server", second_pool=False, extra="", only=None):
-        """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, "red"
-        behind the relay's Ethernet3, or "direct" on the relay namespace's client link
-        (no relay in between). `extra` goes into dhcpd.conf as it is. `only` lists the
+        """dhcpd in `role`'s namespace: "server"/"server2" behind the relay, or "red"
+        behind the relay's Ethernet3. `extra` goes into dhcpd.conf as it is. `only` lists the
         client subnets it serves (its pools of POOLS); it then knows no other client
         subnet, so it ignores requests relayed from any other giaddr."""
         subnets = Dhcpd.ALL_SUBNETS
@@ -481,8 +473,8 @@ class Lab:
         else:
             pools = {cidr: r for cidr, r in POOLS[role].items()
                      if cidr == CLIENT_NET or (second_pool and cidr == SECONDARY_NET)}
-        ns, dev = {"direct": ("relay", RELAY_CLIENT_DEV), "server": ("server", SERVER_BRIDGE),
-                   "server2": ("server2", SERVER2_DEV), "red": ("red", RED_DEV)}[role]
+        ns, dev = {"server": ("server", SERVER_BRIDGE), "server2": ("server2", SERVER2_DEV),
+                   "red": ("red", RED_DEV)}[role]
         return Dhcpd(self, role, self.ns[ns], dev, pools, extra, subnets)
 
     def start_dns(self, records, ttl=5):
@@ -582,11 +574,10 @@ class Lab:
             raise RuntimeError(f"scapy in {role} failed:\n{res.stderr}")
         return res.stdout
 
-    def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, options=(), count=1):
+    def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, count=1):
         """`count` broadcast DHCPDISCOVERs from the client namespace, one after the
-        other; `options` are extra scapy DHCP options, e.g.
-        [("relay_agent_information", b"...")]."""
-        opts = [("message-type", "discover"), *options, "end"]
+        other."""
+        opts = [("message-type", "discover"), "end"]
         self.scapy("client", f"""
             p = (Ether(src={mac!r}, dst="ff:ff:ff:ff:ff:ff") /
                  IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
@@ -594,10 +585,10 @@ class Lab:
             sendp(p, iface={CLIENT_DEV!r}, count={count})
             """)
 
-    def capture(self, role, dev, bpf="udp port 67 or udp port 68", promisc=False):
-        """Starts capturing what `dev` receives and sends;
+    def capture(self, role, dev):
+        """Starts capturing the DHCP that `dev` receives and sends;
         `with lab.capture(...) as cap: ...; pkts = cap.stop()` (or cap.wait(...))."""
-        return Capture(self, self.ns[role], dev, bpf, promisc)
+        return Capture(self, self.ns[role], dev)
 
     def _stop(self, proc):
         if proc.poll() is None:
@@ -680,7 +671,6 @@ def main(argv):
     sub.add_parser("up")
     d = sub.add_parser("dhcpd")
     d.add_argument("role", choices=sorted(POOLS))
-    d.add_argument("--second-pool", action="store_true")
     c = sub.add_parser("client")
     c.add_argument("--timeout", type=int, default=10)
     sub.add_parser("agent-config")
@@ -691,7 +681,7 @@ def main(argv):
     lab = Lab(args.dir, prefix=args.prefix, build=args.step == "up")
     if args.step == "dhcpd":
         # Outlives this process; `down` stops it with everything else in the lab.
-        d = lab.start_dhcpd(args.role, second_pool=args.second_pool)
+        d = lab.start_dhcpd(args.role)
         print(f"dhcpd ({args.role}) serving in {d.ns}; log {d.log}")
     elif args.step == "client":
         lease = lab.dhclient(args.timeout)

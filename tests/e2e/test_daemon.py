@@ -1,9 +1,8 @@
 """The daemon as an operator runs it: check a file, start on it, inspect it with
-dhcp-relay-ctl, reload it with a changed and then a broken file, stop it."""
+dhcp-relay-ctl, reload it with a changed and then a broken file, stop it. The control
+protocol's own errors are ControlServerTest's, the kernel view test_kernel_view's."""
 
-import json
 import signal
-import socket
 import textwrap
 
 from conftest import AGENT, EXAMPLE, run
@@ -70,12 +69,7 @@ def test_show_clear_reload_and_stop(tmp_path, netns, agent):
     text = a.ctl("show", "config").stdout
     assert "Ethernet1" in text and "198.51.100.7" in text
 
-    vrfs = {v["vrf"]: v for v in a.show("vrfs")}
-    assert vrfs["default"]["active"] is True
-    assert vrfs["red"]["namespace"] == red and vrfs["red"]["active"] is True
-    intfs = {v["vrf"]: v for v in a.show("interfaces")["vrfs"]}
-    assert [i["device"] for i in intfs["red"]["interfaces"]] == ["lo"]
-    assert any(i["device"] == "lo" for i in intfs["default"]["interfaces"])
+    assert {v["vrf"]: v["namespace"] for v in a.show("vrfs")}["red"] == red
 
     # Asking for counters publishes them at once; clearing them is stamped.
     assert a.show("status")["counters"]["totalRequestsReceived"] == 0
@@ -86,15 +80,6 @@ def test_show_clear_reload_and_stop(tmp_path, netns, agent):
     assert a.show("counters")["lastResetAllTime"] > 0
     res = a.ctl("clear", "counters", "Ethernet9", check=False)
     assert res.returncode == 1 and "Ethernet9" in res.stderr
-
-    # Malformed requests get an error reply; the agent keeps serving.
-    for junk in [b"this is not json\n", b"[1, 2]\n", b'{"cmd": "launch"}\n', b"\xff\xfe\n"]:
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(5)
-            s.connect(str(a.socket))
-            s.sendall(junk)
-            reply = json.loads(s.makefile().readline())
-            assert reply["ok"] is False and reply["error"], junk
 
     # A good change is applied on SIGHUP.
     write(cfg, relay_config(red, dscp=10, more="  Ethernet2: {servers: [{address: 192.0.2.20}]}\n"))
