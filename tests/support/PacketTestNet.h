@@ -52,6 +52,7 @@ class PeerSocket {
    bool received(const Bytes& frame) const {
       return std::find(frames_.begin(), frames_.end(), frame) != frames_.end();
    }
+   const std::vector<Bytes>& frames() const { return frames_; }
 
  private:
    void handleReadable() {
