@@ -30,11 +30,6 @@ VrfHostnameSrcIntfSrcIp named(const char* vrf, const char* srcIntf = "") {
    return {VrfName(vrf), "dhcp.example", *srcIntf ? IntfId(srcIntf) : IntfId(), {}};
 }
 
-void expectTraced(const TraceCapture& trace, std::initializer_list<const char*> texts) {
-   for (const char* text : texts)
-      EXPECT_TRUE(trace.contains(text)) << text;
-}
-
 class DhcpRelayServerIpSmTest : public testing::Test {
  protected:
    void SetUp() override { sm_->handleInitialized(); }
@@ -85,33 +80,30 @@ class DhcpRelayServerIpSmTest : public testing::Test {
    const VrfIpSrcIntfSrcIp a_ = server("default", "10.0.0.1");
 };
 
-TEST_F(DhcpRelayServerIpSmTest, InterfacesNamingAHostShareOneRequest) {
-   TraceCapture trace;
+// Every entry naming the host counts once in its request; an interface leaves the name's
+// index, and the name stops being asked for, only with its last entry naming it.
+TEST_F(DhcpRelayServerIpSmTest, EntriesNamingAHostShareOneRequest) {
    intf(vlan10_)->serverHostnameIs(named("default"), true);
+   intf(vlan10_)->serverHostnameIs(named("red", "Loopback0"), true);
    intf(vlan20_)->serverHostnameIs(named("red"), true);
-   EXPECT_EQ(requests_->request(dhcp_), 2u);
+   EXPECT_EQ(requests_->request(dhcp_), 3u);
    EXPECT_EQ(namers(), (std::set<IntfId>{vlan10_, vlan20_}));
    // No record yet: the name contributes no server.
    EXPECT_EQ(servers(vlan10_), "");
    EXPECT_TRUE(sm_->intfServerIpNamelookSm().empty());
 
    intf(vlan10_)->serverHostnameDel(named("default"));
+   EXPECT_EQ(requests_->request(dhcp_), 2u);
+   EXPECT_EQ(namers(), (std::set<IntfId>{vlan10_, vlan20_}));
+   intf(vlan10_)->serverHostnameDel(named("red", "Loopback0"));
    EXPECT_EQ(requests_->request(dhcp_), 1u);
    EXPECT_EQ(namers(), (std::set<IntfId>{vlan20_}));
-   EXPECT_FALSE(trace.contains(" removing hostnameIntfColl"));
-
    intf(vlan20_)->serverHostnameDel(named("red"));
    EXPECT_TRUE(requests_->request().empty());
    EXPECT_FALSE(hostnames_->hostnameToIntfName(dhcp_));
-   expectTraced(trace,
-                {"handleServerHostname(const Ip::Helper::DhcpRelay::VrfHostnameSrcIntfSrcIp&)"
-                 "Adding dhcp.example to Namelook: Reference count = 2",
-                 ")dhcp.example: Reference count = 1", " removing hostnameIntfColl",
-                 "Removing dhcp.example from Namelook."});
 }
 
 TEST_F(DhcpRelayServerIpSmTest, ServersFollowTheAddressesOfTheRecord) {
-   TraceCapture trace;
    intf(vlan10_)->serverHostnameIs(named("red", "Loopback0"), true);
    intf(vlan20_)->serverHostnameIs(named("default"), true);
    Ptr<ResolutionRecord> record = resolve({"10.0.0.1", "10.0.0.2"});
@@ -133,14 +125,11 @@ TEST_F(DhcpRelayServerIpSmTest, ServersFollowTheAddressesOfTheRecord) {
    intf(vlan30_)->serverHostnameDel(named("default"));
    EXPECT_EQ(servers(vlan30_), "");
    EXPECT_EQ(servers(vlan20_), vlan20Both);
-   expectTraced(trace, {"dhcp.example with ip 10.0.0.2 configured in vrf red",
-                        " record exists for dhcp.example"});
 }
 
 // A server stays while any source names it: an address configured and the same address
 // resolved from a host name count twice; other source overrides are other servers.
 TEST_F(DhcpRelayServerIpSmTest, AServerStaysUntilItsLastSourceGoes) {
-   TraceCapture trace;
    resolve({"10.0.0.1"});
    Ptr<IntfConfig> vlan10 = intf(vlan10_);
    vlan10->serverIpIs(a_, true);
@@ -152,12 +141,8 @@ TEST_F(DhcpRelayServerIpSmTest, AServerStaysUntilItsLastSourceGoes) {
 
    vlan10->serverIpDel(a_);
    EXPECT_EQ(dir_->drIntfServerIp(vlan10_)->serverIp(a_), 1u);
-   EXPECT_FALSE(trace.contains(" Deleting "));
    vlan10->serverHostnameDel(named("default"));
    EXPECT_EQ(servers(vlan10_), "default 10.0.0.1 from 10.9.9.9, default 10.0.0.1 via Loopback0");
-   expectTraced(trace, {" Adding vrf=default ip=10.0.0.1 srcIntf= srcIp= to Vlan10 serverIp: "
-                        "Reference count = 2",
-                        " Deleting vrf=default ip=10.0.0.1 srcIntf= srcIp= serverIp Vlan10"});
 
    // Removing what was never added wraps the count, also through an entry set to false.
    intfServerIpDec(dir_->drIntfServerIp(vlan10_), a_);
@@ -167,7 +152,6 @@ TEST_F(DhcpRelayServerIpSmTest, AServerStaysUntilItsLastSourceGoes) {
 }
 
 TEST_F(DhcpRelayServerIpSmTest, TheResolvingMachineLivesWhileANameHasBothNamersAndARecord) {
-   TraceCapture trace;
    Ptr<IntfConfig> vlan10 = intf(vlan10_);
    vlan10->serverHostnameIs(named("default"), true);
    resolve({"10.0.0.1"});
@@ -176,8 +160,6 @@ TEST_F(DhcpRelayServerIpSmTest, TheResolvingMachineLivesWhileANameHasBothNamersA
    vlan10->serverHostnameDel(named("default"));
    EXPECT_FALSE(sm_->intfServerIpNamelookSm().contains(dhcp_));
    EXPECT_EQ(servers(vlan10_), "");
-   expectTraced(trace, {" Adding dhcp.example serverIpNamelookSm",
-                        " Removing dhcp.example serverIpNamelookSm"});
 
    // A record replaced by a new one is followed from the new one on. The resolver empties a
    // record before deleting it: deleting the machine withdraws nothing.
@@ -194,7 +176,6 @@ TEST_F(DhcpRelayServerIpSmTest, TheResolvingMachineLivesWhileANameHasBothNamersA
 // Leaving takes the server set whole, without counting it down entry by entry first, and
 // gives back the interface's requests; the other namers keep theirs.
 TEST_F(DhcpRelayServerIpSmTest, AnInterfaceLeavingTakesItsServerSetAndRequestsAtOnce) {
-   TraceCapture trace;
    intf(vlan10_)->serverHostnameIs(named("default"), true);
    intf(vlan10_)->serverIpIs(server("red", "10.0.0.9"), true);
    intf(vlan20_)->serverHostnameIs(named("default"), true);
@@ -229,7 +210,6 @@ TEST_F(DhcpRelayServerIpSmTest, AnInterfaceLeavingTakesItsServerSetAndRequestsAt
    // A namer without configuration is skipped, and gets no server set.
    hostnames_->hostnameToIntfName(dhcp_)->intfIdCollIs(vlan30_);
    resolve({"10.0.0.4"});
-   EXPECT_TRUE(trace.contains(")No intf config forVlan30"));
    EXPECT_FALSE(dir_->drIntfServerIp(vlan30_));
    EXPECT_EQ(servers(vlan10_), "default 10.0.0.2, default 10.0.0.4");
 }
@@ -278,20 +258,6 @@ TEST_F(DhcpRelayServerIpSmTest, TeardownChangesNothingAndFiresNoAssertion) {
 
 TEST_F(DhcpRelayServerIpSmTest, RemovingANameNoInterfaceListsIsABrokenInvariant) {
    EXPECT_DEATH(intf(vlan10_)->serverHostnameIs(named("default"), false), "hostnameIntfColl");
-}
-
-// One interface may name a host twice (another VRF or source): it leaves the name's index,
-// and the name stops being asked for, only once neither entry names it.
-TEST_F(DhcpRelayServerIpSmTest, TwoEntriesNamingOneHostLeaveTheIndexWithTheLast) {
-   intf(vlan10_)->serverHostnameIs(named("default"), true);
-   intf(vlan10_)->serverHostnameIs(named("red"), true);
-   intf(vlan10_)->serverHostnameDel(named("default"));
-   EXPECT_EQ(namers(), std::set<IntfId>{vlan10_});
-   resolve({"10.0.0.5"});
-   EXPECT_EQ(servers(vlan10_), "red 10.0.0.5");
-   intf(vlan10_)->serverHostnameDel(named("red"));
-   EXPECT_TRUE(namers().empty());
-   EXPECT_EQ(requests_->request(dhcp_), 0u);
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ namespace {
 
 using Platform::IntfId;
 using Platform::make;
-using Platform::TraceCapture;
 using Platform::VrfName;
 
 VrfIpSrcIntfSrcIp server(const char* vrf, const char* ip, const char* srcIntf = "") {
@@ -74,14 +73,8 @@ TEST_F(DhcpVrfSelectSmv4Test, ServersCountTheirVrfAndTheirInterfaceVrfOnce) {
    serverDec(vlan10_, red2_);
    EXPECT_EQ(counts(), "blue:1 default:0 red:1");
 
-   TraceCapture trace;
    serverDec(vlan10_, red1_);
    EXPECT_EQ(counts(), "default:0");
-   EXPECT_TRUE(trace.contains(" Removing red from activeVrfDir: Reference count = 0"));
-   EXPECT_TRUE(
-       trace.contains(" with intfId Vlan10virtual void Ip::Helper::DhcpRelay::"
-                      "DhcpVrfSelectSmv4::handleIntfsWithDhcpServer(const "
-                      "Platform::IntfId&) vrf blue"));
 
    // A server set deleted whole lowers every VRF it named, its interface's too.
    serverInc(vlan10_, red1_);
@@ -121,10 +114,8 @@ TEST_F(DhcpVrfSelectSmv4Test, AnInterfaceMovingVrfRaisesTheNewBeforeLoweringTheO
    status->vrfIs(VrfName("red"));
    EXPECT_EQ(counts(), "default:0 red:2");
 
-   TraceCapture trace;
    status->vrfIs(VrfName("yellow"));
    EXPECT_EQ(counts(), "default:0 red:2 yellow:1");
-   EXPECT_TRUE(trace.contains(" No change in VRF for interface Vlan10"));
 }
 
 TEST_F(DhcpVrfSelectSmv4Test, TheInterfaceVrfCountsOnlyWhileTheInterfaceHasAnIpStatus) {
@@ -133,13 +124,8 @@ TEST_F(DhcpVrfSelectSmv4Test, TheInterfaceVrfCountsOnlyWhileTheInterfaceHasAnIpS
    statusIs(vlan10_, "blue");
    EXPECT_EQ(counts(), "blue:1 default:0 red:1");
 
-   TraceCapture trace;
    ipStatus_->ipIntfStatusDel(vlan10_);
    EXPECT_EQ(counts(), "default:0 red:1");
-   EXPECT_TRUE(
-       trace.contains("remove currentVrf of Vlan10void Ip::Helper::DhcpRelay::"
-                      "DhcpVrfSelectSmv4::handleIpIntfStatus(const Platform::IntfId&) "
-                      "vrf blue"));
 
    // Not counted without servers, and its VRF is read again when it gains one.
    statusIs(vlan20_, "green");
