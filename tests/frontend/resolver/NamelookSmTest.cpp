@@ -256,23 +256,15 @@ TEST_F(NamelookSmTest, NonexistentNamesLoseTheirRecordFailedLookupsKeepIt) {
              (std::vector<std::string>{"+10.0.1.2", "-10.0.1.1", "-10.0.1.2", name + " -"}));
 }
 
-TEST_F(NamelookSmTest, TheHostsFileAnswersBeforeDns) {
-   // Every system's hosts file lists localhost; DNS would give another answer.
-   const std::string name = "localhost";
-   dns_.answerIs(name, {ip("10.0.4.1")});
-   start();
-   requests_->requestIs(name, 1);
-   EXPECT_EQ(addresses(name), std::set<IpAddr>{ip("127.0.0.1")});
-   // Rechecked in the hosts file, never asked of DNS.
-   turnFor(0.5);
-   EXPECT_EQ(dns_.queries(name), 0);
-   EXPECT_EQ(log_.lines, (std::vector<std::string>{name + " +", "+127.0.0.1"}));
-}
-
-TEST_F(NamelookSmTest, InitializingResolvesWhatIsRequestedAndDropsWhatIsNot) {
+// Requests made before start-up are resolved then, and records nobody requests go. Every
+// system's hosts file lists localhost, which DNS here would answer otherwise: the hosts file
+// answers first, at once, and is rechecked without asking DNS.
+TEST_F(NamelookSmTest, StartUpResolvesWhatIsRequestedTheHostsFileFirst) {
    const std::string name = "early.example.test";
    dns_.answerIs(name, {ip("10.0.5.1")});
+   dns_.answerIs("localhost", {ip("10.0.4.1")});
    requests_->requestIs(name, 1);
+   requests_->requestIs("localhost", 1);
    records_->recordIs("stale.example.test")->ipAddressIs(ip("10.0.5.9"));
 
    sm_ = std::make_unique<NamelookSm>(records_, requests_, loop_, wheel_, options());
@@ -280,9 +272,14 @@ TEST_F(NamelookSmTest, InitializingResolvesWhatIsRequestedAndDropsWhatIsNot) {
    EXPECT_EQ(dns_.queries(name), 0);
 
    sm_->handleInitialized();
-   EXPECT_EQ(records_->record("stale.example.test"), nullptr);
+   EXPECT_EQ(addresses("localhost"), std::set<IpAddr>{ip("127.0.0.1")});
    ASSERT_TRUE(turnUntil([&] { return records_->record(name) != nullptr; }));
-   EXPECT_EQ(addresses(name), std::set<IpAddr>{ip("10.0.5.1")});
+   turnFor(0.5);
+   EXPECT_EQ(dns_.queries("localhost"), 0);
+   // The stale record loses its address before it goes.
+   EXPECT_EQ(log_.lines, (std::vector<std::string>{"stale.example.test +", "+10.0.5.9", "-10.0.5.9",
+                                                   "stale.example.test -", "localhost +",
+                                                   "+127.0.0.1", name + " +", "+10.0.5.1"}));
 }
 
 TEST_F(NamelookSmTest, AChangedResolverConfigurationIsReadBeforeTheNextLookup) {
