@@ -134,7 +134,8 @@ TEST_F(DhcpPacketQueuesTest, ExhaustedIndexSpaceIsFatal) {
    EXPECT_DEATH(queues->snoopingToRelayQueueEnq(packetInfo()), "linkqueue index space full");
 }
 
-TEST(DhcpPacketInfoTest, EqualityIsPacketIdentityPlusFieldsAndPrintedForm) {
+// Queued entries are told apart by the packet they hold, not by its bytes.
+TEST(DhcpPacketInfoTest, EqualityIsPacketIdentityPlusFields) {
    DhcpPacketInfo a = packetInfo();
    DhcpPacketInfo otherPacket = a;
    otherPacket.packet = Pkt::copyOf(a.packet->span());
@@ -145,14 +146,6 @@ TEST(DhcpPacketInfoTest, EqualityIsPacketIdentityPlusFieldsAndPrintedForm) {
    EXPECT_NE(a, same);
    EXPECT_TRUE(!DhcpPacketInfo{});
    EXPECT_FALSE(!a);
-
-   a.intfId = IntfId("Ethernet1/2");
-   a.srcIp6Addr = *Platform::Ip6Addr::parse("fe80::1");
-   EXPECT_EQ(a.toString(), "Value('Ip::Helper::DhcpRelay::DhcpPacketInfo', ** {'packet': " +
-                               a.packet->toString() +
-                               ", 'intfId': Ethernet1/2, 'fromSnooping': True, "
-                               "'rcvdDhcpLen': 300, 'srcIp6Addr': fe80::1})");
-   EXPECT_NE(DhcpPacketInfo{}.toString().find("'packet': None"), std::string::npos);
 }
 
 }  // namespace
