@@ -190,12 +190,8 @@ TEST_F(DhcpRelayCountersSmTest, ABurstIsPublishedOnceTheIntervalAfterItsFirstCou
    // A per-interface count schedules too. A request no newer than the last publication
    // leaves that as it is; a newer one publishes at once, and the timer goes with it.
    pktDropped(*local_, bootRequest, kVlan20);
-   {
-      Platform::TraceCapture trace;
-      config_->counterUpdateRequestTimeIs(first + 4);
-      config_->counterUpdateRequestTimeIs(first + 5);
-      EXPECT_TRUE(trace.contains("handleCounterUpdateRequest()published counters"));
-   }
+   config_->counterUpdateRequestTimeIs(first + 4);
+   config_->counterUpdateRequestTimeIs(first + 5);
    EXPECT_EQ(publications_.times.size(), 1u);
    EXPECT_TRUE(sm_->counterUpdatePending());
    advance(1.0);
