@@ -173,12 +173,9 @@ class Dhcpd:
     ALL_SUBNETS = (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET)
 
     def __init__(self, lab, role, ns, dev, pools, extra="", subnets=ALL_SUBNETS):
-        self.role = role
         self.ns = ns
         base = lab.dir / f"dhcpd-{role}"
-        self.conf = base.with_suffix(".conf")
-        self.leases = base.with_suffix(".leases")
-        self.pidfile = base.with_suffix(".pid")
+        conf, leases = base.with_suffix(".conf"), base.with_suffix(".leases")
         self.log = base.with_suffix(".log")
         text = ("authoritative;\nddns-update-style none;\n"
                 "default-lease-time 600;\nmax-lease-time 600;\n" + extra + DHCPD_LOG)
@@ -188,11 +185,10 @@ class Dhcpd:
                 lo, hi = pools[cidr]
                 body = f" range {lo} {hi}; option routers {_router(cidr)}; "
             text += _subnet(cidr, body)
-        self.conf.write_text(text)
-        self.leases.write_text("")
-        self.proc = lab.spawn(ns, [lab.binary("/usr/sbin/dhcpd"), "-4", "-f", "-d",
-                                   "-cf", self.conf, "-lf", self.leases, "-pf",
-                                   self.pidfile, dev], self.log)
+        conf.write_text(text)
+        leases.write_text("")
+        self.proc = lab.spawn(ns, [lab.binary("/usr/sbin/dhcpd"), "-4", "-f", "-d", "-cf", conf,
+                                   "-lf", leases, "-pf", base.with_suffix(".pid"), dev], self.log)
         wait_for(self._ready, 10, f"dhcpd in {ns}")
 
     def _ready(self):

@@ -216,47 +216,26 @@ TEST(EthFrameVlanTakeTest, CutsOnlyATagTheKernelLeftInTheFrame) {
    }
 }
 
-class EthDevTestPamTest : public testing::Test {
- protected:
-   void SetUp() override { pam_->modeIs(EthDevPam::modeOpen); }
-
-   Ptr<EthDevTestPam> pam_ = make<EthDevTestPam>("eth1", "vrf1", 7);
-};
-
-TEST_F(EthDevTestPamTest, InjectedFramesAreAnnouncedOneByOneAndSendsRecorded) {
-   Taker taker(pam_);
-   const Bytes tagged = eth(kIpv4) + ipv4(kUdp, 68, 67, 1);
-   const Bytes plain = eth(kIpv6) + ipv6(kUdp, 546, 547, 2);
-   EXPECT_TRUE(pam_->rxFrameInject(tagged, 10));
-   EXPECT_TRUE(pam_->rxFrameInject(plain));
-   EXPECT_EQ(taker.frames, (std::vector<Captured>{{tagged, 10, 7}, {plain, {}, 7}}));
-   EXPECT_EQ(pam_->readableCount(), 2u);
-
-   EXPECT_TRUE(pam_->send(*Pkt::copyOf(tagged)));
-   EXPECT_TRUE(pam_->send(*Pkt::copyOf(plain)));
-   EXPECT_EQ(pam_->sent(), (std::vector<Bytes>{tagged, plain}));
-
-   // Beyond the queue's capacity frames are dropped and counted.
-   taker.take = false;
+// Only the double reaches these parts of every EthDevPam: the kernel part stops reading while
+// the queue is full, and a closed socket fails its sends in the kernel anyway. The double's own
+// recording is for the tests that use it.
+TEST(EthDevTestPamTest, AFullQueueDropsAndAClosedDeviceForgetsAndRefuses) {
+   auto pam = make<EthDevTestPam>("eth1", "vrf1", 7);
+   pam->modeIs(EthDevPam::modeOpen);
+   const Bytes frame = eth(kIpv6) + ipv6(kUdp, 546, 547, 2);
    for (size_t i = 0; i < EthDevPam::kRxQueueCapacity; ++i)
-      ASSERT_TRUE(pam_->rxFrameInject(plain));
-   EXPECT_FALSE(pam_->rxFrameInject(plain));
-   EXPECT_EQ(pam_->rxDropped(), 1u);
-   EXPECT_EQ(pam_->readableCount(), 2 + EthDevPam::kRxQueueCapacity);
-   EXPECT_TRUE(pam_->rxFrame());
-   EXPECT_TRUE(pam_->rxFrameInject(plain));
+      ASSERT_TRUE(pam->rxFrameInject(frame));
+   EXPECT_FALSE(pam->rxFrameInject(frame));
+   EXPECT_EQ(pam->rxDropped(), 1u);
+   EXPECT_EQ(pam->readableCount(), EthDevPam::kRxQueueCapacity);
+   EXPECT_TRUE(pam->rxFrame());
+   EXPECT_TRUE(pam->rxFrameInject(frame));
 
-   // A closed device captures nothing and forgets what it held.
-   pam_->modeIs(EthDevPam::modeClosed);
-   EXPECT_FALSE(pam_->rxFrame());
-   EXPECT_FALSE(pam_->rxFrameInject(plain));
-   EXPECT_FALSE(pam_->send(*Pkt::copyOf(plain)));
-   EXPECT_EQ(pam_->sent().size(), 2u);
-
-   pam_->openErrorIs("no such device");
-   pam_->modeIs(EthDevPam::modeOpen);
-   EXPECT_FALSE(pam_->active());
-   EXPECT_EQ(pam_->error(), "no such device");
+   pam->modeIs(EthDevPam::modeClosed);
+   EXPECT_FALSE(pam->rxFrame());
+   EXPECT_FALSE(pam->rxFrameInject(frame));
+   EXPECT_FALSE(pam->send(*Pkt::copyOf(frame)));
+   EXPECT_TRUE(pam->sent().empty());
 }
 
 }  // namespace

@@ -66,27 +66,15 @@ TEST_F(RawTxPamTest, SendsOnTheNamedDeviceOfItsNamespaceOnly) {
    EXPECT_EQ(active.log.back(), false);
 }
 
-TEST(RawTxTestPamTest, RecordsEverySendByteForByte) {
+// What the double records is what the relay's reply tests read; here, that it refuses what
+// the kernel would, so that they cannot pass on a send the kernel would refuse.
+TEST(RawTxTestPamTest, RefusesASendWithoutDeviceOrOpenSocket) {
    auto pam = make<RawTxTestPam>();
    pam->modeIs(RawTxPam::modeOpen);
-   ASSERT_TRUE(pam->active());
-   EXPECT_TRUE(pam->send(3, *Pkt::copyOf(frame(1))));
-   EXPECT_TRUE(pam->send(5, *Pkt::copyOf(frame(2))));
-   ASSERT_EQ(pam->sent().size(), 2u);
-   EXPECT_EQ(pam->sent()[0].ifindex, 3u);
-   EXPECT_EQ(pam->sent()[0].bytes, frame(1));
-   EXPECT_EQ(pam->sent()[1].ifindex, 5u);
-   EXPECT_EQ(pam->sent()[1].bytes, frame(2));
-
-   // The checks before a send are the real object's.
-   EXPECT_FALSE(pam->send(0, *Pkt::copyOf(frame(3))));
+   EXPECT_FALSE(pam->send(0, *Pkt::copyOf(frame(1))));
    pam->modeIs(RawTxPam::modeClosed);
-   pam->openErrorIs("no packet sockets here");
-   pam->modeIs(RawTxPam::modeOpen);
-   EXPECT_FALSE(pam->active());
-   EXPECT_EQ(pam->error(), "no packet sockets here");
-   EXPECT_FALSE(pam->send(3, *Pkt::copyOf(frame(4))));
-   EXPECT_EQ(pam->sent().size(), 2u);
+   EXPECT_FALSE(pam->send(3, *Pkt::copyOf(frame(2))));
+   EXPECT_TRUE(pam->sent().empty());
    EXPECT_EQ(pam->txFailed(), 2u);
 }
 
