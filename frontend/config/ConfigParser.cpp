@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <yaml-cpp/yaml.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +12,11 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
+
+#include "frontend/config/YamlTree.h"
 
 namespace Frontend {
 
@@ -44,17 +46,17 @@ const std::string_view kFormatHostPort = "%h:%p";
 
 // A node under validation and where its problems are reported.
 struct Value {
-   YAML::Node node;
+   const Yaml::Node* node;
    std::string path;
    int line;
 };
 
-// yaml-cpp marks an empty value with the position of the token after it, often on a
+// YAML readers mark an empty value with the position of the token after it, often on a
 // later line, so problems with an empty value are reported on its key's line.
-int lineOf(const YAML::Node& node, int fallback) {
-   if (node.IsNull() || node.Mark().line < 0)
+int lineOf(const Yaml::Node& node, int fallback) {
+   if (node.kind == Yaml::Kind::null || node.line < 0)
       return fallback;
-   return node.Mark().line + 1;
+   return node.line + 1;
 }
 
 std::string join(const std::string& path, std::string_view key) {
@@ -83,26 +85,26 @@ constexpr std::string_view kCoreTagPrefix = "tag:yaml.org,2002:";
 
 // A scalar is a boolean or a number only when written without quotes, or tagged as
 // one (`!!int 5`); "5" in quotes is a string.
-bool isScalarOf(const YAML::Node& node, std::string_view coreType) {
-   if (!node.IsScalar())
+bool isScalarOf(const Yaml::Node& node, std::string_view coreType) {
+   if (node.kind != Yaml::Kind::scalar)
       return false;
-   const std::string& tag = node.Tag();
+   const std::string& tag = node.tag;
    return tag == "?" ||
           (tag.starts_with(kCoreTagPrefix) && tag.substr(kCoreTagPrefix.size()) == coreType);
 }
 
-std::string describe(const YAML::Node& node) {
-   switch (node.Type()) {
-      case YAML::NodeType::Map:
+std::string describe(const Yaml::Node& node) {
+   switch (node.kind) {
+      case Yaml::Kind::map:
          return "a map";
-      case YAML::NodeType::Sequence:
+      case Yaml::Kind::sequence:
          return "a list";
-      case YAML::NodeType::Scalar:
-         if (node.Tag() == "?")
-            return quoted(node.Scalar());
-         if (node.Tag() == "!")
-            return "a quoted string " + quoted(node.Scalar());
-         return quoted(node.Scalar()) + " tagged " + node.Tag();
+      case Yaml::Kind::scalar:
+         if (node.tag == "?")
+            return quoted(node.text);
+         if (node.tag == "!")
+            return "a quoted string " + quoted(node.text);
+         return quoted(node.text) + " tagged " + node.tag;
       default:
          return "nothing";
    }
@@ -147,18 +149,16 @@ class Parser {
    explicit Parser(std::string file) : file_(std::move(file)) {}
 
    ParsedConfig run(const std::string& text) {
-      std::vector<YAML::Node> documents;
-      try {
-         documents = YAML::LoadAll(text);
-      } catch (const YAML::ParserException& e) {
-         error(e.mark.line + 1, "(syntax)", e.msg);
+      const Yaml::Stream stream(text);
+      if (const auto& e = stream.error()) {
+         error(e->line + 1, "(syntax)", e->what);
          return result();
       }
-      if (documents.size() > 1) {
-         error(lineOf(documents[1], 1), "(root)", "only one YAML document is allowed");
-      }
+      const std::vector<const Yaml::Node*>& documents = stream.documents();
+      if (documents.size() > 1)
+         error(lineOf(*documents[1], 1), "(root)", "only one YAML document is allowed");
       if (!documents.empty())
-         root({documents[0], "", lineOf(documents[0], 1)});
+         root({documents[0], "", lineOf(*documents[0], 1)});
       checkVrfReferences();
       return result();
    }
@@ -198,37 +198,39 @@ class Parser {
 
    // An empty value stands for an empty map or list, so that a section whose entries
    // are all commented out stays valid.
-   bool isCollection(const Value& v, YAML::NodeType::value type, const char* expected) {
-      if (v.node.IsNull())
+   bool isCollection(const Value& v, Yaml::Kind kind, const char* expected) {
+      if (v.node->kind == Yaml::Kind::null)
          return false;
-      if (v.node.Type() == type)
+      if (v.node->kind == kind)
          return true;
-      error(v.line, v.path, std::string("expected ") + expected + ", got " + describe(v.node));
+      error(v.line, v.path, std::string("expected ") + expected + ", got " + describe(*v.node));
       return false;
    }
 
    // Calls f(keyText, keyLine, member) for each well-formed key of a map, in file order.
    template <class F>
    void forEachKey(const Value& map, F&& f) {
-      if (!isCollection(map, YAML::NodeType::Map, "a map"))
+      if (!isCollection(map, Yaml::Kind::map, "a map"))
          return;
       std::map<std::string, int> seen;
-      for (const auto& pair : map.node) {
-         const YAML::Node& key = pair.first;
+      const std::vector<const Yaml::Node*>& pairs = map.node->children;
+      for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+         const Yaml::Node& key = *pairs[i];
+         const Yaml::Node* value = pairs[i + 1];
          const int keyLine = lineOf(key, map.line);
-         if (!key.IsScalar()) {
+         if (key.kind != Yaml::Kind::scalar) {
             error(keyLine, map.path, "a key must be a string, got " + describe(key));
             continue;
          }
-         const std::string& name = key.Scalar();
-         // yaml-cpp keeps every pair of a map, repeated keys included.
+         const std::string& name = key.text;
+         // The tree keeps every pair of a map, repeated keys included.
          const auto [first, added] = seen.emplace(name, keyLine);
          if (!added) {
             error(keyLine, join(map.path, name),
                   "duplicate key (first at line " + std::to_string(first->second) + ")");
             continue;
          }
-         f(name, keyLine, Value{pair.second, join(map.path, name), lineOf(pair.second, keyLine)});
+         f(name, keyLine, Value{value, join(map.path, name), lineOf(*value, keyLine)});
       }
    }
 
@@ -250,38 +252,38 @@ class Parser {
 
    template <class F>
    void elements(const Value& seq, F&& f) {
-      if (!isCollection(seq, YAML::NodeType::Sequence, "a list"))
+      if (!isCollection(seq, Yaml::Kind::sequence, "a list"))
          return;
       size_t index = 0;
-      for (const YAML::Node& node : seq.node) {
-         f(Value{node, seq.path + "[" + std::to_string(index++) + "]", lineOf(node, seq.line)});
+      for (const Yaml::Node* node : seq.node->children) {
+         f(Value{node, seq.path + "[" + std::to_string(index++) + "]", lineOf(*node, seq.line)});
       }
    }
 
    // --- scalars ------------------------------------------------------------------
 
    std::optional<std::string> string(const Value& v) {
-      if (v.node.IsScalar())
-         return v.node.Scalar();
-      error(v.line, v.path, "expected a string, got " + describe(v.node));
+      if (v.node->kind == Yaml::Kind::scalar)
+         return v.node->text;
+      error(v.line, v.path, "expected a string, got " + describe(*v.node));
       return std::nullopt;
    }
 
    std::optional<bool> boolean(const Value& v) {
-      if (isScalarOf(v.node, "bool")) {
-         const std::string& s = v.node.Scalar();
+      if (isScalarOf(*v.node, "bool")) {
+         const std::string& s = v.node->text;
          if (s == "true" || s == "True" || s == "TRUE")
             return true;
          if (s == "false" || s == "False" || s == "FALSE")
             return false;
       }
-      error(v.line, v.path, "expected true or false, got " + describe(v.node));
+      error(v.line, v.path, "expected true or false, got " + describe(*v.node));
       return std::nullopt;
    }
 
    std::optional<int64_t> integerIn(const Value& v, int64_t min, int64_t max, const char* what) {
-      if (isScalarOf(v.node, "int")) {
-         const std::string& s = v.node.Scalar();
+      if (isScalarOf(*v.node, "int")) {
+         const std::string& s = v.node->text;
          const char* first = s.data();
          const char* last = s.data() + s.size();
          const bool digits = !s.empty() && std::all_of(first + (s[0] == '-'), last, [](char c) {
@@ -298,7 +300,7 @@ class Parser {
             return std::nullopt;
          }
       }
-      error(v.line, v.path, "expected an integer, got " + describe(v.node));
+      error(v.line, v.path, "expected an integer, got " + describe(*v.node));
       return std::nullopt;
    }
 
@@ -584,7 +586,7 @@ class Parser {
           v6 ? std::vector<Member>{addressKey, vrfKey, sourceIntfKey, sourceAddrKey}
              : std::vector<Member>{addressKey, hostnameKey, vrfKey, sourceIntfKey, sourceAddrKey};
       members(v, keys);
-      if (!v.node.IsMap() && !v.node.IsNull())
+      if (v.node->kind != Yaml::Kind::map && v.node->kind != Yaml::Kind::null)
          return p;
       if (v6 && !hasAddress)
          error(v.line, v.path, "needs address");
@@ -595,34 +597,40 @@ class Parser {
       return p;
    }
 
+   // Orders servers for the duplicate check: an interface may list thousands.
+   struct ServerOrder {
+      bool operator()(const ServerDoc* a, const ServerDoc* b) const {
+         return std::tie(a->address, a->hostname, a->vrf, a->sourceInterface, a->sourceAddress) <
+                std::tie(b->address, b->hostname, b->vrf, b->sourceInterface, b->sourceAddress);
+      }
+   };
+
    std::vector<ServerDoc> resolveServers(std::vector<PendingServer> pending,
                                          const VrfName& intfVrf) {
       std::vector<ServerDoc> out;
-      std::vector<const PendingServer*> firstOf;
+      std::map<const ServerDoc*, int, ServerOrder> lineOf;
       for (PendingServer& p : pending) {
          if (!p.valid)
             continue;
          if (!p.vrfGiven)
             p.server.vrf = intfVrf;
-         const auto same = std::find(out.begin(), out.end(), p.server);
-         if (same != out.end()) {
-            error(p.line, p.path,
-                  "same server as line " +
-                      std::to_string(firstOf[static_cast<size_t>(same - out.begin())]->line));
+         const auto [first, added] = lineOf.emplace(&p.server, p.line);
+         if (!added) {
+            error(p.line, p.path, "same server as line " + std::to_string(first->second));
             continue;
          }
          out.push_back(p.server);
-         firstOf.push_back(&p);
       }
       return out;
    }
 
    void ccapCores(const Value& v, std::vector<Ip6Addr>& out) {
+      std::set<Ip6Addr> seen;
       elements(v, [&](const Value& e) {
          const auto a = address(e, true);
          if (!a)
             return;
-         if (std::find(out.begin(), out.end(), a->v6()) != out.end()) {
+         if (!seen.insert(a->v6()).second) {
             error(e.line, e.path, "duplicate address " + a->toString());
             return;
          }
@@ -695,7 +703,7 @@ class Parser {
                   {"vlan", [&](const Value& m) { access = m; }},
                   {"native-vlan", [&](const Value& m) { native = m; }},
                   {"allowed-vlans", [&](const Value& m) { allowed = m; }}});
-      if (!v.node.IsMap() && !v.node.IsNull())
+      if (v.node->kind != Yaml::Kind::map && v.node->kind != Yaml::Kind::null)
          return doc;
       if (access) {
          if (const auto id = vlan(*access))
