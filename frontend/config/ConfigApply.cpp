@@ -84,7 +84,7 @@ void applyInterface(Relay::IntfConfig& c, const InterfaceDoc& d) {
    c.routeInstallIs(d.routeInstall);
 }
 
-void applyRelay(Relay::Config& c, const ConfigDocument& doc) {
+void applyRelay(Relay::Config& c, const ConfigDocument& doc, const ConfigDocument* applied) {
    c.smartRelayGlobalIs(doc.relay.smartRelay);
    c.dscpV4Is(doc.relay.dscpV4);
    c.dscpV6Is(doc.relay.dscpV6);
@@ -96,7 +96,14 @@ void applyRelay(Relay::Config& c, const ConfigDocument& doc) {
           TRACE(2, "relay interface removed: ", intf);
           c.intfConfigDel(intf);
        },
-       [&](const auto& entry) { applyInterface(*c.intfConfigIs(entry.first), entry.second); });
+       [&](const auto& entry) {
+          if (applied && c.intfConfig(entry.first)) {
+             auto before = applied->interfaces.find(entry.first);
+             if (before != applied->interfaces.end() && before->second == entry.second)
+                return;
+          }
+          applyInterface(*c.intfConfigIs(entry.first), entry.second);
+       });
 }
 
 // Snooping is switched off before, and on after, its other settings change, so that
@@ -180,7 +187,7 @@ void applyDeviceNames(Interface::DeviceNameConfig& rec,
 
 }  // namespace
 
-void applyConfig(const ConfigDocument& doc, Targets& targets) {
+void applyConfig(const ConfigDocument& doc, Targets& targets, const ConfigDocument* applied) {
    PLATFORM_ASSERT(targets.relay && targets.snooping && targets.snooping6 && targets.vrfs &&
                        targets.netStatus && targets.entityMib && targets.bridging &&
                        targets.deviceNames,
@@ -192,7 +199,7 @@ void applyConfig(const ConfigDocument& doc, Targets& targets) {
                                                            : hostBridgeMac());
    applyDeviceNames(*targets.deviceNames, doc.devices);
    applyBridging(*targets.bridging, doc);
-   applyRelay(*targets.relay, doc);
+   applyRelay(*targets.relay, doc, applied);
    applySnooping(*targets.snooping, *targets.snooping6, doc.snooping);
    removeVrfs(*targets.vrfs, doc);
    TRACE(1, "configuration applied: ", doc.interfaces.size(), " relay interfaces, ",

@@ -34,8 +34,11 @@ struct Targets {
 // Brings every target to what `doc` says through the records' mutators, so that a
 // reload notifies exactly what changed: applying the same document twice notifies
 // nothing the second time. The default VRF always has its entry, named after the
-// agent's own namespace.
-void applyConfig(const ConfigDocument& doc, Targets& targets);
+// agent's own namespace. `applied`, the document applied to the targets last, lets a
+// reload pass over the interfaces it leaves as they were without looking at their
+// servers (a switch has thousands of interfaces, each with many servers).
+void applyConfig(const ConfigDocument& doc, Targets& targets,
+                 const ConfigDocument* applied = nullptr);
 
 // What the host says when the file does not: the host name, and the MAC address of
 // the Ethernet device with the lowest ifindex in the agent's namespace (zero when none).

@@ -368,7 +368,7 @@ TEST_P(ReloadTest, NotifiesOnlyWhatChanged) {
    applyConfig(before, t);
    activateRed(t);
    Watch watch(t);
-   applyConfig(after, t);
+   applyConfig(after, t, &before);
    EXPECT_EQ(watch.log, c.notified);
 
    Targets fresh = freshTargets();
