@@ -242,7 +242,6 @@ void KernelFrontEnd::doActivate(const std::string& nsName) {
 void KernelFrontEnd::doDeactivate(Binding& b) {
    doStateIs(b.vrf, VrfState::inactive);
    b.follower.reset();
-   doDirtyAll(b);
    b.table->interfaceByIndexDelAll();
    doSync();
 }
