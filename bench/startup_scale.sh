@@ -22,6 +22,8 @@
 #               following `show vrfs` answers (median of 3)
 #   reload_vrf_s the same after v0 moved between vrfa and vrfb, until `show vrfs`
 #               shows it active in its new namespace (median of 3)
+#   reload_all_s the same after v1..v(V-1) all moved to other (missing) namespaces, until
+#               a following `show vrfs` answers (median of 3)
 # Times include the start of dhcp-relay-ctl and dhcp-loadgen (a few ms).
 #
 # Needs root. Build first:
@@ -132,12 +134,14 @@ build_lab() {  # N
    ip -n "$server" neigh replace 172.31.0.1 lladdr "$(mac "$relay" up0)" dev s0 nud permanent
 }
 
-# config N V VRF0_NS [CHANGED_INTF]: the changed interface gets one server more.
+# config N V VRF0_NS [CHANGED_INTF [OTHERS]]: the changed interface gets one server more;
+# v1..v(V-1) are in namespaces named <prefix>-<OTHERS><i>.
 write_config() {
-   awk -v n="$1" -v v="$2" -v ns0="$3" -v changed="${4:-0}" -v s="$servers" -v p="$prefix" 'BEGIN {
+   awk -v n="$1" -v v="$2" -v ns0="$3" -v changed="${4:-0}" -v others="${5:-none}" \
+      -v s="$servers" -v p="$prefix" 'BEGIN {
       print "vrfs:"
       printf "  v0: %s\n", ns0
-      for (i = 1; i < v; i++) printf "  v%d: %s-none%d\n", i, p, i
+      for (i = 1; i < v; i++) printf "  v%d: %s-%s%d\n", i, p, others, i
       print "interfaces:"
       for (i = 1; i <= n; i++) {
          printf "  Ethernet%d:\n    servers:\n", i
@@ -155,7 +159,7 @@ start_agent() {  # N: sets `took` to the seconds from exec to ready, `cpu` to th
       --config "$work/config.yaml" --socket "$work/ctl.sock" >"$work/agent.log" 2>&1 &
    agent_pid=$!
    if [ -n "$perf_dir" ]; then
-      perf record -q --call-graph dwarf,16384 -F 199 -p "$agent_pid" \
+      perf record -q --call-graph dwarf,16384 -F 999 -p "$agent_pid" \
          -o "$perf_dir/perf-$n.data" &
       perf_pid=$!
    fi
@@ -196,14 +200,15 @@ reload() {  # CONFIG [VRF0_NS]: sets `took` to the seconds the reload took
 
 ip netns add "$vrfa"
 ip netns add "$vrfb"
-row='%6s %4s %6s %9s %9s %12s %12s %13s\n'
-printf "$row" N S V check_s start_s start_cpu_s reload_if_s reload_vrf_s
+row='%6s %4s %6s %8s %8s %12s %12s %13s %13s\n'
+printf "$row" N S V check_s start_s start_cpu_s reload_if_s reload_vrf_s reload_all_s
 for n in $sizes; do
    v="${SCALE_VRFS:-$n}"
    build_lab "$n"
    write_config "$n" "$v" "$vrfa" >"$work/base.yaml"
    write_config "$n" "$v" "$vrfa" $((n / 2)) >"$work/changed.yaml"
    write_config "$n" "$v" "$vrfb" >"$work/moved.yaml"
+   write_config "$n" "$v" "$vrfa" 0 other >"$work/all.yaml"
    cp "$work/base.yaml" "$work/config.yaml"
 
    t0="$(now_ns)"
@@ -216,7 +221,7 @@ for n in $sizes; do
    start_agent "$n"
    start="$took"
 
-   if_times=() vrf_times=()
+   if_times=() vrf_times=() all_times=()
    for _ in 1 2 3; do
       reload "$work/changed.yaml"
       if_times+=("$took")
@@ -224,8 +229,11 @@ for n in $sizes; do
       reload "$work/moved.yaml" "$vrfb"
       vrf_times+=("$took")
       reload "$work/base.yaml" "$vrfa"
+      reload "$work/all.yaml"
+      all_times+=("$took")
+      reload "$work/base.yaml"
    done
    printf "$row" "$n" "$servers" "$v" "$check" "$start" "$cpu" "$(median3 "${if_times[@]}")" \
-      "$(median3 "${vrf_times[@]}")"
+      "$(median3 "${vrf_times[@]}")" "$(median3 "${all_times[@]}")"
    teardown
 done
