@@ -184,7 +184,11 @@ reload() {  # CONFIG [VRF0_NS]: sets `took` to the seconds the reload took
    local t0 t1 start=$SECONDS
    cp "$1" "$work/config.yaml"
    t0="$(now_ns)"
-   ctl reload >/dev/null
+   # 2: no reply within dhcp-relay-ctl's 30 s, the agent still applying; the wait below
+   # tells when it is done.
+   local rc=0
+   ctl reload >/dev/null || rc=$?
+   [ "$rc" -eq 0 ] || [ "$rc" -eq 2 ] || return 1
    if [ -n "${2:-}" ]; then
       # Not grep -q: ctl must not die of SIGPIPE on a long listing (pipefail).
       until ctl show vrfs | grep -E "^v0 +$2 +active" >/dev/null; do
@@ -192,7 +196,7 @@ reload() {  # CONFIG [VRF0_NS]: sets `took` to the seconds the reload took
          sleep 0.001
       done
    else
-      ctl show vrfs >/dev/null
+      until ctl show vrfs >/dev/null 2>&1; do :; done
    fi
    t1="$(now_ns)"
    took="$(seconds "$t0" "$t1")"
