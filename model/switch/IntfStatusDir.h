@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "platform/addr/IntfId.h"
 #include "platform/addr/VrfName.h"
@@ -134,9 +135,19 @@ class DeviceNameConfig : public Platform::Entity {
 
    const std::map<Platform::IntfId, std::string>& deviceName() const { return deviceName_; }
    void deviceNameIs(const Platform::IntfId& intf, const std::string& dev) {
+      auto it = deviceName_.find(intf);
+      if (it != deviceName_.end() && it->second == dev)
+         return;
+      if (it != deviceName_.end())
+         doUnindex(intf, it->second);
+      intfsOf_[dev].insert(intf);
       mapEntryIs(deviceName_, intf, dev, &Reactor::handleDeviceName);
    }
    void deviceNameDel(const Platform::IntfId& intf) {
+      auto it = deviceName_.find(intf);
+      if (it == deviceName_.end())
+         return;
+      doUnindex(intf, it->second);
       mapEntryDel(deviceName_, intf, &Reactor::handleDeviceName);
    }
 
@@ -145,14 +156,13 @@ class DeviceNameConfig : public Platform::Entity {
       auto it = deviceName_.find(intf);
       return it == deviceName_.end() ? intf.toString() : it->second;
    }
-   // The system interface whose kernel device this is; empty when no interface
-   // maps to it (a device named like an interface that the file maps elsewhere,
-   // or a name that is no valid interface name).
-   Platform::IntfId intfIdOf(const std::string& device) const {
-      for (const auto& [intf, dev] : deviceName_) {
-         if (dev == device)
-            return intf;
-      }
+   // The system interface whose kernel device this is; empty when no interface maps to it
+   // (a device named like an interface that the file maps elsewhere, or a name that is no
+   // valid interface name). Asked for every received packet: lookups, no walk, no copy.
+   Platform::IntfId intfIdOf(std::string_view device) const {
+      auto mapped = intfsOf_.find(device);
+      if (mapped != intfsOf_.end())
+         return *mapped->second.begin();
       auto id = Platform::IntfId::parse(device);
       if (!id || deviceName_.count(*id))
          return {};
@@ -160,7 +170,19 @@ class DeviceNameConfig : public Platform::Entity {
    }
 
  private:
+   void doUnindex(const Platform::IntfId& intf, const std::string& dev) {
+      auto it = intfsOf_.find(dev);
+      if (it == intfsOf_.end())
+         return;
+      it->second.erase(intf);
+      if (it->second.empty())
+         intfsOf_.erase(it);
+   }
+
    std::map<Platform::IntfId, std::string> deviceName_;
+   // The reverse of deviceName_; several interfaces name one device only in the middle of a
+   // reload, and the lowest interface wins as the walk over deviceName_ used to pick.
+   std::map<std::string, std::set<Platform::IntfId>, std::less<>> intfsOf_;
 };
 
 // Whoever writes the interface status of a namespace's devices (the kernel front end on
