@@ -118,8 +118,16 @@ IntfStatusManagerRoot::IntfStatusManagerRoot(StateStore& store,
       deviceIndex_(deviceNames_.get()) {
    PLATFORM_ASSERT(intfStatus_ && intfStatusLocal_ && deviceNames_ && vrfs_,
                    "interface status managers need the configuration published");
-   deviceNamesReactor_.notifierIs(deviceNames_);
-   vrfsReactor_.notifierIs(vrfs_);
+   deviceNamesWatch_.on(&Interface::DeviceNameConfig::Reactor::handleDeviceName,
+                        [this](const IntfId& intf) { handleDeviceName(intf); });
+   deviceNamesWatch_.notifierIs(deviceNames_);
+   vrfsWatch_.on(&Ip::AllVrfStatusLocal::Reactor::handleVrf,
+                 [this](const VrfName& vrf) { handleVrf(vrf); });
+   vrfsWatch_.onAttached([this] {
+      for (const auto& [vrf, status] : vrfs_->vrf())
+         handleVrf(vrf);
+   });
+   vrfsWatch_.notifierIs(vrfs_);
 }
 
 IntfStatusManagerRoot::~IntfStatusManagerRoot() {
@@ -149,20 +157,15 @@ void IntfStatusManagerRoot::namespaceFollowDel(const std::string& nsName) {
       intfStatusManagerDel(nsName);
 }
 
-void IntfStatusManagerRoot::VrfsReactor::onNotifierAttached() {
-   for (const auto& [vrf, status] : notifier()->vrf())
-      owner_.handleVrf(vrf);
-}
-
 void IntfStatusManagerRoot::handleVrf(const VrfName& vrf) {
    Ptr<const Ip::VrfStatusLocal> status = vrfs_->vrf(vrf);
    if (status) {
-      auto& reactor = vrfReactors_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<VrfReactor>(*this);
-      reactor->notifierIs(status);
+      auto [it, added] = vrfWatches_.try_emplace(vrf);
+      if (added)
+         it->second.on(&Ip::VrfStatusLocal::Reactor::handleNsName, [this, vrf] { doNsOfVrf(vrf); });
+      it->second.notifierIs(status);
    } else {
-      vrfReactors_.erase(vrf);
+      vrfWatches_.erase(vrf);
    }
    doNsOfVrf(vrf);
 }

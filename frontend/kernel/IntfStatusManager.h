@@ -87,32 +87,6 @@ class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
  private:
    friend class IntfStatusManager;
 
-   class DeviceNamesReactor : public Interface::DeviceNameConfig::Reactor {
-    public:
-      explicit DeviceNamesReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleDeviceName(const IntfId& intf) override { owner_.handleDeviceName(intf); }
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-   class VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
-    public:
-      explicit VrfsReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleVrf(const VrfName& vrf) override { owner_.handleVrf(vrf); }
-      void onNotifierAttached() override;
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-   class VrfReactor : public Ip::VrfStatusLocal::Reactor {
-    public:
-      explicit VrfReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleNsName() override { owner_.doNsOfVrf(notifier()->vrf()); }
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-
    void handleVrf(const VrfName& vrf);
    void handleDeviceName(const IntfId& intf);
    // Follows the namespace the VRF names into the managers of the namespaces it leaves
@@ -137,9 +111,9 @@ class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
    std::map<std::string, std::set<VrfName>> vrfsOfNs_;
    std::map<IntfId, const IntfStatusManager*> writer_;
    std::map<std::string, std::unique_ptr<IntfStatusManager>> managers_;
-   std::map<VrfName, std::unique_ptr<VrfReactor>> vrfReactors_;
-   DeviceNamesReactor deviceNamesReactor_{*this};
-   VrfsReactor vrfsReactor_{*this};
+   std::map<VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatches_;
+   Platform::Watch<const Interface::DeviceNameConfig> deviceNamesWatch_;
+   Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
 };
 
 }  // namespace Frontend

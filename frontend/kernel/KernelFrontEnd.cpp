@@ -77,26 +77,29 @@ KernelFrontEnd::KernelFrontEnd(EventLoop& loop, StateStore& store, Seams seams)
    // Without the watcher only the default VRF can become active; the relay still serves it.
    if (std::string error; !watcher_.start(error))
       TRACE(0, " network namespaces are not followed: ", error);
-   deviceNamesReactor_.notifierIs(deviceNames_);
-   vrfsReactor_.notifierIs(vrfs_);
+   deviceNamesWatch_.on(&Interface::DeviceNameConfig::Reactor::handleDeviceName,
+                        [this](const IntfId& intf) { handleDeviceNameConfig(intf); });
+   deviceNamesWatch_.notifierIs(deviceNames_);
+   vrfsWatch_.on(&Ip::AllVrfStatusLocal::Reactor::handleVrf,
+                 [this](const VrfName& vrf) { handleVrf(vrf); });
+   vrfsWatch_.onAttached([this] {
+      for (const auto& [vrf, status] : vrfs_->vrf())
+         handleVrf(vrf);
+   });
+   vrfsWatch_.notifierIs(vrfs_);
 }
 
 KernelFrontEnd::~KernelFrontEnd() = default;
 
-void KernelFrontEnd::VrfsReactor::onNotifierAttached() {
-   for (const auto& [vrf, status] : notifier()->vrf())
-      owner_.handleVrf(vrf);
-}
-
 void KernelFrontEnd::handleVrf(const VrfName& vrf) {
    Ptr<Ip::VrfStatusLocal> status = vrfs_->vrf(vrf);
-   auto it = vrfReactors_.find(vrf);
-   if (status && it == vrfReactors_.end()) {
-      auto reactor = std::make_unique<VrfReactor>(*this);
-      reactor->notifierIs(status);
-      vrfReactors_.emplace(vrf, std::move(reactor));
-   } else if (!status && it != vrfReactors_.end()) {
-      vrfReactors_.erase(it);
+   auto it = vrfWatches_.find(vrf);
+   if (status && it == vrfWatches_.end()) {
+      auto& watch = vrfWatches_[vrf];
+      watch.on(&Ip::VrfStatusLocal::Reactor::handleNsName, [this, vrf] { doBindVrf(vrf); });
+      watch.notifierIs(status);
+   } else if (!status && it != vrfWatches_.end()) {
+      vrfWatches_.erase(it);
    }
    doBindVrf(vrf);
 }
@@ -139,8 +142,8 @@ void KernelFrontEnd::handleDevice(const Binding& binding, uint32_t ifindex,
 // name, that waits for it, and all binding is done in VRF name order.
 void KernelFrontEnd::doBindVrf(const VrfName& vrf) {
    std::string wanted;
-   if (auto it = vrfReactors_.find(vrf); it != vrfReactors_.end()) {
-      const std::string& ns = it->second->notifier()->nsName().str();
+   if (auto it = vrfWatches_.find(vrf); it != vrfWatches_.end()) {
+      const std::string& ns = it->second.notifier()->nsName().str();
       // A VRF is created before its namespace is set.
       if (!ns.empty())
          wanted = isOwnNetNs(ns) ? std::string("default") : ns;

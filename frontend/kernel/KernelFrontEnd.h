@@ -83,31 +83,6 @@ class KernelFrontEnd {
    const NamespaceWatcher& namespaceWatcher() const { return watcher_; }
 
  private:
-   class VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
-    public:
-      explicit VrfsReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleVrf(const VrfName& vrf) override { owner_.handleVrf(vrf); }
-      void onNotifierAttached() override;
-
-    private:
-      KernelFrontEnd& owner_;
-   };
-   class VrfReactor : public Ip::VrfStatusLocal::Reactor {
-    public:
-      explicit VrfReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleNsName() override { owner_.doBindVrf(notifier()->vrf()); }
-
-    private:
-      KernelFrontEnd& owner_;
-   };
-   class DeviceNamesReactor : public Interface::DeviceNameConfig::Reactor {
-    public:
-      explicit DeviceNamesReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleDeviceName(const IntfId& intf) override { owner_.handleDeviceNameConfig(intf); }
-
-    private:
-      KernelFrontEnd& owner_;
-   };
    // A namespace bound to one VRF. Members are released watch first, so emptying the
    // table on the way out notifies nobody here.
    struct Binding final : KernelTableWatch::Handler {
@@ -177,9 +152,9 @@ class KernelFrontEnd {
    // interface first.
    std::map<std::string, std::set<Candidate>> devicesByName_;
    std::set<IntfId> dirty_;
-   std::map<VrfName, std::unique_ptr<VrfReactor>> vrfReactors_;
-   DeviceNamesReactor deviceNamesReactor_{*this};
-   VrfsReactor vrfsReactor_{*this};
+   std::map<VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatches_;
+   Platform::Watch<const Interface::DeviceNameConfig> deviceNamesWatch_;
+   Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
 };
 
 }  // namespace Frontend
