@@ -49,20 +49,7 @@ class AllIntfStatusDir : public Platform::Entity {
       virtual void handleIntfStatus(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfStatus>>& intfStatus() const { return intfStatus_; }
-   Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatus_, intf, nullptr);
-   }
-   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
-
- private:
-   std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
+   PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
 };
 
 // What only this host knows about an interface: its VRF and kernel index.
@@ -101,24 +88,7 @@ class AllIntfStatusLocalDir : public Platform::Entity {
       virtual void handleIntfStatusLocal(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfStatusLocal>>& intfStatusLocal() const {
-      return intfStatusLocal_;
-   }
-   Ptr<IntfStatusLocal> intfStatusLocal(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatusLocal_, intf, nullptr);
-   }
-   Ptr<IntfStatusLocal> intfStatusLocalIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
-   }
-   void intfStatusLocalDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
-   }
-   void intfStatusLocalDelAll() {
-      mapEntryDelAll(intfStatusLocal_, &Reactor::handleIntfStatusLocal);
-   }
-
- private:
-   std::map<Platform::IntfId, Ptr<IntfStatusLocal>> intfStatusLocal_;
+   PLATFORM_RECORDS(intfStatusLocal, IntfStatusLocal, Platform::IntfId, IntfStatusLocal)
 };
 
 // System interface name -> kernel device name, where the two differ (from the
