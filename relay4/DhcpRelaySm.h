@@ -192,6 +192,8 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    Ptr<const KernelNetInfo::KernelIntf> kernelIntfOf(const DhcpVrfSm& sm,
                                                      const Platform::IntfId& intf) const;
    void updateIntfStatus(const Platform::IntfId& intf);
+   // The same for an interface's reactor already at hand, without a second lookup.
+   static DhcpSmartRelayIntfSm* smartRelaySmOf(const KelDrIntfConfig& reactor);
    // The VRF a relay interface's lookup rows are under; null for no relay interface.
    const Platform::VrfName* rowsVrf(const Platform::IntfId& intf) const;
 
