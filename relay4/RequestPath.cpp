@@ -295,15 +295,8 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planOwnVrfCopy(RequestContext&
          doDrop(ctx, DropReason::srcIntfNeedsInfoOption);
          return std::nullopt;
       }
-      if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
-               " using source intf ", server.srcIntf,
-               " because source intf either belongs to different vrf ",
-               " or doesn't have an active address");
-         doDrop(ctx, DropReason::srcIntfInactive);
+      if (!doSourceIntf(ctx, server, plan))
          return std::nullopt;
-      }
-      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
       locate = true;
       TRACE(6, "giaddr is updated to", plan.giaddr);
    } else if (server.srcIp.isV4()) {
@@ -342,15 +335,8 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planCrossVrfCopy(
    plan.crossVrf = true;
    TRACE(6, "ingress vrf ", ctx.clientVrf, " egress vrf ", server.vrf);
    if (!server.srcIntf.empty()) {
-      if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
-               " using source intf ", server.srcIntf,
-               " because source intf either belongs to different vrf ",
-               " or doesn't have an active address");
-         doDrop(ctx, DropReason::srcIntfInactive);
+      if (!doSourceIntf(ctx, server, plan))
          return std::nullopt;
-      }
-      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
    } else {
       const std::optional<Platform::EgressRoute> route = egressRoute(*serverSm, plan.server);
       if (!route) {
@@ -372,6 +358,20 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planCrossVrfCopy(
    plan.option.serverIdOverride = ctx.gateway.address();
    plan.option.linkSelection = ctx.gateway.subnet();
    return plan;
+}
+
+bool DhcpRelaySm::doSourceIntf(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server,
+                               CopyPlan& plan) {
+   if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
+      TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
+            " using source intf ", server.srcIntf,
+            " because source intf either belongs to different vrf ",
+            " or doesn't have an active address");
+      doDrop(ctx, DropReason::srcIntfInactive);
+      return false;
+   }
+   plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
+   return true;
 }
 
 bool DhcpRelaySm::doApplyOption(RequestContext& ctx, const OptionPlan& option) {
