@@ -5,10 +5,12 @@
 // matches the DHCPOFFERs that come back on the same link by chaddr and xid.
 //
 //   dhcp-loadgen --dev DEV [--duration S] [--window N] [--clients N]
-//                [--timeout-ms T] [--drain-ms D]
+//                [--timeout-ms T] [--drain-ms D] [--until-answered 1]
 //
 // Sends for S seconds, waits D ms for late offers, then prints one line of figures
-// (key=value) that the script parses.
+// (key=value) that the script parses. With --until-answered it stops at the first
+// offer instead, which is how bench/startup_scale.sh sees the relay at work; its exit
+// status is then 0 only if an offer came.
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
@@ -55,6 +57,7 @@ struct Options {
    uint32_t clients = 65536;
    uint32_t timeoutMs = 1000;
    uint32_t drainMs = 1000;
+   bool untilAnswered = false;
 };
 
 uint64_t nowNs() {
@@ -177,6 +180,10 @@ class Load {
       uint64_t stopAll = stopSending + uint64_t{o_.drainMs} * 1000000u;
       for (uint64_t now = start; now < stopAll; now = nowNs()) {
          expire(now);
+         if (o_.untilAnswered && f_.answered > 0) {
+            stopSending = now;
+            break;
+         }
          if (now < stopSending) {
             fill(now);
          } else if (inWindow_ == 0 && !timedOut_) {
@@ -188,6 +195,8 @@ class Load {
       }
       elapsed_ = (stopSending - start) / 1e9;
    }
+
+   bool answered() const { return f_.answered > 0; }
 
    void report() {
       double p50 = 0, p99 = 0, max = 0;
@@ -320,7 +329,7 @@ class Load {
 int usage(const char* argv0) {
    std::fprintf(stderr,
                 "usage: %s --dev DEV [--duration S] [--window N] [--clients N] "
-                "[--timeout-ms T] [--drain-ms D]\n",
+                "[--timeout-ms T] [--drain-ms D] [--until-answered 1]\n",
                 argv0);
    return 2;
 }
@@ -346,6 +355,8 @@ int main(int argc, char** argv) {
          o.timeoutMs = static_cast<uint32_t>(std::atoi(v));
       } else if (arg == "--drain-ms") {
          o.drainMs = static_cast<uint32_t>(std::atoi(v));
+      } else if (arg == "--until-answered") {
+         o.untilAnswered = std::atoi(v) != 0;
       } else {
          return usage(argv[0]);
       }
@@ -383,8 +394,12 @@ int main(int argc, char** argv) {
       std::perror("bind");
       return 1;
    }
-   Load load(o, fd.get(), ifindex);
-   load.run();
-   load.report();
-   return 0;
+   bool answered = false;
+   {
+      Load load(o, fd.get(), ifindex);
+      load.run();
+      load.report();
+      answered = load.answered();
+   }
+   return o.untilAnswered && !answered ? 1 : 0;
 }

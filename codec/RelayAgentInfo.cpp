@@ -59,6 +59,22 @@ bool vrfNameOf(const Tlv& tlv, std::string& out) {
    return true;
 }
 
+// The relay's own sub-options after whatever the writer holds, and the option's length byte:
+// the size of the whole option, 0 when it holds nothing, nullopt when it does not fit.
+std::optional<size_t> finishOwn(Platform::ByteWriter& writer, const RelayAgentInfoValues& v,
+                                RelayAgentInfoBuffer& out) {
+   const bool fits = putAddr(writer, RelayAgentSubOption::linkSelection, v.linkSelection) &&
+                     putAddr(writer, RelayAgentSubOption::serverIdOverride, v.serverIdOverride) &&
+                     putVrf(writer, v.vrfName);
+   if (!fits)
+      return std::nullopt;
+   const size_t size = writer.offset();
+   if (size == 2)
+      return 0;
+   out[1] = static_cast<uint8_t>(size - 2);
+   return size;
+}
+
 }  // namespace
 
 std::optional<size_t> encodeRelayAgentInfo(const RelayAgentInfoValues& values,
@@ -68,19 +84,10 @@ std::optional<size_t> encodeRelayAgentInfo(const RelayAgentInfoValues& values,
    // buffer is exactly as large as the largest option.
    writer.write8(DhcpOption::relayAgentInfo);
    writer.write8(0);
-   const bool fits =
-       putText(writer, RelayAgentSubOption::circuitId, values.circuitId) &&
-       putText(writer, RelayAgentSubOption::remoteId, values.remoteId) &&
-       putAddr(writer, RelayAgentSubOption::linkSelection, values.linkSelection) &&
-       putAddr(writer, RelayAgentSubOption::serverIdOverride, values.serverIdOverride) &&
-       putVrf(writer, values.vrfName);
-   if (!fits)
+   if (!putText(writer, RelayAgentSubOption::circuitId, values.circuitId) ||
+       !putText(writer, RelayAgentSubOption::remoteId, values.remoteId))
       return std::nullopt;
-   const size_t size = writer.offset();
-   if (size == 2)
-      return 0;
-   out[1] = static_cast<uint8_t>(size - 2);
-   return size;
+   return finishOwn(writer, values, out);
 }
 
 std::optional<size_t> rewriteRelayAgentInfo(std::span<const uint8_t> value,
@@ -101,16 +108,7 @@ std::optional<size_t> rewriteRelayAgentInfo(std::span<const uint8_t> value,
    }
    if (step != TlvStep::EndOfData)
       return std::nullopt;
-   const bool fits = putAddr(writer, RelayAgentSubOption::linkSelection, own.linkSelection) &&
-                     putAddr(writer, RelayAgentSubOption::serverIdOverride, own.serverIdOverride) &&
-                     putVrf(writer, own.vrfName);
-   if (!fits)
-      return std::nullopt;
-   const size_t size = writer.offset();
-   if (size == 2)
-      return 0;
-   out[1] = static_cast<uint8_t>(size - 2);
-   return size;
+   return finishOwn(writer, own, out);
 }
 
 bool decodeRelayAgentInfo(std::span<const uint8_t> value, std::string& circuitId,

@@ -192,7 +192,11 @@ void DhcpRelaySm::handleSmartRelay(const IntfId& intf) {
 
 DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySm(const IntfId& intf) const {
    KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
-   return reactor ? reactor->smartRelaySm() : nullptr;
+   return reactor ? smartRelaySmOf(*reactor) : nullptr;
+}
+
+DhcpSmartRelayIntfSm* DhcpRelaySm::smartRelaySmOf(const KelDrIntfConfig& reactor) {
+   return reactor.smartRelaySm();
 }
 
 void DhcpRelaySm::handleVrf(const IntfId& intf) {

@@ -174,6 +174,8 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    // False when the copy was not sent (counted); `abandon` is set when no further copy of
    // the request may go either.
    bool doSendCopy(RequestContext& ctx, const CopyPlan& plan, bool& abandon);
+   // giaddr from a configured source interface, when it can carry the copy.
+   bool doSourceIntf(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server, CopyPlan& plan);
    bool doApplyOption(RequestContext& ctx, const OptionPlan& option);
    void doDrop(const RequestContext& ctx, DropReason reason);
 
@@ -192,6 +194,8 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    Ptr<const KernelNetInfo::KernelIntf> kernelIntfOf(const DhcpVrfSm& sm,
                                                      const Platform::IntfId& intf) const;
    void updateIntfStatus(const Platform::IntfId& intf);
+   // The same for an interface's reactor already at hand, without a second lookup.
+   static DhcpSmartRelayIntfSm* smartRelaySmOf(const KelDrIntfConfig& reactor);
    // The VRF a relay interface's lookup rows are under; null for no relay interface.
    const Platform::VrfName* rowsVrf(const Platform::IntfId& intf) const;
 

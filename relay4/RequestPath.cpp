@@ -69,7 +69,8 @@ struct DhcpRelaySm::RequestContext {
    bool firstHopOption = false;
    // Another relay agent's request: its giaddr and option stay as they came.
    bool relayed = false;
-   bool hasServerId = false;
+   // Whether the client sent option 54; read once, by the first copy that needs to know.
+   std::optional<bool> hasServerId;
    // What the packet carries now of the relay's own.
    enum class Applied : uint8_t { nothing, whole, merged } applied = Applied::nothing;
    OptionPlan current;
@@ -188,7 +189,7 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
    }
    // Without a secondary address smart relay has nowhere to move a client: the interface
    // relays from its primary, as if smart relay were off, until one appears.
-   DhcpSmartRelayIntfSm* smart = smartRelaySm(intf);
+   DhcpSmartRelayIntfSm* smart = smartRelaySmOf(*reactor);
    if (smart && !intfStatus->activeSecondaryWithMask().empty()) {
       const std::optional<Platform::IpAddrWithMask> chosen =
           smart->smartRelayRequest(intf, hdr.chaddr(), hdr.ciaddr(), pkt);
@@ -201,7 +202,6 @@ void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId
    ctx.hops = static_cast<uint8_t>(hdr.hops() + 1);
    if (!doFirstHopOption(ctx))
       return;
-   ctx.hasServerId = getServerId(pkt).has_value();
    Ptr<IntfServerIp> servers = in_.intfServerIpDir->drIntfServerIp(intf);
    PLATFORM_ASSERT(servers, "intfServerIp");
 
@@ -295,15 +295,8 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planOwnVrfCopy(RequestContext&
          doDrop(ctx, DropReason::srcIntfNeedsInfoOption);
          return std::nullopt;
       }
-      if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
-               " using source intf ", server.srcIntf,
-               " because source intf either belongs to different vrf ",
-               " or doesn't have an active address");
-         doDrop(ctx, DropReason::srcIntfInactive);
+      if (!doSourceIntf(ctx, server, plan))
          return std::nullopt;
-      }
-      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
       locate = true;
       TRACE(6, "giaddr is updated to", plan.giaddr);
    } else if (server.srcIp.isV4()) {
@@ -342,15 +335,8 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planCrossVrfCopy(
    plan.crossVrf = true;
    TRACE(6, "ingress vrf ", ctx.clientVrf, " egress vrf ", server.vrf);
    if (!server.srcIntf.empty()) {
-      if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
-         TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
-               " using source intf ", server.srcIntf,
-               " because source intf either belongs to different vrf ",
-               " or doesn't have an active address");
-         doDrop(ctx, DropReason::srcIntfInactive);
+      if (!doSourceIntf(ctx, server, plan))
          return std::nullopt;
-      }
-      plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
    } else {
       const std::optional<Platform::EgressRoute> route = egressRoute(*serverSm, plan.server);
       if (!route) {
@@ -372,6 +358,20 @@ std::optional<DhcpRelaySm::CopyPlan> DhcpRelaySm::planCrossVrfCopy(
    plan.option.serverIdOverride = ctx.gateway.address();
    plan.option.linkSelection = ctx.gateway.subnet();
    return plan;
+}
+
+bool DhcpRelaySm::doSourceIntf(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server,
+                               CopyPlan& plan) {
+   if (!sourceIntfActive(server.srcIntf, *in_.ipStatus, server.vrf)) {
+      TRACE(5, " Not relaying packet for intf ", ctx.intf, " to server ip ", plan.server,
+            " using source intf ", server.srcIntf,
+            " because source intf either belongs to different vrf ",
+            " or doesn't have an active address");
+      doDrop(ctx, DropReason::srcIntfInactive);
+      return false;
+   }
+   plan.giaddr = in_.ipStatus->ipIntfStatus(server.srcIntf)->activeAddrWithMask().address();
+   return true;
 }
 
 bool DhcpRelaySm::doApplyOption(RequestContext& ctx, const OptionPlan& option) {
@@ -422,7 +422,9 @@ bool DhcpRelaySm::doSendCopy(RequestContext& ctx, const CopyPlan& plan, bool& ab
    ctx.hdr.hopsIs(ctx.hops);
    // The client took the relay's override address for its server; the real server must
    // see itself named (RFC 5107 section 4). A message without option 54 names none.
-   if (plan.crossVrf && ctx.hasServerId && !setServerId(ctx.pkt, plan.server)) {
+   if (plan.crossVrf && !ctx.hasServerId)
+      ctx.hasServerId = getServerId(ctx.pkt).has_value();
+   if (plan.crossVrf && *ctx.hasServerId && !setServerId(ctx.pkt, plan.server)) {
       TRACE(5, "Could not override server identifier option.  Dropping pkt.");
       doDrop(ctx, DropReason::serverIdRewriteFailed);
       abandon = true;

@@ -10,7 +10,7 @@ fi
 packages=(
    # build
    cmake ninja-build g++ ccache pkg-config clang-format
-   libyaml-cpp-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev libc-ares-dev
+   libyaml-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev libc-ares-dev
    libgtest-dev libgmock-dev libbenchmark-dev
    # tests and the lab
    python3 python3-pytest iproute2 procps

@@ -6,42 +6,6 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::IntfId;
 
-class DhcpRelayServerIpSm::ConfigReactor : public Config::Reactor {
- public:
-   ConfigReactor(DhcpRelayServerIpSm& sm, const Ptr<const Config>& config) : sm_(sm) {
-      notifierIs(config);
-   }
-   void handleIntfConfig(const IntfId& intf) override { sm_.handleIntfConfig(intf); }
-
- private:
-   DhcpRelayServerIpSm& sm_;
-};
-
-class DhcpRelayServerIpSm::RecordDirReactor : public ResolutionRecordDir::Reactor {
- public:
-   RecordDirReactor(DhcpRelayServerIpSm& sm, const Ptr<const ResolutionRecordDir>& dir) : sm_(sm) {
-      notifierIs(dir);
-   }
-   void handleRecord(const std::string& hostname) override { sm_.handleNamelookRecord(hostname); }
-
- private:
-   DhcpRelayServerIpSm& sm_;
-};
-
-class DhcpRelayServerIpSm::HostnameMapReactor : public HostnameToIntfNameMap::Reactor {
- public:
-   HostnameMapReactor(DhcpRelayServerIpSm& sm, const Ptr<const HostnameToIntfNameMap>& map)
-       : sm_(sm) {
-      notifierIs(map);
-   }
-   void handleHostnameToIntfName(const std::string& hostname) override {
-      sm_.handleNamelookRecord(hostname);
-   }
-
- private:
-   DhcpRelayServerIpSm& sm_;
-};
-
 DhcpRelayServerIpSm::DhcpRelayServerIpSm(const Ptr<const Config>& config,
                                          const Ptr<ResolutionRequestDir>& namelookRequest,
                                          const Ptr<const ResolutionRecordDir>& namelookRecord,
@@ -52,17 +16,23 @@ DhcpRelayServerIpSm::DhcpRelayServerIpSm(const Ptr<const Config>& config,
       namelookRecord_(namelookRecord),
       intfServerIpDir_(intfServerIpDir),
       hostnameToIntfNameMap_(hostnameToIntfNameMap) {
-   configReactor_ = std::make_unique<ConfigReactor>(*this, config_);
-   recordDirReactor_ = std::make_unique<RecordDirReactor>(*this, namelookRecord_);
-   hostnameMapReactor_ = std::make_unique<HostnameMapReactor>(*this, hostnameToIntfNameMap_);
+   configWatch_.on(&Config::Reactor::handleIntfConfig,
+                   [this](const IntfId& intf) { handleIntfConfig(intf); });
+   configWatch_.notifierIs(config_);
+   records_.on(&ResolutionRecordDir::Reactor::handleRecord,
+               [this](const std::string& hostname) { handleNamelookRecord(hostname); });
+   records_.notifierIs(namelookRecord_);
+   hostnames_.on(&HostnameToIntfNameMap::Reactor::handleHostnameToIntfName,
+                 [this](const std::string& hostname) { handleNamelookRecord(hostname); });
+   hostnames_.notifierIs(hostnameToIntfNameMap_);
 }
 
 DhcpRelayServerIpSm::~DhcpRelayServerIpSm() {
    // Whoever still holds the directories may change them while the machines go; with the
    // reactors gone first no half-deleted machine is reached.
-   hostnameMapReactor_.reset();
-   recordDirReactor_.reset();
-   configReactor_.reset();
+   hostnames_.notifierIs(nullptr);
+   records_.notifierIs(nullptr);
+   configWatch_.notifierIs(nullptr);
    intfServerIpNamelookSm_.clear();
    intfConfigServerIpSm_.clear();
 }

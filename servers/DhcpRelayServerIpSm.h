@@ -48,10 +48,6 @@ class DhcpRelayServerIpSm {
    bool initialized() const { return initialized_; }
 
  private:
-   class ConfigReactor;
-   class RecordDirReactor;
-   class HostnameMapReactor;
-
    void handleIntfConfig(const Platform::IntfId& intf);
    void handleIntfConfig();
    void handleNamelookRecord(const std::string& hostname);
@@ -64,9 +60,9 @@ class DhcpRelayServerIpSm {
    std::map<Platform::IntfId, std::unique_ptr<IntfConfigServerIpSm>> intfConfigServerIpSm_;
    std::map<std::string, std::unique_ptr<IntfServerIpNamelookSm>> intfServerIpNamelookSm_;
    bool initialized_ = false;
-   std::unique_ptr<ConfigReactor> configReactor_;
-   std::unique_ptr<RecordDirReactor> recordDirReactor_;
-   std::unique_ptr<HostnameMapReactor> hostnameMapReactor_;
+   Platform::Watch<const Config> configWatch_;
+   Platform::Watch<const ResolutionRecordDir> records_;
+   Platform::Watch<const HostnameToIntfNameMap> hostnames_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -14,18 +14,6 @@ using Platform::IntfId;
 using Platform::VrfName;
 
 template <class IntfStatusT>
-class DhcpVrfSelect<IntfStatusT>::IntfVrfReactor : public IntfStatusT::Reactor {
- public:
-   IntfVrfReactor(DhcpVrfSelect& sm, const Ptr<const IntfStatusT>& status) : sm_(sm) {
-      this->notifierIs(status);
-   }
-   void handleVrf() override { sm_.handleIntfVrfHelper(this->notifier()->intfId()); }
-
- private:
-   DhcpVrfSelect& sm_;
-};
-
-template <class IntfStatusT>
 DhcpVrfSelect<IntfStatusT>::DhcpVrfSelect(const Ptr<VrfWithCountDir>& activeVrfDir)
     : activeVrfDir_(activeVrfDir) {}
 
@@ -68,7 +56,7 @@ void DhcpVrfSelect<IntfStatusT>::handleIntfVrfHelper(const IntfId& intf) {
    auto member = intfsWithDhcpServer_.find(intf);
    auto current = currentVrf_.find(intf);
    PLATFORM_ASSERT(member != intfsWithDhcpServer_.end() && current != currentVrf_.end(), "vrf");
-   const VrfName& vrf = member->second->notifier()->vrf();
+   const VrfName& vrf = member->second.notifier()->vrf();
    if (vrf == current->second) {
       TRACE(4, " No change in VRF for interface ", intf);
       return;
@@ -107,13 +95,13 @@ void DhcpVrfSelect<IntfStatusT>::currentVrfIs(const IntfId& intf, const VrfName&
 template <class IntfStatusT>
 void DhcpVrfSelect<IntfStatusT>::intfsWithDhcpServerIs(const IntfId& intf,
                                                        const Ptr<const IntfStatusT>& status) {
-   auto& reactor = intfsWithDhcpServer_[intf];
-   if (reactor) {
-      reactor->notifierIs(status);
-      return;
-   }
-   reactor = std::make_unique<IntfVrfReactor>(*this, status);
-   handleIntfsWithDhcpServer(intf);
+   auto [it, added] = intfsWithDhcpServer_.try_emplace(intf);
+   auto& watch = it->second;
+   if (added)
+      watch.on(&IntfStatusT::Reactor::handleVrf, [this, intf] { handleIntfVrfHelper(intf); });
+   watch.notifierIs(status);
+   if (added)
+      handleIntfsWithDhcpServer(intf);
 }
 
 template <class IntfStatusT>

@@ -61,11 +61,9 @@ class DhcpVrfSelect {
    bool initialized_ = false;
 
  private:
-   class IntfVrfReactor;
-
    Ptr<VrfWithCountDir> activeVrfDir_;
    std::map<Platform::IntfId, Platform::VrfName> currentVrf_;
-   std::map<Platform::IntfId, std::unique_ptr<IntfVrfReactor>> intfsWithDhcpServer_;
+   std::map<Platform::IntfId, Platform::Watch<const IntfStatusT>> intfsWithDhcpServer_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -7,50 +7,16 @@ namespace Ip::Helper::DhcpRelay {
 
 using Platform::IntfId;
 
-class DhcpVrfSelectSmv4::IpStatusReactor : public Ip::Status::Reactor {
- public:
-   IpStatusReactor(DhcpVrfSelectSmv4& sm, const Ptr<const Ip::Status>& status) : sm_(sm) {
-      notifierIs(status);
-   }
-   void handleIpIntfStatus(const IntfId& intf) override { sm_.handleIpIntfStatus(intf); }
-
- private:
-   DhcpVrfSelectSmv4& sm_;
-};
-
-class DhcpVrfSelectSmv4::IntfServerIpDirReactor : public IntfServerIpDir::Reactor {
- public:
-   IntfServerIpDirReactor(DhcpVrfSelectSmv4& sm, const Ptr<const IntfServerIpDir>& dir) : sm_(sm) {
-      notifierIs(dir);
-   }
-   void handleDrIntfServerIp(const IntfId& intf) override { sm_.handleIntfServerIp(intf); }
-
- private:
-   DhcpVrfSelectSmv4& sm_;
-};
-
-// Follows one interface's server set and remembers which entries' VRFs it has counted: an
-// entry is notified again whenever its reference count changes (a second source naming the
-// same server), and that must not count its VRF again.
-class DhcpVrfSelectSmv4::IntfServerIpReactor : public IntfServerIp::Reactor {
- public:
-   IntfServerIpReactor(DhcpVrfSelectSmv4& sm, const Ptr<const IntfServerIp>& servers) : sm_(sm) {
-      notifierIs(servers);
-   }
-   void handleServerIp(const VrfIpSrcIntfSrcIp& key) override { sm_.handleServerIp(*this, key); }
-
-   std::set<VrfIpSrcIntfSrcIp> counted;
-
- private:
-   DhcpVrfSelectSmv4& sm_;
-};
-
 DhcpVrfSelectSmv4::DhcpVrfSelectSmv4(const Ptr<const Ip::Status>& ipStatus,
                                      const Ptr<const IntfServerIpDir>& intfServerIpDir,
                                      const Ptr<VrfWithCountDir>& activeVrfDir)
     : DhcpVrfSelect(activeVrfDir), ipStatus_(ipStatus), intfServerIpDir_(intfServerIpDir) {
-   ipStatusReactor_ = std::make_unique<IpStatusReactor>(*this, ipStatus_);
-   intfServerIpDirReactor_ = std::make_unique<IntfServerIpDirReactor>(*this, intfServerIpDir_);
+   ipStatusWatch_.on(&Ip::Status::Reactor::handleIpIntfStatus,
+                     [this](const IntfId& intf) { handleIpIntfStatus(intf); });
+   ipStatusWatch_.notifierIs(ipStatus_);
+   serverDirWatch_.on(&IntfServerIpDir::Reactor::handleDrIntfServerIp,
+                      [this](const IntfId& intf) { handleIntfServerIp(intf); });
+   serverDirWatch_.notifierIs(intfServerIpDir_);
 }
 
 DhcpVrfSelectSmv4::~DhcpVrfSelectSmv4() = default;
@@ -86,31 +52,36 @@ void DhcpVrfSelectSmv4::handleIntfServerIp(const IntfId& intf) {
       return;
    TRACE(4, " for ", intf);
    const Ptr<const IntfServerIp> servers = intfServerIpDir_->drIntfServerIp(intf);
-   auto it = intfServerIpReactor_.find(intf);
-   if (it != intfServerIpReactor_.end() && it->second->notifier() != servers) {
+   auto it = serverSets_.find(intf);
+   if (it != serverSets_.end() && it->second.watch.notifier() != servers) {
       // The set was deleted with its entries, so no entry was notified: its counts go here.
-      for (const VrfIpSrcIntfSrcIp& key : it->second->counted)
+      for (const VrfIpSrcIntfSrcIp& key : it->second.counted)
          activeVrfDec(*activeVrfDir(), key.vrf);
       intfsWithDhcpServerDel(intf);
-      intfServerIpReactor_.erase(it);
+      serverSets_.erase(it);
    }
    if (!servers)
       return;
-   auto& reactor = intfServerIpReactor_[intf];
-   if (!reactor)
-      reactor = std::make_unique<IntfServerIpReactor>(*this, servers);
-   handleServerIp(*reactor);
+   auto [set, added] = serverSets_.try_emplace(intf);
+   ServerSet& reactor = set->second;
+   if (added) {
+      reactor.watch.on(
+          &IntfServerIp::Reactor::handleServerIp,
+          [this, &reactor](const VrfIpSrcIntfSrcIp& key) { handleServerIp(reactor, key); });
+      reactor.watch.notifierIs(servers);
+   }
+   handleServerIp(reactor);
 }
 
-void DhcpVrfSelectSmv4::handleServerIp(IntfServerIpReactor& reactor) {
-   for (const auto& [key, count] : reactor.notifier()->serverIp())
+void DhcpVrfSelectSmv4::handleServerIp(ServerSet& reactor) {
+   for (const auto& [key, count] : reactor.watch.notifier()->serverIp())
       handleServerIp(reactor, key);
 }
 
-void DhcpVrfSelectSmv4::handleServerIp(IntfServerIpReactor& reactor, const VrfIpSrcIntfSrcIp& key) {
+void DhcpVrfSelectSmv4::handleServerIp(ServerSet& reactor, const VrfIpSrcIntfSrcIp& key) {
    if (!initialized_)
       return;
-   const IntfServerIp& servers = *reactor.notifier();
+   const IntfServerIp& servers = *reactor.watch.notifier();
    const IntfId& intf = servers.intfId();
    TRACE(4, " for serverIp ", key, " on interface ", intf);
    if (servers.serverIp(key) != 0) {

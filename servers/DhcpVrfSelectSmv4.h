@@ -28,23 +28,27 @@ class DhcpVrfSelectSmv4 : public DhcpVrfSelect<Ip::IpIntfStatus> {
    void handleInitialized();
 
  private:
-   class IpStatusReactor;
-   class IntfServerIpDirReactor;
-   class IntfServerIpReactor;
+   // One interface's server set, and which entries' VRFs it has counted: an entry is
+   // notified again whenever its reference count changes (a second source naming the same
+   // server), and that must not count its VRF again.
+   struct ServerSet {
+      Platform::Watch<const IntfServerIp> watch;
+      std::set<VrfIpSrcIntfSrcIp> counted;
+   };
 
    void handleIpIntfStatus(const Platform::IntfId& intf);
    void handleIpIntfStatus();
    void handleIntfServerIp(const Platform::IntfId& intf);
    void handleIntfServerIp();
-   void handleServerIp(IntfServerIpReactor& reactor, const VrfIpSrcIntfSrcIp& key);
-   void handleServerIp(IntfServerIpReactor& reactor);
+   void handleServerIp(ServerSet& set, const VrfIpSrcIntfSrcIp& key);
+   void handleServerIp(ServerSet& set);
    void handleIntfsWithDhcpServer(const Platform::IntfId& intf) override;
 
    Ptr<const Ip::Status> ipStatus_;
    Ptr<const IntfServerIpDir> intfServerIpDir_;
-   std::unique_ptr<IpStatusReactor> ipStatusReactor_;
-   std::unique_ptr<IntfServerIpDirReactor> intfServerIpDirReactor_;
-   std::map<Platform::IntfId, std::unique_ptr<IntfServerIpReactor>> intfServerIpReactor_;
+   Platform::Watch<const Ip::Status> ipStatusWatch_;
+   Platform::Watch<const IntfServerIpDir> serverDirWatch_;
+   std::map<Platform::IntfId, ServerSet> serverSets_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -9,20 +9,6 @@
 
 namespace Ip::Helper::DhcpRelay {
 
-class IntfConfigServerIpSm::IntfConfigReactor : public IntfConfig::Reactor {
- public:
-   IntfConfigReactor(IntfConfigServerIpSm& sm, const Ptr<const IntfConfig>& intfConfig) : sm_(sm) {
-      notifierIs(intfConfig);
-   }
-   void handleServerIp(const VrfIpSrcIntfSrcIp& key) override { sm_.handleServerIpConfig(key); }
-   void handleServerHostname(const VrfHostnameSrcIntfSrcIp& key) override {
-      sm_.handleServerHostname(key);
-   }
-
- private:
-   IntfConfigServerIpSm& sm_;
-};
-
 IntfConfigServerIpSm::IntfConfigServerIpSm(const Ptr<const IntfConfig>& intfConfig,
                                            const Ptr<ResolutionRequestDir>& namelookRequest,
                                            const Ptr<const ResolutionRecordDir>& namelookRecord,
@@ -34,7 +20,11 @@ IntfConfigServerIpSm::IntfConfigServerIpSm(const Ptr<const IntfConfig>& intfConf
       intfServerIp_(intfServerIp),
       hostnameToIntfNameMap_(hostnameToIntfNameMap) {
    PLATFORM_ASSERT(intfServerIp_, "intfServerIp()");
-   intfConfigReactor_ = std::make_unique<IntfConfigReactor>(*this, intfConfig_);
+   intfConfigWatch_.on(&IntfConfig::Reactor::handleServerIp,
+                       [this](const VrfIpSrcIntfSrcIp& key) { handleServerIpConfig(key); });
+   intfConfigWatch_.on(&IntfConfig::Reactor::handleServerHostname,
+                       [this](const VrfHostnameSrcIntfSrcIp& key) { handleServerHostname(key); });
+   intfConfigWatch_.notifierIs(intfConfig_);
 }
 
 IntfConfigServerIpSm::~IntfConfigServerIpSm() = default;

@@ -47,8 +47,6 @@ class IntfConfigServerIpSm {
    bool initialized() const { return initialized_; }
 
  private:
-   class IntfConfigReactor;
-
    void handleServerIpConfig(const VrfIpSrcIntfSrcIp& key);
    void handleServerIpConfig();
    void handleServerHostname(const VrfHostnameSrcIntfSrcIp& key);
@@ -63,7 +61,7 @@ class IntfConfigServerIpSm {
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
    bool initialized_ = false;
    bool leaving_ = false;
-   std::unique_ptr<IntfConfigReactor> intfConfigReactor_;
+   Platform::Watch<const IntfConfig> intfConfigWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -9,17 +9,6 @@ using Namelook::ResolutionRecord;
 using Platform::IntfId;
 using Platform::IpAddr;
 
-class IntfServerIpNamelookSm::RecordReactor : public ResolutionRecord::Reactor {
- public:
-   RecordReactor(IntfServerIpNamelookSm& sm, const Ptr<const ResolutionRecord>& record) : sm_(sm) {
-      notifierIs(record);
-   }
-   void handleIpAddress(IpAddr ip) override { sm_.handleRecordUpdate(ip); }
-
- private:
-   IntfServerIpNamelookSm& sm_;
-};
-
 IntfServerIpNamelookSm::IntfServerIpNamelookSm(
     const Ptr<const Config>& config, const Ptr<const ResolutionRecord>& record,
     const Ptr<const HostnameToIntfNameMap>& hostnameToIntfNameMap,
@@ -28,7 +17,9 @@ IntfServerIpNamelookSm::IntfServerIpNamelookSm(
       record_(record),
       hostnameToIntfNameMap_(hostnameToIntfNameMap),
       intfServerIpDir_(intfServerIpDir) {
-   recordReactor_ = std::make_unique<RecordReactor>(*this, record_);
+   recordWatch_.on(&ResolutionRecord::Reactor::handleIpAddress,
+                   [this](IpAddr ip) { handleRecordUpdate(ip); });
+   recordWatch_.notifierIs(record_);
 }
 
 IntfServerIpNamelookSm::~IntfServerIpNamelookSm() = default;

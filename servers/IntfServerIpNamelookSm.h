@@ -29,15 +29,13 @@ class IntfServerIpNamelookSm {
    const Ptr<const Namelook::ResolutionRecord>& record() const { return record_; }
 
  private:
-   class RecordReactor;
-
    void handleRecordUpdate(Platform::IpAddr ip);
 
    Ptr<const Config> config_;
    Ptr<const Namelook::ResolutionRecord> record_;
    Ptr<const HostnameToIntfNameMap> hostnameToIntfNameMap_;
    Ptr<IntfServerIpDir> intfServerIpDir_;
-   std::unique_ptr<RecordReactor> recordReactor_;
+   Platform::Watch<const Namelook::ResolutionRecord> recordWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

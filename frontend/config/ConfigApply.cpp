@@ -1,18 +1,20 @@
 #include "frontend/config/ConfigApply.h"
 
-#include <dirent.h>
+#include <linux/if_arp.h>
+#include <linux/rtnetlink.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
-#include <fstream>
-#include <limits>
+#include <cstring>
 #include <set>
 #include <type_traits>
 #include <vector>
 
 #include "platform/base/Assert.h"
+#include "platform/linux/Netlink.h"
 #include "platform/trace/Trace.h"
 
 namespace Frontend {
@@ -83,7 +85,7 @@ void applyInterface(Relay::IntfConfig& c, const InterfaceDoc& d) {
    c.routeInstallIs(d.routeInstall);
 }
 
-void applyRelay(Relay::Config& c, const ConfigDocument& doc) {
+void applyRelay(Relay::Config& c, const ConfigDocument& doc, const ConfigDocument* applied) {
    c.smartRelayGlobalIs(doc.relay.smartRelay);
    c.dscpV4Is(doc.relay.dscpV4);
    c.dscpV6Is(doc.relay.dscpV6);
@@ -95,7 +97,14 @@ void applyRelay(Relay::Config& c, const ConfigDocument& doc) {
           TRACE(2, "relay interface removed: ", intf);
           c.intfConfigDel(intf);
        },
-       [&](const auto& entry) { applyInterface(*c.intfConfigIs(entry.first), entry.second); });
+       [&](const auto& entry) {
+          if (applied && c.intfConfig(entry.first)) {
+             auto before = applied->interfaces.find(entry.first);
+             if (before != applied->interfaces.end() && before->second == entry.second)
+                return;
+          }
+          applyInterface(*c.intfConfigIs(entry.first), entry.second);
+       });
 }
 
 // Snooping is switched off before, and on after, its other settings change, so that
@@ -164,13 +173,6 @@ void removeVrfs(Ip::AllVrfStatusLocal& all, const ConfigDocument& doc) {
    }
 }
 
-std::string readFirstLine(const std::string& path) {
-   std::ifstream in(path);
-   std::string line;
-   std::getline(in, line);
-   return line;
-}
-
 void applyDeviceNames(Interface::DeviceNameConfig& rec,
                       const std::map<Platform::IntfId, std::string>& want) {
    std::vector<Platform::IntfId> gone;
@@ -186,7 +188,7 @@ void applyDeviceNames(Interface::DeviceNameConfig& rec,
 
 }  // namespace
 
-void applyConfig(const ConfigDocument& doc, Targets& targets) {
+void applyConfig(const ConfigDocument& doc, Targets& targets, const ConfigDocument* applied) {
    PLATFORM_ASSERT(targets.relay && targets.snooping && targets.snooping6 && targets.vrfs &&
                        targets.netStatus && targets.entityMib && targets.bridging &&
                        targets.deviceNames,
@@ -198,7 +200,7 @@ void applyConfig(const ConfigDocument& doc, Targets& targets) {
                                                            : hostBridgeMac());
    applyDeviceNames(*targets.deviceNames, doc.devices);
    applyBridging(*targets.bridging, doc);
-   applyRelay(*targets.relay, doc);
+   applyRelay(*targets.relay, doc, applied);
    applySnooping(*targets.snooping, *targets.snooping6, doc.snooping);
    removeVrfs(*targets.vrfs, doc);
    TRACE(1, "configuration applied: ", doc.interfaces.size(), " relay interfaces, ",
@@ -212,34 +214,66 @@ std::string hostHostname() {
    return name;
 }
 
-Platform::EthAddr hostBridgeMac(const std::string& sysClassNet) {
-   // ARPHRD_ETHER: loopback, tunnels and other link types have no usable MAC.
-   constexpr const char* kEthernetType = "1";
-   Platform::EthAddr best;
-   long bestIndex = std::numeric_limits<long>::max();
-   DIR* dir = ::opendir(sysClassNet.c_str());
-   if (!dir)
-      return best;
-   while (const dirent* entry = ::readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name == "." || name == "..")
+Platform::EthAddr lowestEthernetMac(const std::vector<HostLink>& links) {
+   const HostLink* best = nullptr;
+   for (const HostLink& l : links) {
+      // Loopback, tunnels and other link types have no usable MAC.
+      if (l.type != ARPHRD_ETHER || l.mac.isZero())
          continue;
-      const std::string base = sysClassNet + "/" + name + "/";
-      if (readFirstLine(base + "type") != kEthernetType)
-         continue;
-      const auto mac = Platform::EthAddr::parse(readFirstLine(base + "address"));
-      if (!mac || mac->isZero())
-         continue;
-      const std::string index = readFirstLine(base + "ifindex");
-      char* end = nullptr;
-      const long n = std::strtol(index.c_str(), &end, 10);
-      if (index.empty() || *end != '\0' || n >= bestIndex)
-         continue;
-      best = *mac;
-      bestIndex = n;
+      if (!best || l.ifindex < best->ifindex)
+         best = &l;
    }
-   ::closedir(dir);
-   return best;
+   return best ? best->mac : Platform::EthAddr();
+}
+
+// A link dump rather than /sys/class/net: sysfs costs three files per device, which adds
+// up on a switch with thousands of VLAN devices and is paid again on every reload.
+Platform::EthAddr hostBridgeMac() {
+   std::string error;
+   auto socket = Platform::NetlinkSocket::open("", 0, false, error);
+   if (!socket) {
+      TRACE(0, " no bridge MAC from the kernel: ", error);
+      return {};
+   }
+   alignas(nlmsghdr) std::array<uint8_t, 64> request{};
+   nlmsghdr* nlh = mnl_nlmsg_put_header(request.data());
+   nlh->nlmsg_type = RTM_GETLINK;
+   nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+   nlh->nlmsg_seq = socket->nextSeq();
+   auto* ifi = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+   ifi->ifi_family = AF_UNSPEC;
+   if (!socket->send(nlh, error)) {
+      TRACE(0, " no bridge MAC from the kernel: ", error);
+      return {};
+   }
+   std::vector<HostLink> links;
+   std::vector<uint8_t> buffer(Platform::kNetlinkBufferSize);
+   for (bool done = false; !done;) {
+      const ssize_t n = socket->receive(buffer);
+      if (n == -EINTR || n == 0)
+         continue;
+      if (n < 0) {
+         TRACE(0, " no bridge MAC from the kernel: ", std::strerror(static_cast<int>(-n)));
+         return {};
+      }
+      Platform::forEachNetlinkMessage(
+          {buffer.data(), static_cast<size_t>(n)}, [&](const nlmsghdr* m) {
+             if (m->nlmsg_type == NLMSG_DONE || m->nlmsg_type == NLMSG_ERROR)
+                done = true;
+             const auto* link = Platform::netlinkHeader<ifinfomsg>(m);
+             if (m->nlmsg_type != RTM_NEWLINK || !link)
+                return;
+             auto attrs = Platform::netlinkAttrs<IFLA_ADDRESS + 1>(m, sizeof(ifinfomsg));
+             const nlattr* a = attrs[IFLA_ADDRESS];
+             if (!a || mnl_attr_get_payload_len(a) != 6)
+                return;
+             Platform::EthAddr::Bytes bytes;
+             std::memcpy(bytes.data(), mnl_attr_get_payload(a), 6);
+             links.push_back({static_cast<uint32_t>(link->ifi_index), link->ifi_type,
+                              Platform::EthAddr(bytes)});
+          });
+   }
+   return lowestEthernetMac(links);
 }
 
 }  // namespace Frontend

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "frontend/config/ConfigDocument.h"
 #include "model/Config.h"
@@ -32,12 +34,24 @@ struct Targets {
 // Brings every target to what `doc` says through the records' mutators, so that a
 // reload notifies exactly what changed: applying the same document twice notifies
 // nothing the second time. The default VRF always has its entry, named after the
-// agent's own namespace.
-void applyConfig(const ConfigDocument& doc, Targets& targets);
+// agent's own namespace. `applied`, the document applied to the targets last, lets a
+// reload pass over the interfaces it leaves as they were without looking at their
+// servers (a switch has thousands of interfaces, each with many servers).
+void applyConfig(const ConfigDocument& doc, Targets& targets,
+                 const ConfigDocument* applied = nullptr);
 
 // What the host says when the file does not: the host name, and the MAC address of
-// the Ethernet device with the lowest ifindex under `sysClassNet` (zero when none).
+// the Ethernet device with the lowest ifindex in the agent's namespace (zero when none).
 std::string hostHostname();
-Platform::EthAddr hostBridgeMac(const std::string& sysClassNet = "/sys/class/net");
+Platform::EthAddr hostBridgeMac();
+
+// One kernel device, as far as choosing the bridge MAC goes.
+struct HostLink {
+   uint32_t ifindex;
+   uint16_t type;  // ARPHRD_*
+   Platform::EthAddr mac;
+};
+// The MAC of the Ethernet device with the lowest ifindex that has one (zero when none).
+Platform::EthAddr lowestEthernetMac(const std::vector<HostLink>& links);
 
 }  // namespace Frontend

@@ -50,8 +50,8 @@ std::vector<std::string> ConfigFrontEnd::load() {
          TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
+   applyConfig(parsed.document, targets_, &document_);
    document_ = std::move(parsed.document);
-   applyConfig(document_, targets_);
    doApplyVlanMembership();
    TRACE(1, " configuration loaded from ", path_);
    return {};

@@ -2,20 +2,21 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <yaml-cpp/yaml.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <functional>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include "frontend/config/YamlTree.h"
 #include "platform/linux/Fd.h"
 
 namespace Frontend {
@@ -44,23 +45,61 @@ constexpr int64_t kCircuitIdTypeMax = 255;
 const std::string_view kFormatPortVlan = "%p:%v";
 const std::string_view kFormatHostPort = "%h:%p";
 
-// A node under validation and where its problems are reported.
+// A node under validation and where its problems are reported. Its path
+// ("interfaces.Ethernet1.servers[0]") is spelled out only for a report: a file of a
+// hundred thousand servers has a few hundred thousand nodes and, mostly, no problems.
 struct Value {
-   YAML::Node node;
-   std::string path;
+   // The root.
+   Value(const Yaml::Node* node, int line) : node(node), line(line) {}
+   // Under `key` of the map `parent`.
+   Value(const Yaml::Node* node, int line, const Value& parent, std::string_view key)
+       : node(node), line(line), parent(&parent), key(key) {}
+   // At `index` of the list `parent`.
+   Value(const Yaml::Node* node, int line, const Value& parent, size_t index)
+       : node(node), line(line), parent(&parent), index(index), item(true) {}
+
+   const Yaml::Node* node;
    int line;
+   const Value* parent = nullptr;
+   std::string_view key;
+   size_t index = 0;
+   bool item = false;
+
+   std::string path() const {
+      if (!parent)
+         return std::string(key);
+      std::string out = parent->path();
+      if (item)
+         return out + "[" + std::to_string(index) + "]";
+      return out.empty() ? std::string(key) : out + "." + std::string(key);
+   }
 };
 
-// yaml-cpp marks an empty value with the position of the token after it, often on a
-// later line, so problems with an empty value are reported on its key's line.
-int lineOf(const YAML::Node& node, int fallback) {
-   if (node.IsNull() || node.Mark().line < 0)
-      return fallback;
-   return node.Mark().line + 1;
-}
+// A call through to a callable that outlives the call. Handler tables are built for
+// every map of the file, and std::function would allocate for each handler.
+template <class Signature>
+class FunctionRef;
+template <class R, class... Args>
+class FunctionRef<R(Args...)> {
+ public:
+   template <class F>
+   FunctionRef(const F& f)  // NOLINT: converts like std::function does
+       : object_(&f), call_([](const void* o, Args... args) -> R {
+            return (*static_cast<const F*>(o))(std::forward<Args>(args)...);
+         }) {}
+   R operator()(Args... args) const { return call_(object_, std::forward<Args>(args)...); }
 
-std::string join(const std::string& path, std::string_view key) {
-   return path.empty() ? std::string(key) : path + "." + std::string(key);
+ private:
+   const void* object_;
+   R (*call_)(const void*, Args...);
+};
+
+// YAML readers mark an empty value with the position of the token after it, often on a
+// later line, so problems with an empty value are reported on its key's line.
+int lineOf(const Yaml::Node& node, int fallback) {
+   if (node.kind == Yaml::Kind::null || node.line < 0)
+      return fallback;
+   return node.line + 1;
 }
 
 std::string quoted(std::string_view text) {
@@ -85,26 +124,26 @@ constexpr std::string_view kCoreTagPrefix = "tag:yaml.org,2002:";
 
 // A scalar is a boolean or a number only when written without quotes, or tagged as
 // one (`!!int 5`); "5" in quotes is a string.
-bool isScalarOf(const YAML::Node& node, std::string_view coreType) {
-   if (!node.IsScalar())
+bool isScalarOf(const Yaml::Node& node, std::string_view coreType) {
+   if (node.kind != Yaml::Kind::scalar)
       return false;
-   const std::string& tag = node.Tag();
+   const std::string& tag = node.tag;
    return tag == "?" ||
           (tag.starts_with(kCoreTagPrefix) && tag.substr(kCoreTagPrefix.size()) == coreType);
 }
 
-std::string describe(const YAML::Node& node) {
-   switch (node.Type()) {
-      case YAML::NodeType::Map:
+std::string describe(const Yaml::Node& node) {
+   switch (node.kind) {
+      case Yaml::Kind::map:
          return "a map";
-      case YAML::NodeType::Sequence:
+      case Yaml::Kind::sequence:
          return "a list";
-      case YAML::NodeType::Scalar:
-         if (node.Tag() == "?")
-            return quoted(node.Scalar());
-         if (node.Tag() == "!")
-            return "a quoted string " + quoted(node.Scalar());
-         return quoted(node.Scalar()) + " tagged " + node.Tag();
+      case Yaml::Kind::scalar:
+         if (node.tag == "?")
+            return quoted(node.text);
+         if (node.tag == "!")
+            return "a quoted string " + quoted(node.text);
+         return quoted(node.text) + " tagged " + node.tag;
       default:
          return "nothing";
    }
@@ -149,18 +188,16 @@ class Parser {
    explicit Parser(std::string file) : file_(std::move(file)) {}
 
    ParsedConfig run(const std::string& text) {
-      std::vector<YAML::Node> documents;
-      try {
-         documents = YAML::LoadAll(text);
-      } catch (const YAML::ParserException& e) {
-         error(e.mark.line + 1, "(syntax)", e.msg);
+      const Yaml::Stream stream(text);
+      if (const auto& e = stream.error()) {
+         error(e->line + 1, "(syntax)", e->what);
          return result();
       }
-      if (documents.size() > 1) {
-         error(lineOf(documents[1], 1), "(root)", "only one YAML document is allowed");
-      }
+      const std::vector<const Yaml::Node*>& documents = stream.documents();
+      if (documents.size() > 1)
+         error(lineOf(*documents[1], 1), "(root)", "only one YAML document is allowed");
       if (!documents.empty())
-         root({documents[0], "", lineOf(documents[0], 1)});
+         root(Value(documents[0], lineOf(*documents[0], 1)));
       checkVrfReferences();
       return result();
    }
@@ -171,7 +208,7 @@ class Parser {
    }
 
  private:
-   using Member = std::pair<std::string_view, std::function<void(const Value&)>>;
+   using Member = std::pair<std::string_view, FunctionRef<void(const Value&)>>;
 
    struct Error {
       int line;
@@ -200,42 +237,66 @@ class Parser {
 
    // An empty value stands for an empty map or list, so that a section whose entries
    // are all commented out stays valid.
-   bool isCollection(const Value& v, YAML::NodeType::value type, const char* expected) {
-      if (v.node.IsNull())
+   bool isCollection(const Value& v, Yaml::Kind kind, const char* expected) {
+      if (v.node->kind == Yaml::Kind::null)
          return false;
-      if (v.node.Type() == type)
+      if (v.node->kind == kind)
          return true;
-      error(v.line, v.path, std::string("expected ") + expected + ", got " + describe(v.node));
+      error(v.line, v.path(), std::string("expected ") + expected + ", got " + describe(*v.node));
       return false;
    }
 
    // Calls f(keyText, keyLine, member) for each well-formed key of a map, in file order.
    template <class F>
    void forEachKey(const Value& map, F&& f) {
-      if (!isCollection(map, YAML::NodeType::Map, "a map"))
+      if (!isCollection(map, Yaml::Kind::map, "a map"))
          return;
-      std::map<std::string, int> seen;
-      for (const auto& pair : map.node) {
-         const YAML::Node& key = pair.first;
+      const std::vector<const Yaml::Node*>& pairs = map.node->children;
+      const std::vector<int> firstLines = repeatedKeys(map);
+      for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
+         const Yaml::Node& key = *pairs[i];
          const int keyLine = lineOf(key, map.line);
-         if (!key.IsScalar()) {
-            error(keyLine, map.path, "a key must be a string, got " + describe(key));
+         const Value member(pairs[i + 1], lineOf(*pairs[i + 1], keyLine), map, key.text);
+         if (key.kind != Yaml::Kind::scalar) {
+            error(keyLine, map.path(), "a key must be a string, got " + describe(key));
             continue;
          }
-         const std::string& name = key.Scalar();
-         // yaml-cpp keeps every pair of a map, repeated keys included.
-         const auto [first, added] = seen.emplace(name, keyLine);
-         if (!added) {
-            error(keyLine, join(map.path, name),
-                  "duplicate key (first at line " + std::to_string(first->second) + ")");
+         if (!firstLines.empty() && firstLines[i / 2] != 0) {
+            error(keyLine, member.path(),
+                  "duplicate key (first at line " + std::to_string(firstLines[i / 2]) + ")");
             continue;
          }
-         f(name, keyLine, Value{pair.second, join(map.path, name), lineOf(pair.second, keyLine)});
+         f(key.text, keyLine, member);
       }
    }
 
+   // The tree keeps every pair of a map, repeated keys included. For each pair, the line
+   // of the first pair with its key when it repeats one, else 0; empty when no key repeats.
+   static std::vector<int> repeatedKeys(const Value& map) {
+      const std::vector<const Yaml::Node*>& pairs = map.node->children;
+      const auto keyOf = [&](size_t pair) -> const Yaml::Node& { return *pairs[2 * pair]; };
+      std::vector<size_t> order;
+      for (size_t k = 0; k < pairs.size() / 2; ++k) {
+         if (keyOf(k).kind == Yaml::Kind::scalar)
+            order.push_back(k);
+      }
+      // Stable: of equal keys, the first in the file leads.
+      std::stable_sort(order.begin(), order.end(),
+                       [&](size_t a, size_t b) { return keyOf(a).text < keyOf(b).text; });
+      std::vector<int> firstLines;
+      for (size_t j = 1, lead = 0; j < order.size(); ++j) {
+         if (keyOf(order[j]).text != keyOf(order[lead]).text) {
+            lead = j;
+            continue;
+         }
+         firstLines.resize(pairs.size() / 2);
+         firstLines[order[j]] = lineOf(keyOf(order[lead]), map.line);
+      }
+      return firstLines;
+   }
+
    // A map with a fixed set of keys, each read by its own handler.
-   void members(const Value& map, const std::vector<Member>& handlers) {
+   void members(const Value& map, std::initializer_list<Member> handlers) {
       forEachKey(map, [&](const std::string& key, int keyLine, const Value& member) {
          const auto it = std::find_if(handlers.begin(), handlers.end(),
                                       [&](const Member& h) { return h.first == key; });
@@ -246,44 +307,43 @@ class Parser {
          std::string allowed;
          for (const Member& h : handlers)
             allowed += (allowed.empty() ? "" : ", ") + std::string(h.first);
-         error(keyLine, member.path, "unknown key; allowed: " + allowed);
+         error(keyLine, member.path(), "unknown key; allowed: " + allowed);
       });
    }
 
    template <class F>
    void elements(const Value& seq, F&& f) {
-      if (!isCollection(seq, YAML::NodeType::Sequence, "a list"))
+      if (!isCollection(seq, Yaml::Kind::sequence, "a list"))
          return;
       size_t index = 0;
-      for (const YAML::Node& node : seq.node) {
-         f(Value{node, seq.path + "[" + std::to_string(index++) + "]", lineOf(node, seq.line)});
-      }
+      for (const Yaml::Node* node : seq.node->children)
+         f(Value(node, lineOf(*node, seq.line), seq, index++));
    }
 
    // --- scalars ------------------------------------------------------------------
 
    std::optional<std::string> string(const Value& v) {
-      if (v.node.IsScalar())
-         return v.node.Scalar();
-      error(v.line, v.path, "expected a string, got " + describe(v.node));
+      if (v.node->kind == Yaml::Kind::scalar)
+         return v.node->text;
+      error(v.line, v.path(), "expected a string, got " + describe(*v.node));
       return std::nullopt;
    }
 
    std::optional<bool> boolean(const Value& v) {
-      if (isScalarOf(v.node, "bool")) {
-         const std::string& s = v.node.Scalar();
+      if (isScalarOf(*v.node, "bool")) {
+         const std::string& s = v.node->text;
          if (s == "true" || s == "True" || s == "TRUE")
             return true;
          if (s == "false" || s == "False" || s == "FALSE")
             return false;
       }
-      error(v.line, v.path, "expected true or false, got " + describe(v.node));
+      error(v.line, v.path(), "expected true or false, got " + describe(*v.node));
       return std::nullopt;
    }
 
    std::optional<int64_t> integerIn(const Value& v, int64_t min, int64_t max, const char* what) {
-      if (isScalarOf(v.node, "int")) {
-         const std::string& s = v.node.Scalar();
+      if (isScalarOf(*v.node, "int")) {
+         const std::string& s = v.node->text;
          const char* first = s.data();
          const char* last = s.data() + s.size();
          const bool digits = !s.empty() && std::all_of(first + (s[0] == '-'), last, [](char c) {
@@ -294,13 +354,13 @@ class Parser {
             const auto [end, ec] = std::from_chars(first, last, n);
             if (ec == std::errc() && end == last && n >= min && n <= max)
                return n;
-            error(v.line, v.path,
+            error(v.line, v.path(),
                   std::string(what) + " outside " + std::to_string(min) + ".." +
                       std::to_string(max) + ": " + s);
             return std::nullopt;
          }
       }
-      error(v.line, v.path, "expected an integer, got " + describe(v.node));
+      error(v.line, v.path(), "expected an integer, got " + describe(*v.node));
       return std::nullopt;
    }
 
@@ -319,7 +379,7 @@ class Parser {
       elements(v, [&](const Value& e) {
          const auto id = vlan(e);
          if (id && !out.insert(*id).second)
-            error(e.line, e.path, "duplicate VLAN " + std::to_string(*id));
+            error(e.line, e.path(), "duplicate VLAN " + std::to_string(*id));
       });
    }
 
@@ -328,31 +388,34 @@ class Parser {
          out = static_cast<uint8_t>(*n);
    }
 
-   std::optional<IntfId> intfName(int line, const std::string& path, const std::string& text) {
+   // `at` is where a problem is reported.
+   std::optional<IntfId> intfName(int line, const Value& at, const std::string& text) {
       if (const auto id = IntfId::parse(text))
          return id;
       if (text.size() > IntfId::maxLength) {
-         error(line, path,
+         error(line, at.path(),
                "interface name longer than " + std::to_string(IntfId::maxLength) + " bytes");
       } else {
-         error(line, path, "not an interface name (letters, digits and \"/.-_\"): " + quoted(text));
+         error(line, at.path(),
+               "not an interface name (letters, digits and \"/.-_\"): " + quoted(text));
       }
       return std::nullopt;
    }
 
    std::optional<IntfId> intfName(const Value& v) {
       const auto s = string(v);
-      return s ? intfName(v.line, v.path, *s) : std::nullopt;
+      return s ? intfName(v.line, v, *s) : std::nullopt;
    }
 
-   std::optional<VrfName> vrfName(int line, const std::string& path, const std::string& text) {
+   std::optional<VrfName> vrfName(int line, const Value& at, const std::string& text) {
       if (text.empty()) {
-         error(line, path, "VRF name is empty");
+         error(line, at.path(), "VRF name is empty");
          return std::nullopt;
       }
       if (const auto name = VrfName::parse(text))
          return name;
-      error(line, path, "VRF name longer than " + std::to_string(VrfName::maxLength) + " bytes");
+      error(line, at.path(),
+            "VRF name longer than " + std::to_string(VrfName::maxLength) + " bytes");
       return std::nullopt;
    }
 
@@ -361,9 +424,9 @@ class Parser {
       const auto s = string(v);
       if (!s)
          return std::nullopt;
-      auto name = vrfName(v.line, v.path, *s);
+      auto name = vrfName(v.line, v, *s);
       if (name)
-         vrfReferences_.push_back({*name, v.line, v.path});
+         vrfReferences_.push_back({*name, v.line, v.path()});
       return name;
    }
 
@@ -372,11 +435,12 @@ class Parser {
       if (!s)
          return std::nullopt;
       if (s->size() > kHostnameMax + (s->ends_with('.') ? 1 : 0)) {
-         error(v.line, v.path, "host name longer than " + std::to_string(kHostnameMax) + " bytes");
+         error(v.line, v.path(),
+               "host name longer than " + std::to_string(kHostnameMax) + " bytes");
          return std::nullopt;
       }
       if (!validHostname(*s)) {
-         error(v.line, v.path, "not a host name: " + quoted(*s));
+         error(v.line, v.path(), "not a host name: " + quoted(*s));
          return std::nullopt;
       }
       return s;
@@ -389,11 +453,11 @@ class Parser {
       if (v6) {
          if (const auto a = Ip6Addr::parse(*s))
             return IpGenAddr(*a);
-         error(v.line, v.path, "not an IPv6 address: " + quoted(*s));
+         error(v.line, v.path(), "not an IPv6 address: " + quoted(*s));
       } else {
          if (const auto a = IpAddr::parse(*s))
             return IpGenAddr(*a);
-         error(v.line, v.path, "not an IPv4 address: " + quoted(*s));
+         error(v.line, v.path(), "not an IPv4 address: " + quoted(*s));
       }
       return std::nullopt;
    }
@@ -413,12 +477,11 @@ class Parser {
    void vrfs(const Value& v) {
       std::map<std::string, std::string> vrfOfNamespace;
       forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
-         const std::string keyPath = join(v.path, key);
-         auto vrf = vrfName(keyLine, keyPath, key);
+         auto vrf = vrfName(keyLine, m, key);
          if (!vrf)
             return;
          if (vrf->isDefault()) {
-            error(keyLine, keyPath,
+            error(keyLine, m.path(),
                   "the default VRF is the agent's own namespace and takes no entry");
             return;
          }
@@ -427,19 +490,19 @@ class Parser {
          if (!ns)
             return;
          if (ns->empty()) {
-            error(m.line, m.path, "namespace name is empty");
+            error(m.line, m.path(), "namespace name is empty");
          } else if (ns->size() > NamespaceName::maxLength) {
-            error(m.line, m.path,
+            error(m.line, m.path(),
                   "namespace name longer than " + std::to_string(NamespaceName::maxLength) +
                       " bytes");
          } else if (*ns == "." || *ns == ".." || ns->find('/') != std::string::npos) {
             // Namespaces are named by files under /run/netns.
-            error(m.line, m.path, "not a namespace name: " + quoted(*ns));
+            error(m.line, m.path(), "not a namespace name: " + quoted(*ns));
          } else if (*ns == "default") {
             // The platform reads this name as the agent's own namespace.
-            error(m.line, m.path, "namespace \"default\" is the default VRF's own");
+            error(m.line, m.path(), "namespace \"default\" is the default VRF's own");
          } else if (const auto [other, added] = vrfOfNamespace.emplace(*ns, key); !added) {
-            error(m.line, m.path,
+            error(m.line, m.path(),
                   "namespace " + quoted(*ns) + " already holds VRF " + quoted(other->second));
          } else {
             doc_.vrfs.emplace(*vrf, *NamespaceName::parse(*ns));
@@ -462,9 +525,9 @@ class Parser {
          return;
       const auto mac = EthAddr::parse(*s);
       if (!mac) {
-         error(v.line, v.path, "not a MAC address: " + quoted(*s));
+         error(v.line, v.path(), "not a MAC address: " + quoted(*s));
       } else if (mac->isZero() || (mac->bytes()[0] & 1)) {
-         error(v.line, v.path, "not a unicast MAC address: " + quoted(*s));
+         error(v.line, v.path(), "not a unicast MAC address: " + quoted(*s));
       } else {
          doc_.system.bridgeMac = mac;
       }
@@ -483,16 +546,16 @@ class Parser {
    void devices(const Value& v) {
       std::map<std::string, std::string> intfOfDevice;
       forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
-         const auto intf = intfName(keyLine, join(v.path, key), key);
+         const auto intf = intfName(keyLine, m, key);
          const auto device = string(m);
          if (!intf || !device)
             return;
          if (!validDeviceName(*device)) {
-            error(m.line, m.path,
+            error(m.line, m.path(),
                   "not a kernel device name (1 to 15 bytes, no \"/\", \":\" or space): " +
                       quoted(*device));
          } else if (const auto [other, added] = intfOfDevice.emplace(*device, key); !added) {
-            error(m.line, m.path,
+            error(m.line, m.path(),
                   "device " + quoted(*device) + " is already the device of " + other->second);
          } else {
             doc_.devices.emplace(*intf, *device);
@@ -502,7 +565,7 @@ class Parser {
 
    void interfaces(const Value& v) {
       forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
-         const auto intf = intfName(keyLine, join(v.path, key), key);
+         const auto intf = intfName(keyLine, m, key);
          InterfaceDoc doc = interface(m);
          if (intf)
             doc_.interfaces.emplace(*intf, std::move(doc));
@@ -514,13 +577,16 @@ class Parser {
       bool vrfGiven = false;
       bool valid = false;
       int line = 0;
-      std::string path;
+   };
+   struct ServerList {
+      std::string path;  // for reports, spelled out once per list
+      std::vector<PendingServer> servers;
    };
 
    InterfaceDoc interface(const Value& v) {
       InterfaceDoc doc;
-      std::vector<PendingServer> servers;
-      std::vector<PendingServer> serversV6;
+      ServerList servers;
+      ServerList serversV6;
       members(v,
               {{"vrf",
                 [&](const Value& m) {
@@ -554,15 +620,15 @@ class Parser {
       else if (*text == "replace")
          out = InfoOptionPolicy::replace;
       else
-         error(v.line, v.path, "expected drop, keep or replace, got " + quoted(*text));
+         error(v.line, v.path(), "expected drop, keep or replace, got " + quoted(*text));
    }
 
-   std::vector<PendingServer> serverList(const Value& v, bool v6) {
-      std::vector<PendingServer> out;
+   ServerList serverList(const Value& v, bool v6) {
+      ServerList out{v.path(), {}};
       elements(v, [&](const Value& e) {
          const size_t errorsBefore = errorCount();
-         out.push_back(server(e, v6));
-         out.back().valid = errorCount() == errorsBefore;
+         out.servers.push_back(server(e, v6));
+         out.servers.back().valid = errorCount() == errorsBefore;
       });
       return out;
    }
@@ -570,79 +636,94 @@ class Parser {
    PendingServer server(const Value& v, bool v6) {
       PendingServer p;
       p.line = v.line;
-      p.path = v.path;
       ServerDoc& s = p.server;
       bool hasAddress = false, hasHostname = false, hasSourceIntf = false, hasSourceAddr = false;
-      const Member addressKey = {"address", [&](const Value& m) {
-                                    hasAddress = true;
-                                    if (const auto a = address(m, v6))
-                                       s.address = *a;
-                                 }};
-      const Member hostnameKey = {"hostname", [&](const Value& m) {
-                                     hasHostname = true;
-                                     if (auto h = hostname(m))
-                                        s.hostname = std::move(*h);
-                                  }};
-      const Member vrfKey = {"vrf", [&](const Value& m) {
-                                p.vrfGiven = true;
-                                if (const auto name = vrfReference(m))
-                                   s.vrf = *name;
-                             }};
-      const Member sourceIntfKey = {"source-interface", [&](const Value& m) {
-                                       hasSourceIntf = true;
-                                       if (const auto intf = intfName(m))
-                                          s.sourceInterface = *intf;
-                                    }};
-      const Member sourceAddrKey = {"source-address", [&](const Value& m) {
-                                       hasSourceAddr = true;
-                                       if (const auto a = address(m, v6))
-                                          s.sourceAddress = *a;
-                                    }};
+      const auto onAddress = [&](const Value& m) {
+         hasAddress = true;
+         if (const auto a = address(m, v6))
+            s.address = *a;
+      };
+      const auto onHostname = [&](const Value& m) {
+         hasHostname = true;
+         if (auto h = hostname(m))
+            s.hostname = std::move(*h);
+      };
+      const auto onVrf = [&](const Value& m) {
+         p.vrfGiven = true;
+         if (const auto name = vrfReference(m))
+            s.vrf = *name;
+      };
+      const auto onSourceIntf = [&](const Value& m) {
+         hasSourceIntf = true;
+         if (const auto intf = intfName(m))
+            s.sourceInterface = *intf;
+      };
+      const auto onSourceAddr = [&](const Value& m) {
+         hasSourceAddr = true;
+         if (const auto a = address(m, v6))
+            s.sourceAddress = *a;
+      };
       // DHCPv6 servers are addresses only: the relay resolves names for DHCPv4 alone.
-      const std::vector<Member> keys =
-          v6 ? std::vector<Member>{addressKey, vrfKey, sourceIntfKey, sourceAddrKey}
-             : std::vector<Member>{addressKey, hostnameKey, vrfKey, sourceIntfKey, sourceAddrKey};
-      members(v, keys);
-      if (!v.node.IsMap() && !v.node.IsNull())
+      if (v6) {
+         members(v, {{"address", onAddress},
+                     {"vrf", onVrf},
+                     {"source-interface", onSourceIntf},
+                     {"source-address", onSourceAddr}});
+      } else {
+         members(v, {{"address", onAddress},
+                     {"hostname", onHostname},
+                     {"vrf", onVrf},
+                     {"source-interface", onSourceIntf},
+                     {"source-address", onSourceAddr}});
+      }
+      if (v.node->kind != Yaml::Kind::map && v.node->kind != Yaml::Kind::null)
          return p;
       if (v6 && !hasAddress)
-         error(v.line, v.path, "needs address");
+         error(v.line, v.path(), "needs address");
       if (!v6 && hasAddress == hasHostname)
-         error(v.line, v.path, "needs exactly one of address and hostname");
+         error(v.line, v.path(), "needs exactly one of address and hostname");
       if (hasSourceIntf && hasSourceAddr)
-         error(v.line, v.path, "source-interface and source-address exclude each other");
+         error(v.line, v.path(), "source-interface and source-address exclude each other");
       return p;
    }
 
-   std::vector<ServerDoc> resolveServers(std::vector<PendingServer> pending,
-                                         const VrfName& intfVrf) {
+   // Orders servers for the duplicate check: an interface may list thousands.
+   struct ServerOrder {
+      bool operator()(const ServerDoc* a, const ServerDoc* b) const {
+         return std::tie(a->address, a->hostname, a->vrf, a->sourceInterface, a->sourceAddress) <
+                std::tie(b->address, b->hostname, b->vrf, b->sourceInterface, b->sourceAddress);
+      }
+   };
+
+   std::vector<ServerDoc> resolveServers(ServerList list, const VrfName& intfVrf) {
       std::vector<ServerDoc> out;
-      std::vector<const PendingServer*> firstOf;
-      for (PendingServer& p : pending) {
+      out.reserve(list.servers.size());
+      std::map<const ServerDoc*, int, ServerOrder> lineOf;
+      for (size_t i = 0; i < list.servers.size(); ++i) {
+         PendingServer& p = list.servers[i];
          if (!p.valid)
             continue;
          if (!p.vrfGiven)
             p.server.vrf = intfVrf;
-         const auto same = std::find(out.begin(), out.end(), p.server);
-         if (same != out.end()) {
-            error(p.line, p.path,
-                  "same server as line " +
-                      std::to_string(firstOf[static_cast<size_t>(same - out.begin())]->line));
+         const auto [first, added] = lineOf.emplace(&p.server, p.line);
+         if (!added) {
+            error(p.line, list.path + "[" + std::to_string(i) + "]",
+                  "same server as line " + std::to_string(first->second));
             continue;
          }
          out.push_back(p.server);
-         firstOf.push_back(&p);
       }
       return out;
    }
 
    void ccapCores(const Value& v, std::vector<Ip6Addr>& out) {
+      std::set<Ip6Addr> seen;
       elements(v, [&](const Value& e) {
          const auto a = address(e, true);
          if (!a)
             return;
-         if (std::find(out.begin(), out.end(), a->v6()) != out.end()) {
-            error(e.line, e.path, "duplicate address " + a->toString());
+         if (!seen.insert(a->v6()).second) {
+            error(e.line, e.path(), "duplicate address " + a->toString());
             return;
          }
          out.push_back(a->v6());
@@ -654,7 +735,7 @@ class Parser {
       if (!s)
          return;
       if (s->size() > kCircuitIdMax) {
-         error(v.line, v.path,
+         error(v.line, v.path(),
                "circuit-id longer than " + std::to_string(kCircuitIdMax) + " bytes (" +
                    std::to_string(s->size()) + ")");
          return;
@@ -683,7 +764,7 @@ class Parser {
       if (!f)
          return;
       if (*f != kFormatPortVlan && *f != kFormatHostPort) {
-         error(v.line, v.path,
+         error(v.line, v.path(),
                "expected \"%p:%v\" (port:vlan) or \"%h:%p\" (host:port), got " + quoted(*f));
          return;
       }
@@ -699,7 +780,7 @@ class Parser {
    void bridging(const Value& v) {
       members(v, {{"ports", [&](const Value& ports) {
                       forEachKey(ports, [&](const std::string& key, int keyLine, const Value& m) {
-                         const auto intf = intfName(keyLine, join(ports.path, key), key);
+                         const auto intf = intfName(keyLine, m, key);
                          PortDoc doc = port(m);
                          if (intf)
                             doc_.ports.emplace(*intf, std::move(doc));
@@ -714,7 +795,7 @@ class Parser {
                   {"vlan", [&](const Value& m) { access = m; }},
                   {"native-vlan", [&](const Value& m) { native = m; }},
                   {"allowed-vlans", [&](const Value& m) { allowed = m; }}});
-      if (!v.node.IsMap() && !v.node.IsNull())
+      if (v.node->kind != Yaml::Kind::map && v.node->kind != Yaml::Kind::null)
          return doc;
       if (access) {
          if (const auto id = vlan(*access))
@@ -727,29 +808,29 @@ class Parser {
       if (allowed)
          vlanSet(*allowed, doc.allowedVlans);
       if (!mode) {
-         error(v.line, v.path, "needs mode (access or trunk)");
+         error(v.line, v.path(), "needs mode (access or trunk)");
          return doc;
       }
       const auto text = string(*mode);
       if (text && *text == "access") {
          doc.mode = SwitchportMode::access;
          if (!access)
-            error(v.line, v.path, "mode access needs vlan");
+            error(v.line, v.path(), "mode access needs vlan");
          for (const auto& trunkOnly : {native, allowed}) {
             if (trunkOnly)
-               error(trunkOnly->line, trunkOnly->path, "applies to mode trunk only");
+               error(trunkOnly->line, trunkOnly->path(), "applies to mode trunk only");
          }
       } else if (text && *text == "trunk") {
          doc.mode = SwitchportMode::trunk;
          // A trunk carries only what is listed: there is no implicit "all VLANs".
          if (!allowed)
-            error(v.line, v.path, "mode trunk needs allowed-vlans");
+            error(v.line, v.path(), "mode trunk needs allowed-vlans");
          if (access) {
-            error(access->line, access->path,
+            error(access->line, access->path(),
                   "applies to mode access only (trunks take native-vlan)");
          }
       } else if (text) {
-         error(mode->line, mode->path, "expected access or trunk, got " + quoted(*text));
+         error(mode->line, mode->path(), "expected access or trunk, got " + quoted(*text));
       }
       return doc;
    }

@@ -23,32 +23,63 @@ using Interface::IntfStatus;
 IntfStatusManager::IntfStatusManager(IntfStatusManagerRoot& root, std::string nsName)
     : root_(root),
       nsName_(std::move(nsName)),
-      watch_(kernelTableOf(root.store_, nsName_), [this] { doSync(); }) {
-   doSync();
+      vrf_(root.vrfOf(nsName_)),
+      watch_(kernelTableOf(root.store_, nsName_), *this) {
+   doSync(doScopeAll());
 }
 
 IntfStatusManager::~IntfStatusManager() {
    for (const IntfId& intf : intfs_)
       root_.doRelease(intf);
    if (!intfs_.empty())
-      root_.doSyncAll(this);
+      root_.doSyncAll(intfs_, this);
 }
 
-void IntfStatusManager::doSync() {
-   std::map<IntfId, const KernelNetInfo::KernelIntf*> want;
-   // Entries carry the VRF; a table whose namespace no VRF has yields none.
-   const VrfName vrf = root_.vrfOf(nsName_);
-   if (!vrf.empty()) {
-      for (const auto& [ifindex, device] : watch_.table()->interfaceByIndex()) {
-         const IntfId intf = root_.deviceNames_->intfIdOf(device->deviceName());
-         if (!intf.empty())
-            want.emplace(intf, device.get());
-      }
+void IntfStatusManager::handleDeviceName(uint32_t, const std::string& oldName,
+                                         const KernelNetInfo::KernelIntf* device) {
+   std::set<IntfId> scope;
+   for (const std::string* name : {&oldName, device ? &device->deviceName() : nullptr}) {
+      if (IntfId intf = name ? root_.deviceIndex_.intfIdOf(*name) : IntfId(); !intf.empty())
+         scope.insert(intf);
    }
+   doSync(scope);
+}
 
+void IntfStatusManager::handleDeviceAttr(const KernelNetInfo::KernelIntf& device) {
+   if (IntfId intf = root_.deviceIndex_.intfIdOf(device.deviceName()); !intf.empty())
+      doSync({intf});
+}
+
+std::set<IntfId> IntfStatusManager::doScopeAll() const {
+   std::set<IntfId> scope = intfs_;
+   for (const auto& [ifindex, device] : watch_.table()->interfaceByIndex()) {
+      if (IntfId intf = root_.deviceIndex_.intfIdOf(device->deviceName()); !intf.empty())
+         scope.insert(intf);
+   }
+   return scope;
+}
+
+void IntfStatusManager::doVrfIs(const VrfName& vrf) {
+   if (vrf == vrf_)
+      return;
+   vrf_ = vrf;
+   doSync(doScopeAll());
+}
+
+// Interfaces whose device went are let go first, then the others are written, each in
+// interface order; only then may the other namespaces take what was let go.
+void IntfStatusManager::doSync(const std::set<IntfId>& scope) {
+   std::vector<std::pair<IntfId, const KernelNetInfo::KernelIntf*>> want;
    std::vector<IntfId> gone;
-   for (const IntfId& intf : intfs_) {
-      if (!want.count(intf))
+   for (const IntfId& intf : scope) {
+      const KernelNetInfo::KernelIntf* device = nullptr;
+      if (!vrf_.empty()) {
+         if (const std::string name = root_.deviceIndex_.deviceOf(intf); !name.empty())
+            device = watch_.deviceNamed(name);
+      }
+      if (device)
+         want.emplace_back(intf, device);
+      else if (intfs_.contains(intf))
          gone.push_back(intf);
    }
    for (const IntfId& intf : gone) {
@@ -65,13 +96,13 @@ void IntfStatusManager::doSync() {
       status->operStatusIs(device->running() ? IntfStatus::OperStatus::up
                                              : IntfStatus::OperStatus::down);
       Ptr<Interface::IntfStatusLocal> local = root_.intfStatusLocal_->intfStatusLocalIs(intf);
-      local->vrfIs(vrf);
+      local->vrfIs(vrf_);
       local->ifindexIs(device->ifindex());
    }
 
    // An interface let go here may be wanted by the device of another namespace.
    if (!gone.empty())
-      root_.doSyncAll(this);
+      root_.doSyncAll(scope, this);
 }
 
 // --- IntfStatusManagerRoot --------------------------------------------------------------
@@ -83,11 +114,20 @@ IntfStatusManagerRoot::IntfStatusManagerRoot(StateStore& store,
       intfStatus_(std::move(intfStatus)),
       intfStatusLocal_(std::move(intfStatusLocal)),
       deviceNames_(store.publishedAs<Interface::DeviceNameConfig>("interface/config/deviceName")),
-      vrfs_(store.publishedAs<Ip::AllVrfStatusLocal>("ip/vrf/status/local")) {
+      vrfs_(store.publishedAs<Ip::AllVrfStatusLocal>("ip/vrf/status/local")),
+      deviceIndex_(deviceNames_.get()) {
    PLATFORM_ASSERT(intfStatus_ && intfStatusLocal_ && deviceNames_ && vrfs_,
                    "interface status managers need the configuration published");
-   deviceNamesReactor_.notifierIs(deviceNames_);
-   vrfsReactor_.notifierIs(vrfs_);
+   deviceNamesWatch_.on(&Interface::DeviceNameConfig::Reactor::handleDeviceName,
+                        [this](const IntfId& intf) { handleDeviceName(intf); });
+   deviceNamesWatch_.notifierIs(deviceNames_);
+   vrfsWatch_.on(&Ip::AllVrfStatusLocal::Reactor::handleVrf,
+                 [this](const VrfName& vrf) { handleVrf(vrf); });
+   vrfsWatch_.onAttached([this] {
+      for (const auto& [vrf, status] : vrfs_->vrf())
+         handleVrf(vrf);
+   });
+   vrfsWatch_.notifierIs(vrfs_);
 }
 
 IntfStatusManagerRoot::~IntfStatusManagerRoot() {
@@ -117,30 +157,52 @@ void IntfStatusManagerRoot::namespaceFollowDel(const std::string& nsName) {
       intfStatusManagerDel(nsName);
 }
 
-void IntfStatusManagerRoot::VrfsReactor::onNotifierAttached() {
-   for (const auto& [vrf, status] : notifier()->vrf())
-      owner_.handleVrf(vrf);
-}
-
 void IntfStatusManagerRoot::handleVrf(const VrfName& vrf) {
    Ptr<const Ip::VrfStatusLocal> status = vrfs_->vrf(vrf);
    if (status) {
-      auto& reactor = vrfReactors_[vrf];
-      if (!reactor)
-         reactor = std::make_unique<VrfReactor>(*this);
-      reactor->notifierIs(status);
+      auto [it, added] = vrfWatches_.try_emplace(vrf);
+      if (added)
+         it->second.on(&Ip::VrfStatusLocal::Reactor::handleNsName, [this, vrf] { doNsOfVrf(vrf); });
+      it->second.notifierIs(status);
    } else {
-      vrfReactors_.erase(vrf);
+      vrfWatches_.erase(vrf);
    }
-   doSyncAll();
+   doNsOfVrf(vrf);
+}
+
+void IntfStatusManagerRoot::handleDeviceName(const IntfId& intf) {
+   doSyncAll(deviceIndex_.update(*deviceNames_, intf));
+}
+
+void IntfStatusManagerRoot::doNsOfVrf(const VrfName& vrf) {
+   std::string ns;
+   if (Ptr<const Ip::VrfStatusLocal> status = vrfs_->vrf(vrf); status && !status->nsName().empty())
+      ns = canonical(status->nsName().str());
+   std::set<std::string> touched;
+   if (auto it = nsOfVrf_.find(vrf); it != nsOfVrf_.end()) {
+      if (it->second == ns)
+         return;
+      touched.insert(it->second);
+      auto& vrfs = vrfsOfNs_[it->second];
+      vrfs.erase(vrf);
+      if (vrfs.empty())
+         vrfsOfNs_.erase(it->second);
+      nsOfVrf_.erase(it);
+   }
+   if (!ns.empty()) {
+      touched.insert(ns);
+      nsOfVrf_.emplace(vrf, ns);
+      vrfsOfNs_[ns].insert(vrf);
+   }
+   for (const std::string& n : touched) {
+      if (auto it = managers_.find(n); it != managers_.end())
+         it->second->doVrfIs(vrfOf(n));
+   }
 }
 
 VrfName IntfStatusManagerRoot::vrfOf(const std::string& nsName) const {
-   for (const auto& [vrf, status] : vrfs_->vrf()) {
-      if (!status->nsName().empty() && canonical(status->nsName().str()) == nsName)
-         return vrf;
-   }
-   return {};
+   auto it = vrfsOfNs_.find(nsName);
+   return it == vrfsOfNs_.end() ? VrfName() : *it->second.begin();
 }
 
 bool IntfStatusManagerRoot::doClaim(const IntfId& intf, const IntfStatusManager* manager) {
@@ -158,10 +220,11 @@ void IntfStatusManagerRoot::doRelease(const IntfId& intf) {
    intfStatusLocal_->intfStatusLocalDel(intf);
 }
 
-void IntfStatusManagerRoot::doSyncAll(const IntfStatusManager* except) {
+void IntfStatusManagerRoot::doSyncAll(const std::set<IntfId>& scope,
+                                      const IntfStatusManager* except) {
    for (const auto& [ns, manager] : managers_) {
       if (manager.get() != except)
-         manager->doSync();
+         manager->doSync(scope);
    }
 }
 

@@ -5,7 +5,8 @@
 #include <set>
 #include <string>
 
-#include "frontend/kernel/KernelFrontEnd.h"
+#include "frontend/kernel/DeviceNameIndex.h"
+#include "frontend/kernel/KernelTableWatch.h"
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/store/StateStore.h"
@@ -23,11 +24,12 @@ class IntfStatusManagerRoot;
 // interface, the interface's Interface::IntfStatus (device name, operational status: up
 // while the kernel reports the device running) and Interface::IntfStatusLocal (VRF of the
 // namespace, ifindex). Entries change by differences only and are removed when the device
-// goes, or with the manager.
-class IntfStatusManager {
+// goes, or with the manager. A change of one device touches only the interfaces it stood
+// or stands for.
+class IntfStatusManager final : public KernelTableWatch::Handler {
  public:
    IntfStatusManager(IntfStatusManagerRoot& root, std::string nsName);
-   ~IntfStatusManager();
+   ~IntfStatusManager() override;
    IntfStatusManager(const IntfStatusManager&) = delete;
    IntfStatusManager& operator=(const IntfStatusManager&) = delete;
 
@@ -37,10 +39,20 @@ class IntfStatusManager {
 
  private:
    friend class IntfStatusManagerRoot;
-   void doSync();
+
+   void handleDeviceName(uint32_t ifindex, const std::string& oldName,
+                         const KernelNetInfo::KernelIntf* device) override;
+   void handleDeviceAttr(const KernelNetInfo::KernelIntf& device) override;
+   // Brings the entries of these interfaces to the table.
+   void doSync(const std::set<IntfId>& scope);
+   // Every interface a device of the table stands for.
+   std::set<IntfId> doScopeAll() const;
+   void doVrfIs(const VrfName& vrf);
 
    IntfStatusManagerRoot& root_;
    const std::string nsName_;
+   // Entries carry the VRF; a table whose namespace no VRF has yields none.
+   VrfName vrf_;
    std::set<IntfId> intfs_;
    KernelTableWatch watch_;
 };
@@ -56,7 +68,7 @@ class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
    IntfStatusManagerRoot(StateStore& store, Ptr<Interface::AllIntfStatusDir> intfStatus,
                          Ptr<Interface::AllIntfStatusLocalDir> intfStatusLocal);
    // Removes every entry the managers wrote.
-   ~IntfStatusManagerRoot();
+   ~IntfStatusManagerRoot() override;
    IntfStatusManagerRoot(const IntfStatusManagerRoot&) = delete;
    IntfStatusManagerRoot& operator=(const IntfStatusManagerRoot&) = delete;
 
@@ -75,38 +87,16 @@ class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
  private:
    friend class IntfStatusManager;
 
-   class DeviceNamesReactor : public Interface::DeviceNameConfig::Reactor {
-    public:
-      explicit DeviceNamesReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleDeviceName(const IntfId&) override { owner_.doSyncAll(); }
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-   class VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
-    public:
-      explicit VrfsReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleVrf(const VrfName& vrf) override { owner_.handleVrf(vrf); }
-      void onNotifierAttached() override;
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-   class VrfReactor : public Ip::VrfStatusLocal::Reactor {
-    public:
-      explicit VrfReactor(IntfStatusManagerRoot& owner) : owner_(owner) {}
-      void handleNsName() override { owner_.doSyncAll(); }
-
-    private:
-      IntfStatusManagerRoot& owner_;
-   };
-
    void handleVrf(const VrfName& vrf);
+   void handleDeviceName(const IntfId& intf);
+   // Follows the namespace the VRF names into the managers of the namespaces it leaves
+   // and enters.
+   void doNsOfVrf(const VrfName& vrf);
    // The VRF whose namespace this is; empty when no VRF has it.
    VrfName vrfOf(const std::string& nsName) const;
    bool doClaim(const IntfId& intf, const IntfStatusManager* manager);
    void doRelease(const IntfId& intf);
-   void doSyncAll(const IntfStatusManager* except = nullptr);
+   void doSyncAll(const std::set<IntfId>& scope, const IntfStatusManager* except = nullptr);
    static std::string canonical(const std::string& nsName);
 
    StateStore& store_;
@@ -114,11 +104,16 @@ class IntfStatusManagerRoot final : public Interface::IntfStatusSource {
    Ptr<Interface::AllIntfStatusLocalDir> intfStatusLocal_;
    Ptr<const Interface::DeviceNameConfig> deviceNames_;
    Ptr<const Ip::AllVrfStatusLocal> vrfs_;
+   DeviceNameIndex deviceIndex_;
+   // The namespace of each VRF that has one, and the VRFs of each namespace (several only
+   // in the middle of a reload; the first by name counts).
+   std::map<VrfName, std::string> nsOfVrf_;
+   std::map<std::string, std::set<VrfName>> vrfsOfNs_;
    std::map<IntfId, const IntfStatusManager*> writer_;
    std::map<std::string, std::unique_ptr<IntfStatusManager>> managers_;
-   std::map<VrfName, std::unique_ptr<VrfReactor>> vrfReactors_;
-   DeviceNamesReactor deviceNamesReactor_{*this};
-   VrfsReactor vrfsReactor_{*this};
+   std::map<VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatches_;
+   Platform::Watch<const Interface::DeviceNameConfig> deviceNamesWatch_;
+   Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
 };
 
 }  // namespace Frontend

@@ -1,7 +1,8 @@
 #include "frontend/kernel/KernelFrontEnd.h"
 
-#include <algorithm>
+#include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "frontend/kernel/KernelTableFollower.h"
@@ -25,42 +26,6 @@ using Platform::VrfName;
 using VrfState = Ip::VrfStatusLocal::State;
 
 using KernelNetInfo::kernelTableOf;
-
-// --- KernelTableWatch ---------------------------------------------------------------
-
-KernelTableWatch::DeviceReactor::DeviceReactor(KernelTableWatch& owner,
-                                               Ptr<const KernelNetInfo::KernelIntf> device)
-    : owner_(owner) {
-   notifierIs(device);
-}
-
-void KernelTableWatch::TableReactor::handleInterfaceByIndex(uint32_t ifindex) {
-   owner_.doDevice(ifindex);
-   owner_.onChange_();
-}
-
-KernelTableWatch::KernelTableWatch(Ptr<const KernelNetInfo::Status> table,
-                                   std::function<void()> onChange)
-    : onChange_(std::move(onChange)), tableReactor_(*this) {
-   tableReactor_.notifierIs(table);
-   for (const auto& [ifindex, device] : table->interfaceByIndex())
-      doDevice(ifindex);
-}
-
-KernelTableWatch::~KernelTableWatch() = default;
-
-void KernelTableWatch::doDevice(uint32_t ifindex) {
-   Ptr<const KernelNetInfo::KernelIntf> device = table()->interfaceByIndex(ifindex);
-   if (!device) {
-      devices_.erase(ifindex);
-      return;
-   }
-   auto& reactor = devices_[ifindex];
-   if (!reactor || reactor->notifier() != device)
-      reactor = std::make_unique<DeviceReactor>(*this, device);
-}
-
-// --- KernelFrontEnd ---------------------------------------------------------------------
 
 namespace {
 
@@ -101,6 +66,7 @@ KernelFrontEnd::KernelFrontEnd(EventLoop& loop, StateStore& store, Seams seams)
       ip6Status_(make<Ip6::Status>("status")),
       vrfs_(store.publishedAs<Ip::AllVrfStatusLocal>("ip/vrf/status/local")),
       deviceNames_(store.publishedAs<Interface::DeviceNameConfig>("interface/config/deviceName")),
+      deviceIndex_(deviceNames_.get()),
       watcher_(
           loop, [this](const std::string& nsName, bool exists) { handleNamespace(nsName, exists); },
           seams_.netNsDir, seams_.isNamespace) {
@@ -111,28 +77,31 @@ KernelFrontEnd::KernelFrontEnd(EventLoop& loop, StateStore& store, Seams seams)
    // Without the watcher only the default VRF can become active; the relay still serves it.
    if (std::string error; !watcher_.start(error))
       TRACE(0, " network namespaces are not followed: ", error);
-   deviceNamesReactor_.notifierIs(deviceNames_);
-   vrfsReactor_.notifierIs(vrfs_);
+   deviceNamesWatch_.on(&Interface::DeviceNameConfig::Reactor::handleDeviceName,
+                        [this](const IntfId& intf) { handleDeviceNameConfig(intf); });
+   deviceNamesWatch_.notifierIs(deviceNames_);
+   vrfsWatch_.on(&Ip::AllVrfStatusLocal::Reactor::handleVrf,
+                 [this](const VrfName& vrf) { handleVrf(vrf); });
+   vrfsWatch_.onAttached([this] {
+      for (const auto& [vrf, status] : vrfs_->vrf())
+         handleVrf(vrf);
+   });
+   vrfsWatch_.notifierIs(vrfs_);
 }
 
 KernelFrontEnd::~KernelFrontEnd() = default;
 
-void KernelFrontEnd::VrfsReactor::onNotifierAttached() {
-   for (const auto& [vrf, status] : notifier()->vrf())
-      owner_.handleVrf(vrf);
-}
-
 void KernelFrontEnd::handleVrf(const VrfName& vrf) {
    Ptr<Ip::VrfStatusLocal> status = vrfs_->vrf(vrf);
-   auto it = vrfReactors_.find(vrf);
-   if (status && it == vrfReactors_.end()) {
-      auto reactor = std::make_unique<VrfReactor>(*this);
-      reactor->notifierIs(status);
-      vrfReactors_.emplace(vrf, std::move(reactor));
-   } else if (!status && it != vrfReactors_.end()) {
-      vrfReactors_.erase(it);
+   auto it = vrfWatches_.find(vrf);
+   if (status && it == vrfWatches_.end()) {
+      auto& watch = vrfWatches_[vrf];
+      watch.on(&Ip::VrfStatusLocal::Reactor::handleNsName, [this, vrf] { doBindVrf(vrf); });
+      watch.notifierIs(status);
+   } else if (!status && it != vrfWatches_.end()) {
+      vrfWatches_.erase(it);
    }
-   doBindAll();
+   doBindVrf(vrf);
 }
 
 void KernelFrontEnd::handleNamespace(const std::string& nsName, bool exists) {
@@ -147,42 +116,95 @@ void KernelFrontEnd::handleNamespace(const std::string& nsName, bool exists) {
    }
 }
 
-// Brings the bindings to the configuration. A namespace serves one VRF at a time: a VRF
-// that asks for a namespace another VRF holds waits until it is free, which happens in
-// the middle of a reload that swaps two VRFs' namespaces.
-void KernelFrontEnd::doBindAll() {
-   std::map<VrfName, std::string> wanted;
-   for (const auto& [vrf, reactor] : vrfReactors_) {
-      const std::string& ns = reactor->notifier()->nsName().str();
+void KernelFrontEnd::handleDeviceNameConfig(const IntfId& intf) {
+   for (const IntfId& affected : deviceIndex_.update(*deviceNames_, intf))
+      dirty_.insert(affected);
+   doSyncLater();
+}
+
+void KernelFrontEnd::handleDevice(const Binding& binding, uint32_t ifindex,
+                                  const std::string& oldName,
+                                  const KernelNetInfo::KernelIntf* device) {
+   if (auto it = devicesByName_.find(oldName); it != devicesByName_.end()) {
+      it->second.erase({&binding, ifindex});
+      if (it->second.empty())
+         devicesByName_.erase(it);
+   }
+   doDirty(oldName);
+   if (device) {
+      devicesByName_[device->deviceName()].insert({&binding, ifindex});
+      doDirty(device->deviceName());
+   }
+}
+
+// A namespace that another VRF holds is waited for; it frees up in the middle of a reload
+// that swaps two VRFs' namespaces. Whatever this VRF lets go of passes to the first VRF, by
+// name, that waits for it, and all binding is done in VRF name order.
+void KernelFrontEnd::doBindVrf(const VrfName& vrf) {
+   std::string wanted;
+   if (auto it = vrfWatches_.find(vrf); it != vrfWatches_.end()) {
+      const std::string& ns = it->second.notifier()->nsName().str();
       // A VRF is created before its namespace is set.
       if (!ns.empty())
-         wanted.emplace(vrf, isOwnNetNs(ns) ? std::string("default") : ns);
+         wanted = isOwnNetNs(ns) ? std::string("default") : ns;
    }
-   std::vector<std::string> stale;
-   for (const auto& [ns, binding] : bindings_) {
-      auto it = wanted.find(binding.vrf);
-      if (it == wanted.end() || it->second != ns)
-         stale.push_back(ns);
+   std::string left;
+   if (auto it = nsOfVrf_.find(vrf); it != nsOfVrf_.end()) {
+      if (it->second == wanted)
+         return;
+      left = it->second;
+      auto& waiting = vrfsOfNs_[left];
+      waiting.erase(vrf);
+      if (waiting.empty())
+         vrfsOfNs_.erase(left);
+      nsOfVrf_.erase(it);
    }
-   for (const std::string& ns : stale)
-      doUnbind(ns);
-   for (const auto& [vrf, ns] : wanted) {
+   std::set<VrfName> bind;
+   if (!wanted.empty()) {
+      nsOfVrf_.emplace(vrf, wanted);
+      vrfsOfNs_[wanted].insert(vrf);
+      bind.insert(vrf);
+   }
+   if (auto it = bindings_.find(left);
+       !left.empty() && it != bindings_.end() && it->second.vrf == vrf) {
+      doUnbind(left);
+      if (auto waiting = vrfsOfNs_.find(left); waiting != vrfsOfNs_.end())
+         bind.insert(*waiting->second.begin());
+   }
+   for (const VrfName& v : bind) {
+      const std::string& ns = nsOfVrf_.at(v);
       // Published for every configured namespace, so readers can attach before it is used.
       kernelTableOf(store_, ns);
       auto it = bindings_.find(ns);
       if (it == bindings_.end())
-         doBind(vrf, ns);
-      else if (it->second.vrf != vrf)
-         TRACE(1, " VRF ", vrf, " waits for namespace ", ns, ", which VRF ", it->second.vrf,
-               " uses");
+         doBind(v, ns);
+      else if (it->second.vrf != v)
+         TRACE(1, " VRF ", v, " waits for namespace ", ns, ", which VRF ", it->second.vrf, " uses");
    }
 }
 
+KernelFrontEnd::Binding::Binding(KernelFrontEnd& owner, const VrfName& vrf,
+                                 Ptr<KernelNetInfo::Status> table)
+    : owner(owner), vrf(vrf), table(std::move(table)) {}
+
+bool KernelFrontEnd::Binding::ranksBefore(const Binding& other) const {
+   if (vrf.isDefault() != other.vrf.isDefault())
+      return vrf.isDefault();
+   return vrf < other.vrf;
+}
+
+bool KernelFrontEnd::Candidate::operator<(const Candidate& o) const {
+   if (binding != o.binding)
+      return binding->ranksBefore(*o.binding);
+   return ifindex < o.ifindex;
+}
+
 void KernelFrontEnd::doBind(const VrfName& vrf, const std::string& nsName) {
-   Binding& b = bindings_[nsName];
-   b.vrf = vrf;
-   b.table = kernelTableOf(store_, nsName);
-   b.watch = std::make_unique<KernelTableWatch>(b.table, [this] { doSyncLater(); });
+   Binding& b =
+       bindings_.try_emplace(nsName, *this, vrf, kernelTableOf(store_, nsName)).first->second;
+   b.watch = std::make_unique<KernelTableWatch>(b.table, b);
+   for (const auto& [ifindex, device] : b.table->interfaceByIndex())
+      handleDevice(b, ifindex, {}, device.get());
    if (watcher_.exists(nsName)) {
       doActivate(nsName);
       return;
@@ -196,6 +218,7 @@ void KernelFrontEnd::doUnbind(const std::string& nsName) {
    Binding& b = it->second;
    doDeactivate(b);
    TRACE(1, " VRF ", b.vrf, " no longer follows namespace ", nsName);
+   // The table is empty: no device of it is left among the candidates.
    bindings_.erase(it);
 }
 
@@ -211,6 +234,7 @@ void KernelFrontEnd::doActivate(const std::string& nsName) {
             " cannot be followed: ", error);
       return;
    }
+   doDirtyAll(b);
    doSyncLater();
    doStateIs(b.vrf, VrfState::active);
    TRACE(1, " VRF ", b.vrf, " is active: namespace ", nsName);
@@ -231,6 +255,18 @@ void KernelFrontEnd::doStateIs(const VrfName& vrf, VrfState state) {
       status->stateIs(state);
 }
 
+void KernelFrontEnd::doDirty(const std::string& deviceName) {
+   if (IntfId intf = deviceIndex_.intfIdOf(deviceName); !intf.empty()) {
+      dirty_.insert(intf);
+      doSyncLater();
+   }
+}
+
+void KernelFrontEnd::doDirtyAll(const Binding& binding) {
+   for (const auto& [ifindex, device] : binding.table->interfaceByIndex())
+      doDirty(device->deviceName());
+}
+
 void KernelFrontEnd::doSyncLater() {
    if (syncPending_)
       return;
@@ -241,54 +277,49 @@ void KernelFrontEnd::doSyncLater() {
    });
 }
 
+// The device that stands for an interface: of the devices named like it in active
+// namespaces, the first by namespace rank and then by ifindex. The others are traced.
+std::optional<KernelFrontEnd::Candidate> KernelFrontEnd::doChoose(const IntfId& intf) const {
+   const std::string name = deviceIndex_.deviceOf(intf);
+   auto it = name.empty() ? devicesByName_.end() : devicesByName_.find(name);
+   if (it == devicesByName_.end())
+      return std::nullopt;
+   std::optional<Candidate> chosen;
+   for (const Candidate& c : it->second) {
+      if (!c.binding->follower)
+         continue;
+      if (!chosen)
+         chosen = c;
+      else
+         TRACE(3, " device ", name, " of VRF ", c.binding->vrf, " ignored: VRF ",
+               chosen->binding->vrf, " has one of that name");
+   }
+   return chosen;
+}
+
+// Interfaces that lose their device go first, then the others are brought up to date, each
+// in interface order, as a derivation of everything would.
 void KernelFrontEnd::doSync() {
    syncPending_ = false;
-   struct Source {
-      const KernelNetInfo::KernelIntf* device;
-      VrfName vrf;
-   };
-   // The default VRF's namespace goes first, so that it keeps a device name that other
-   // namespaces have too ("lo" is in every one); the others follow in VRF name order.
-   std::vector<const Binding*> active;
-   for (const auto& [ns, binding] : bindings_) {
-      if (binding.follower)
-         active.push_back(&binding);
-   }
-   std::sort(active.begin(), active.end(), [](const Binding* a, const Binding* b) {
-      return std::make_pair(!a->vrf.isDefault(), a->vrf) <
-             std::make_pair(!b->vrf.isDefault(), b->vrf);
-   });
-   std::map<IntfId, Source> want;
-   for (const Binding* b : active) {
-      for (const auto& [ifindex, device] : b->table->interfaceByIndex()) {
-         const IntfId intf = deviceNames_->intfIdOf(device->deviceName());
-         if (intf.empty())
-            continue;
-         if (!want.try_emplace(intf, Source{device.get(), b->vrf}).second)
-            TRACE(3, " device ", device->deviceName(), " of VRF ", b->vrf, " ignored: VRF ",
-                  want.at(intf).vrf, " has one of that name");
-      }
-   }
-
+   const std::set<IntfId> dirty = std::move(dirty_);
+   dirty_.clear();
+   std::vector<std::pair<IntfId, Candidate>> want;
    std::vector<IntfId> gone;
-   for (const auto& [intf, status] : ipStatus_->ipIntfStatus()) {
-      if (!want.count(intf))
+   for (const IntfId& intf : dirty) {
+      if (std::optional<Candidate> c = doChoose(intf))
+         want.emplace_back(intf, *c);
+      else
          gone.push_back(intf);
    }
    for (const IntfId& intf : gone)
       ipStatus_->ipIntfStatusDel(intf);
-   gone.clear();
-   for (const auto& [intf, status] : ip6Status_->intf()) {
-      if (!want.count(intf))
-         gone.push_back(intf);
-   }
    for (const IntfId& intf : gone)
       ip6Status_->intfDel(intf);
-
-   for (const auto& [intf, source] : want)
-      doSyncIntf(intf, *source.device, source.vrf);
+   for (const auto& [intf, c] : want) {
+      Ptr<const KernelNetInfo::KernelIntf> device = c.binding->table->interfaceByIndex(c.ifindex);
+      doSyncIntf(intf, *device, c.binding->vrf);
+   }
 }
-
 // Stale addresses go before the VRF and the new addresses are set, so no reactor sees an
 // address in two roles (a promoted secondary) or under the wrong VRF.
 void KernelFrontEnd::doSyncIntf(const IntfId& intf, const KernelNetInfo::KernelIntf& device,

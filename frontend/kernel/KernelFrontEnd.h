@@ -3,8 +3,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 
+#include "frontend/kernel/DeviceNameIndex.h"
+#include "frontend/kernel/KernelTableWatch.h"
 #include "frontend/kernel/NamespaceWatcher.h"
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/Ip6Status.h"
@@ -26,50 +30,6 @@ using Platform::Ptr;
 using Platform::StateStore;
 using Platform::VrfName;
 
-// Calls `onChange` after any change of a kernel table: a device added or removed, or any
-// attribute of one of its devices. Whoever derives records from a table recomputes them
-// whole and writes only the differences, which is simpler than following each attribute
-// and cheap at the rate kernel state changes.
-class KernelTableWatch {
- public:
-   KernelTableWatch(Ptr<const KernelNetInfo::Status> table, std::function<void()> onChange);
-   ~KernelTableWatch();
-   KernelTableWatch(const KernelTableWatch&) = delete;
-   KernelTableWatch& operator=(const KernelTableWatch&) = delete;
-
-   const Ptr<const KernelNetInfo::Status>& table() const { return tableReactor_.notifier(); }
-
- private:
-   class DeviceReactor : public KernelNetInfo::KernelIntf::Reactor {
-    public:
-      DeviceReactor(KernelTableWatch& owner, Ptr<const KernelNetInfo::KernelIntf> device);
-      void handleDeviceName() override { owner_.onChange_(); }
-      void handleMac() override { owner_.onChange_(); }
-      void handleUp() override { owner_.onChange_(); }
-      void handleRunning() override { owner_.onChange_(); }
-      void handleIpv4() override { owner_.onChange_(); }
-      void handleIpv6(const Ip6Prefix&) override { owner_.onChange_(); }
-
-    private:
-      KernelTableWatch& owner_;
-   };
-   class TableReactor : public KernelNetInfo::Status::Reactor {
-    public:
-      explicit TableReactor(KernelTableWatch& owner) : owner_(owner) {}
-      void handleInterfaceByIndex(uint32_t ifindex) override;
-
-    private:
-      KernelTableWatch& owner_;
-   };
-
-   // Follows the device's own changes too, or stops following a removed one.
-   void doDevice(uint32_t ifindex);
-
-   std::function<void()> onChange_;
-   std::map<uint32_t, std::unique_ptr<DeviceReactor>> devices_;
-   TableReactor tableReactor_;
-};
-
 // The kernel side of the system, living in the daemon beside the configuration front end:
 // - publishes "ip/status" and "ip6/status";
 // - follows each configured VRF ("ip/vrf/status/local") into its network namespace: while
@@ -84,6 +44,9 @@ class KernelTableWatch {
 // in place, never deleted and created again. The derivation runs once per loop turn after
 // the tables changed, so a device that leaves one namespace and appears in another within
 // one turn (the kernel sends both notifications under one lock) just changes its VRF.
+// Each change costs what it touches: the interfaces whose devices changed are noted as
+// they change and only those are derived again; a VRF that changes namespace rebinds only
+// itself and whichever VRF was waiting for the namespace it left.
 class KernelFrontEnd {
  public:
    // Keeps one namespace's kernel table current from construction to destruction.
@@ -120,50 +83,53 @@ class KernelFrontEnd {
    const NamespaceWatcher& namespaceWatcher() const { return watcher_; }
 
  private:
-   class VrfsReactor : public Ip::AllVrfStatusLocal::Reactor {
-    public:
-      explicit VrfsReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleVrf(const VrfName& vrf) override { owner_.handleVrf(vrf); }
-      void onNotifierAttached() override;
-
-    private:
-      KernelFrontEnd& owner_;
-   };
-   class VrfReactor : public Ip::VrfStatusLocal::Reactor {
-    public:
-      explicit VrfReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleNsName() override { owner_.doBindAll(); }
-
-    private:
-      KernelFrontEnd& owner_;
-   };
-   class DeviceNamesReactor : public Interface::DeviceNameConfig::Reactor {
-    public:
-      explicit DeviceNamesReactor(KernelFrontEnd& owner) : owner_(owner) {}
-      void handleDeviceName(const IntfId&) override { owner_.doSyncLater(); }
-
-    private:
-      KernelFrontEnd& owner_;
-   };
    // A namespace bound to one VRF. Members are released watch first, so emptying the
    // table on the way out notifies nobody here.
-   struct Binding {
-      VrfName vrf;
+   struct Binding final : KernelTableWatch::Handler {
+      Binding(KernelFrontEnd& owner, const VrfName& vrf, Ptr<KernelNetInfo::Status> table);
+      void handleDeviceName(uint32_t ifindex, const std::string& oldName,
+                            const KernelNetInfo::KernelIntf* device) override {
+         owner.handleDevice(*this, ifindex, oldName, device);
+      }
+      void handleDeviceAttr(const KernelNetInfo::KernelIntf& device) override {
+         owner.doDirty(device.deviceName());
+      }
+      // Which binding's device stands for an interface when several namespaces have one
+      // of its name: the default VRF's, then by VRF name.
+      bool ranksBefore(const Binding& other) const;
+
+      KernelFrontEnd& owner;
+      const VrfName vrf;
       Ptr<KernelNetInfo::Status> table;
       std::unique_ptr<Follower> follower;  // null while the VRF is inactive
       std::unique_ptr<KernelTableWatch> watch;
    };
+   // A device of some bound namespace, under the name it has there.
+   struct Candidate {
+      const Binding* binding;
+      uint32_t ifindex;
+      bool operator<(const Candidate& o) const;
+   };
 
    void handleVrf(const VrfName& vrf);
    void handleNamespace(const std::string& nsName, bool exists);
-   void doBindAll();
+   void handleDeviceNameConfig(const IntfId& intf);
+   void handleDevice(const Binding& binding, uint32_t ifindex, const std::string& oldName,
+                     const KernelNetInfo::KernelIntf* device);
+   // Brings the bindings to the VRF's namespace in the configuration. A namespace serves
+   // one VRF at a time.
+   void doBindVrf(const VrfName& vrf);
    void doBind(const VrfName& vrf, const std::string& nsName);
    void doUnbind(const std::string& nsName);
    void doActivate(const std::string& nsName);
    void doDeactivate(Binding& binding);
    void doStateIs(const VrfName& vrf, Ip::VrfStatusLocal::State state);
+   // The interface a device of that name stands for is derived again at the end of the turn.
+   void doDirty(const std::string& deviceName);
+   void doDirtyAll(const Binding& binding);
    void doSyncLater();
    void doSync();
+   std::optional<Candidate> doChoose(const IntfId& intf) const;
    void doSyncIntf(const IntfId& intf, const KernelNetInfo::KernelIntf& device, const VrfName& vrf);
 
    EventLoop& loop_;
@@ -173,14 +139,22 @@ class KernelFrontEnd {
    Ptr<Ip6::Status> ip6Status_;
    Ptr<Ip::AllVrfStatusLocal> vrfs_;
    Ptr<const Interface::DeviceNameConfig> deviceNames_;
+   DeviceNameIndex deviceIndex_;
    NamespaceWatcher watcher_;
    bool syncPending_ = false;
    // Posted work finds the front end gone through this.
    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
    std::map<std::string, Binding> bindings_;  // by namespace
-   std::map<VrfName, std::unique_ptr<VrfReactor>> vrfReactors_;
-   DeviceNamesReactor deviceNamesReactor_{*this};
-   VrfsReactor vrfsReactor_{*this};
+   // The namespace each VRF asks for, and the VRFs asking for each namespace.
+   std::map<VrfName, std::string> nsOfVrf_;
+   std::map<std::string, std::set<VrfName>> vrfsOfNs_;
+   // Every device of every bound namespace by name, the one that stands for an
+   // interface first.
+   std::map<std::string, std::set<Candidate>> devicesByName_;
+   std::set<IntfId> dirty_;
+   std::map<VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatches_;
+   Platform::Watch<const Interface::DeviceNameConfig> deviceNamesWatch_;
+   Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
 };
 
 }  // namespace Frontend

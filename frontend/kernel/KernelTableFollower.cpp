@@ -40,6 +40,9 @@ constexpr int kReceiveBufferBytes = 8 << 20;
 // descriptor is level-triggered, so the rest is read on the next turn.
 constexpr int kDatagramsPerTurn = 64;
 constexpr double kDumpRetrySeconds = 1.0;
+// Past this many devices waiting for their addresses, one dump of every device costs less
+// than a round trip to the kernel for each.
+constexpr size_t kDeviceDumpsMax = 32;
 
 const char* dumpName(bool links) {
    return links ? "link" : "address";
@@ -80,6 +83,9 @@ bool KernelTableFollower::start(std::string& error) {
    // 5.3 have no such group, and there routes carry their next hops themselves.
    std::string ignored;
    routeWatch_->netlinkOptionIs(NETLINK_ADD_MEMBERSHIP, RTNLGRP_NEXTHOP, ignored);
+   // Strict checking makes the kernel honour a dump's ifindex (Linux 4.20); before it, a
+   // device's address dump lists every device and only that one is taken.
+   socket_->netlinkOptionIs(NETLINK_GET_STRICT_CHK, 1, ignored);
    socket_->receiveBufferIs(kReceiveBufferBytes);
    buffer_.resize(kNetlinkBufferSize);
    loop_.addFd(socket_->fd(), EPOLLIN, [this](uint32_t) { handleReadable(); });
@@ -102,7 +108,8 @@ void KernelTableFollower::stop() {
 }
 
 bool KernelTableFollower::inSync() const {
-   return socket_ && dump_ == Dump::None && !linkDumpDue_ && !addressDumpDue_;
+   return socket_ && dump_ == Dump::None && !linkDumpDue_ && !addressDumpDue_ &&
+          deviceDumpsDue_.empty();
 }
 
 void KernelTableFollower::doClose() {
@@ -115,6 +122,7 @@ void KernelTableFollower::doClose() {
    }
    dump_ = Dump::None;
    dumpStale_ = linkDumpDue_ = addressDumpDue_ = false;
+   deviceDumpsDue_.clear();
    linksSeen_.clear();
    addressesSeen_.clear();
    addressesTouched_.clear();
@@ -219,7 +227,7 @@ void KernelTableFollower::handleDumpMessage(const nlmsghdr* nlh) {
             doLink(nlh);
          return;
       case RTM_NEWADDR:
-         if (dump_ == Dump::Addresses)
+         if (dump_ == Dump::Addresses || dump_ == Dump::DeviceAddresses)
             doAddress(nlh, true);
          return;
       default:
@@ -311,10 +319,10 @@ void KernelTableFollower::doAddress(const nlmsghdr* nlh, bool fromDump) {
          seen.ipv6.emplace(addr->v6(), ifa->ifa_prefixlen);
       return;
    }
-   if (dump_ == Dump::Addresses)
+   if (dump_ == Dump::Addresses || dump_ == Dump::DeviceAddresses)
       addressesTouched_.insert(ifindex);
    if (family == AF_INET) {
-      addressDumpDue_ = true;
+      deviceDumpsDue_.insert(ifindex);
       return;
    }
    Ptr<KernelIntf> intf = table_->interfaceByIndex(ifindex);
@@ -342,14 +350,19 @@ void KernelTableFollower::doLost() {
 void KernelTableFollower::doNextDump() {
    if (!socket_ || dump_ != Dump::None || retryTimer_.armed())
       return;
-   if (!linkDumpDue_ && !addressDumpDue_)
+   if (deviceDumpsDue_.size() > kDeviceDumpsMax)
+      addressDumpDue_ = true;
+   if (!linkDumpDue_ && !addressDumpDue_ && deviceDumpsDue_.empty())
       return;
-   const bool links = linkDumpDue_;
+   const Dump next = linkDumpDue_      ? Dump::Links
+                     : addressDumpDue_ ? Dump::Addresses
+                                       : Dump::DeviceAddresses;
+   const uint32_t device = next == Dump::DeviceAddresses ? *deviceDumpsDue_.begin() : 0;
    alignas(nlmsghdr) std::array<uint8_t, 64> request{};
    nlmsghdr* nlh = mnl_nlmsg_put_header(request.data());
    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
    nlh->nlmsg_seq = socket_->nextSeq();
-   if (links) {
+   if (next == Dump::Links) {
       nlh->nlmsg_type = RTM_GETLINK;
       auto* ifi = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
       ifi->ifi_family = AF_UNSPEC;
@@ -357,15 +370,26 @@ void KernelTableFollower::doNextDump() {
       nlh->nlmsg_type = RTM_GETADDR;
       auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
       ifa->ifa_family = AF_UNSPEC;
+      ifa->ifa_index = device;
    }
+   const bool links = next == Dump::Links;
    std::string error;
    if (!socket_->send(nlh, error)) {
       TRACE(0, dumpName(links), " dump not started in \"", nsName_, "\": ", error);
       retryTimer_.armIn(kDumpRetrySeconds);
       return;
    }
-   (links ? linkDumpDue_ : addressDumpDue_) = false;
-   dump_ = links ? Dump::Links : Dump::Addresses;
+   if (links) {
+      linkDumpDue_ = false;
+   } else if (next == Dump::Addresses) {
+      // Covers whatever the devices waiting for their own dump wait for.
+      addressDumpDue_ = false;
+      deviceDumpsDue_.clear();
+   } else {
+      deviceDumpsDue_.erase(device);
+   }
+   dump_ = next;
+   dumpDevice_ = device;
    dumpSeq_ = nlh->nlmsg_seq;
    dumpStale_ = false;
    linksSeen_.clear();
@@ -379,11 +403,11 @@ void KernelTableFollower::doFinishDump() {
    if (dumpStale_) {
       TRACE(2, dumpName(done == Dump::Links), " dump in \"", nsName_,
             "\" overtaken by changes: running it again");
-      (done == Dump::Links ? linkDumpDue_ : addressDumpDue_) = true;
+      doRedue(done);
    } else if (done == Dump::Links) {
       doApplyLinkDump();
    } else {
-      doApplyAddressDump();
+      doApplyAddressDump(dumpDevice_);
    }
    linksSeen_.clear();
    addressesSeen_.clear();
@@ -392,11 +416,23 @@ void KernelTableFollower::doFinishDump() {
 
 void KernelTableFollower::doFailDump() {
    const Dump failed = std::exchange(dump_, Dump::None);
-   (failed == Dump::Links ? linkDumpDue_ : addressDumpDue_) = true;
    linksSeen_.clear();
    addressesSeen_.clear();
    addressesTouched_.clear();
+   // A device that went meanwhile has no addresses to dump (its deletion came first).
+   if (failed == Dump::DeviceAddresses && !table_->interfaceByIndex(dumpDevice_))
+      return;
+   doRedue(failed);
    retryTimer_.armIn(kDumpRetrySeconds);
+}
+
+void KernelTableFollower::doRedue(Dump dump) {
+   if (dump == Dump::Links)
+      linkDumpDue_ = true;
+   else if (dump == Dump::Addresses)
+      addressDumpDue_ = true;
+   else
+      deviceDumpsDue_.insert(dumpDevice_);
 }
 
 void KernelTableFollower::doApplyLinkDump() {
@@ -411,12 +447,19 @@ void KernelTableFollower::doApplyLinkDump() {
    }
 }
 
-void KernelTableFollower::doApplyAddressDump() {
-   // Snapshot first: reactors run inside the loop below.
+void KernelTableFollower::doApplyAddressDump(uint32_t device) {
+   // Snapshot first: reactors run inside the loop below. A kernel without strict
+   // checking answers a device's dump with every device: only that one is taken.
    std::vector<Ptr<KernelIntf>> intfs;
-   for (const auto& [ifindex, intf] : table_->interfaceByIndex()) {
-      if (!addressesTouched_.contains(ifindex))
+   if (device != 0) {
+      if (Ptr<KernelIntf> intf = table_->interfaceByIndex(device);
+          intf && !addressesTouched_.contains(device))
          intfs.push_back(intf);
+   } else {
+      for (const auto& [ifindex, intf] : table_->interfaceByIndex()) {
+         if (!addressesTouched_.contains(ifindex))
+            intfs.push_back(intf);
+      }
    }
    const DumpedAddresses none;
    std::vector<Ip6Prefix> gone;
@@ -434,8 +477,11 @@ void KernelTableFollower::doApplyAddressDump() {
       for (const Ip6Prefix& prefix : seen.ipv6)
          intf->ipv6Is(prefix);
    }
-   if (!addressesTouched_.empty())
-      addressDumpDue_ = true;
+   // The dump may predate what was notified meanwhile: those devices are dumped again.
+   if (device == 0)
+      deviceDumpsDue_.insert(addressesTouched_.begin(), addressesTouched_.end());
+   else if (addressesTouched_.contains(device))
+      deviceDumpsDue_.insert(device);
 }
 
 }  // namespace Frontend

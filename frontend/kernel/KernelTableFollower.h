@@ -37,9 +37,10 @@ using Platform::TimerWheel;
 // - ipv4: the order of an address dump, which is the device's primary addresses in the
 //   order they were added, then its secondaries; the first is the device's primary
 //   address. Deleting a primary can promote a secondary and move it (or, with
-//   promote_secondaries off, delete the whole subnet's secondaries), so any IPv4
-//   notification is answered with an address dump and each device's list is replaced
-//   whole from it.
+//   promote_secondaries off, delete the whole subnet's secondaries), so an IPv4
+//   notification is answered with a dump of that device's addresses (the kernel filters
+//   by ifindex on a strictly checked socket), and the device's list is replaced whole
+//   from it. Many devices waiting at once get one dump of everything instead.
 // - ipv6: the address notifications are applied as they come.
 // - A device moved to another namespace is a deletion here (RTM_DELLINK).
 // - Lost notifications (ENOBUFS, a truncated datagram) start a full dump whose result
@@ -75,7 +76,7 @@ class KernelTableFollower {
    int fd() const { return socket_ ? socket_->fd() : -1; }
 
  private:
-   enum class Dump : uint8_t { None, Links, Addresses };
+   enum class Dump : uint8_t { None, Links, Addresses, DeviceAddresses };
    struct DumpedAddresses {
       std::vector<IpAddrWithMask> ipv4;
       std::set<Ip6Prefix> ipv6;
@@ -96,8 +97,11 @@ class KernelTableFollower {
    void doNextDump();
    void doFinishDump();
    void doFailDump();
+   // The dump is due again.
+   void doRedue(Dump dump);
    void doApplyLinkDump();
-   void doApplyAddressDump();
+   // `device` 0: every device.
+   void doApplyAddressDump(uint32_t device);
    void doClose();
 
    EventLoop& loop_;
@@ -117,11 +121,14 @@ class KernelTableFollower {
    bool dumpStale_ = false;
    bool linkDumpDue_ = false;
    bool addressDumpDue_ = false;
+   // Devices whose addresses are to be dumped, and the one being dumped.
+   std::set<uint32_t> deviceDumpsDue_;
+   uint32_t dumpDevice_ = 0;
    // Devices seen by the running link dump or notified meanwhile: the rest are gone.
    std::set<uint32_t> linksSeen_;
    std::map<uint32_t, DumpedAddresses> addressesSeen_;
    // Devices with address notifications during the running address dump: the dump may
-   // predate them, so they wait for the next one.
+   // predate them, so they are dumped again.
    std::set<uint32_t> addressesTouched_;
    uint64_t resyncs_ = 0;
 };

@@ -28,17 +28,6 @@ std::string addressText(const std::set<IpAddr>& address) {
 
 }  // namespace
 
-class NamelookSm::RequestReactor : public ResolutionRequestDir::Reactor {
- public:
-   RequestReactor(NamelookSm& sm, const Ptr<const ResolutionRequestDir>& dir) : sm_(sm) {
-      notifierIs(dir);
-   }
-   void handleRequest(const std::string& hostname) override { sm_.handleRequest(hostname); }
-
- private:
-   NamelookSm& sm_;
-};
-
 NamelookSm::NamelookSm(const Ptr<ResolutionRecordDir>& recordDir,
                        const Ptr<const ResolutionRequestDir>& requestDir, EventLoop& loop,
                        TimerWheel& wheel, const Options& options)
@@ -50,7 +39,9 @@ NamelookSm::NamelookSm(const Ptr<ResolutionRecordDir>& recordDir,
    PLATFORM_ASSERT(options.ttlMin > 0 && options.ttlMin <= options.ttlMax && options.retryMin > 0 &&
                        options.retryMin <= options.retryMax && options.hostsFileRecheck > 0,
                    "namelook delays are positive and bounded");
-   requestReactor_ = std::make_unique<RequestReactor>(*this, requestDir_);
+   requestWatch_.on(&ResolutionRequestDir::Reactor::handleRequest,
+                    [this](const std::string& hostname) { handleRequest(hostname); });
+   requestWatch_.notifierIs(requestDir_);
 }
 
 NamelookSm::~NamelookSm() = default;

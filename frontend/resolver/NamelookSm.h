@@ -61,7 +61,6 @@ class NamelookSm {
    bool initialized() const { return initialized_; }
 
  private:
-   class RequestReactor;
    // The resolution of one requested name.
    struct Name {
       Name(TimerWheel& wheel, std::function<void()> handler) : timer(wheel, std::move(handler)) {}
@@ -85,7 +84,7 @@ class NamelookSm {
    uint64_t lastQuery_ = 0;
    std::map<std::string, std::unique_ptr<Name>> name_;
    bool initialized_ = false;
-   std::unique_ptr<RequestReactor> requestReactor_;
+   Platform::Watch<const ResolutionRequestDir> requestWatch_;
 };
 
 }  // namespace Frontend

@@ -62,24 +62,7 @@ class Config : public Platform::Entity {
       virtual void handleSwitchIntfConfig(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Platform::Ptr<SwitchIntfConfig>>& switchIntfConfig() const {
-      return switchIntfConfig_;
-   }
-   Platform::Ptr<SwitchIntfConfig> switchIntfConfig(const Platform::IntfId& intf) const {
-      return mapEntryOr(switchIntfConfig_, intf, nullptr);
-   }
-   Platform::Ptr<SwitchIntfConfig> switchIntfConfigIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(switchIntfConfig_, intf, &Reactor::handleSwitchIntfConfig);
-   }
-   void switchIntfConfigDel(const Platform::IntfId& intf) {
-      mapEntryDel(switchIntfConfig_, intf, &Reactor::handleSwitchIntfConfig);
-   }
-   void switchIntfConfigDelAll() {
-      mapEntryDelAll(switchIntfConfig_, &Reactor::handleSwitchIntfConfig);
-   }
-
- private:
-   std::map<Platform::IntfId, Platform::Ptr<SwitchIntfConfig>> switchIntfConfig_;
+   PLATFORM_RECORDS(switchIntfConfig, SwitchIntfConfig, Platform::IntfId, SwitchIntfConfig)
 };
 
 // The ports currently forwarding on one VLAN: where snooping floods a reply whose

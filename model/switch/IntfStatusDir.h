@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "platform/addr/IntfId.h"
 #include "platform/addr/VrfName.h"
@@ -48,20 +49,7 @@ class AllIntfStatusDir : public Platform::Entity {
       virtual void handleIntfStatus(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfStatus>>& intfStatus() const { return intfStatus_; }
-   Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatus_, intf, nullptr);
-   }
-   Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
-
- private:
-   std::map<Platform::IntfId, Ptr<IntfStatus>> intfStatus_;
+   PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
 };
 
 // What only this host knows about an interface: its VRF and kernel index.
@@ -100,24 +88,7 @@ class AllIntfStatusLocalDir : public Platform::Entity {
       virtual void handleIntfStatusLocal(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Ptr<IntfStatusLocal>>& intfStatusLocal() const {
-      return intfStatusLocal_;
-   }
-   Ptr<IntfStatusLocal> intfStatusLocal(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatusLocal_, intf, nullptr);
-   }
-   Ptr<IntfStatusLocal> intfStatusLocalIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
-   }
-   void intfStatusLocalDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatusLocal_, intf, &Reactor::handleIntfStatusLocal);
-   }
-   void intfStatusLocalDelAll() {
-      mapEntryDelAll(intfStatusLocal_, &Reactor::handleIntfStatusLocal);
-   }
-
- private:
-   std::map<Platform::IntfId, Ptr<IntfStatusLocal>> intfStatusLocal_;
+   PLATFORM_RECORDS(intfStatusLocal, IntfStatusLocal, Platform::IntfId, IntfStatusLocal)
 };
 
 // System interface name -> kernel device name, where the two differ (from the
@@ -134,9 +105,19 @@ class DeviceNameConfig : public Platform::Entity {
 
    const std::map<Platform::IntfId, std::string>& deviceName() const { return deviceName_; }
    void deviceNameIs(const Platform::IntfId& intf, const std::string& dev) {
+      auto it = deviceName_.find(intf);
+      if (it != deviceName_.end() && it->second == dev)
+         return;
+      if (it != deviceName_.end())
+         doUnindex(intf, it->second);
+      intfsOf_[dev].insert(intf);
       mapEntryIs(deviceName_, intf, dev, &Reactor::handleDeviceName);
    }
    void deviceNameDel(const Platform::IntfId& intf) {
+      auto it = deviceName_.find(intf);
+      if (it == deviceName_.end())
+         return;
+      doUnindex(intf, it->second);
       mapEntryDel(deviceName_, intf, &Reactor::handleDeviceName);
    }
 
@@ -145,14 +126,13 @@ class DeviceNameConfig : public Platform::Entity {
       auto it = deviceName_.find(intf);
       return it == deviceName_.end() ? intf.toString() : it->second;
    }
-   // The system interface whose kernel device this is; empty when no interface
-   // maps to it (a device named like an interface that the file maps elsewhere,
-   // or a name that is no valid interface name).
-   Platform::IntfId intfIdOf(const std::string& device) const {
-      for (const auto& [intf, dev] : deviceName_) {
-         if (dev == device)
-            return intf;
-      }
+   // The system interface whose kernel device this is; empty when no interface maps to it
+   // (a device named like an interface that the file maps elsewhere, or a name that is no
+   // valid interface name). Asked for every received packet: lookups, no walk, no copy.
+   Platform::IntfId intfIdOf(std::string_view device) const {
+      auto mapped = intfsOf_.find(device);
+      if (mapped != intfsOf_.end())
+         return *mapped->second.begin();
       auto id = Platform::IntfId::parse(device);
       if (!id || deviceName_.count(*id))
          return {};
@@ -160,7 +140,19 @@ class DeviceNameConfig : public Platform::Entity {
    }
 
  private:
+   void doUnindex(const Platform::IntfId& intf, const std::string& dev) {
+      auto it = intfsOf_.find(dev);
+      if (it == intfsOf_.end())
+         return;
+      it->second.erase(intf);
+      if (it->second.empty())
+         intfsOf_.erase(it);
+   }
+
    std::map<Platform::IntfId, std::string> deviceName_;
+   // The reverse of deviceName_; several interfaces name one device only in the middle of a
+   // reload, and the lowest interface wins as the walk over deviceName_ used to pick.
+   std::map<std::string, std::set<Platform::IntfId>, std::less<>> intfsOf_;
 };
 
 // Whoever writes the interface status of a namespace's devices (the kernel front end on

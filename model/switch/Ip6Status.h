@@ -47,18 +47,7 @@ class Status : public Platform::Entity {
       virtual void handleIntf(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Platform::Ptr<IntfStatus>>& intf() const { return intf_; }
-   Platform::Ptr<IntfStatus> intf(const Platform::IntfId& i) const {
-      return mapEntryOr(intf_, i, nullptr);
-   }
-   Platform::Ptr<IntfStatus> intfIs(const Platform::IntfId& i) {
-      return mapEntryCreate(intf_, i, &Reactor::handleIntf);
-   }
-   void intfDel(const Platform::IntfId& i) { mapEntryDel(intf_, i, &Reactor::handleIntf); }
-   void intfDelAll() { mapEntryDelAll(intf_, &Reactor::handleIntf); }
-
- private:
-   std::map<Platform::IntfId, Platform::Ptr<IntfStatus>> intf_;
+   PLATFORM_RECORDS(intf, Intf, Platform::IntfId, IntfStatus)
 };
 
 // Multicast groups applications want joined on DHCPv6 interfaces; the relay adds

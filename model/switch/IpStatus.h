@@ -59,22 +59,7 @@ class Status : public Platform::Entity {
       virtual void handleIpIntfStatus(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Platform::Ptr<IpIntfStatus>>& ipIntfStatus() const {
-      return ipIntfStatus_;
-   }
-   Platform::Ptr<IpIntfStatus> ipIntfStatus(const Platform::IntfId& intf) const {
-      return mapEntryOr(ipIntfStatus_, intf, nullptr);
-   }
-   Platform::Ptr<IpIntfStatus> ipIntfStatusIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(ipIntfStatus_, intf, &Reactor::handleIpIntfStatus);
-   }
-   void ipIntfStatusDel(const Platform::IntfId& intf) {
-      mapEntryDel(ipIntfStatus_, intf, &Reactor::handleIpIntfStatus);
-   }
-   void ipIntfStatusDelAll() { mapEntryDelAll(ipIntfStatus_, &Reactor::handleIpIntfStatus); }
-
- private:
-   std::map<Platform::IntfId, Platform::Ptr<IpIntfStatus>> ipIntfStatus_;
+   PLATFORM_RECORDS(ipIntfStatus, IpIntfStatus, Platform::IntfId, IpIntfStatus)
 };
 
 }  // namespace Ip

@@ -21,22 +21,7 @@ class Status : public Platform::Entity {
       virtual void handleIntfStatus(const Platform::IntfId& /*intf*/) {}
    };
 
-   const std::map<Platform::IntfId, Platform::Ptr<IntfStatus>>& intfStatus() const {
-      return intfStatus_;
-   }
-   Platform::Ptr<IntfStatus> intfStatus(const Platform::IntfId& intf) const {
-      return mapEntryOr(intfStatus_, intf, nullptr);
-   }
-   Platform::Ptr<IntfStatus> intfStatusIs(const Platform::IntfId& intf) {
-      return mapEntryCreate(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDel(const Platform::IntfId& intf) {
-      mapEntryDel(intfStatus_, intf, &Reactor::handleIntfStatus);
-   }
-   void intfStatusDelAll() { mapEntryDelAll(intfStatus_, &Reactor::handleIntfStatus); }
-
- private:
-   std::map<Platform::IntfId, Platform::Ptr<IntfStatus>> intfStatus_;
+   PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
 };
 
 }  // namespace MlagDhcpRelay

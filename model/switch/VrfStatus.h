@@ -45,18 +45,7 @@ class AllVrfStatusLocal : public Platform::Entity {
       virtual void handleVrf(const Platform::VrfName& /*vrf*/) {}
    };
 
-   const std::map<Platform::VrfName, Platform::Ptr<VrfStatusLocal>>& vrf() const { return vrf_; }
-   Platform::Ptr<VrfStatusLocal> vrf(const Platform::VrfName& v) const {
-      return mapEntryOr(vrf_, v, nullptr);
-   }
-   Platform::Ptr<VrfStatusLocal> vrfIs(const Platform::VrfName& v) {
-      return mapEntryCreate(vrf_, v, &Reactor::handleVrf);
-   }
-   void vrfDel(const Platform::VrfName& v) { mapEntryDel(vrf_, v, &Reactor::handleVrf); }
-   void vrfDelAll() { mapEntryDelAll(vrf_, &Reactor::handleVrf); }
-
- private:
-   std::map<Platform::VrfName, Platform::Ptr<VrfStatusLocal>> vrf_;
+   PLATFORM_RECORDS(vrf, Vrf, Platform::VrfName, VrfStatusLocal)
 };
 
 }  // namespace Ip

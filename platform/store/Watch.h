@@ -1,6 +1,6 @@
 #pragma once
 
-#include <array>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -22,12 +22,16 @@ class WatchBase {
 
    // A handler's identity: the bytes of its member-function pointer. Every handler of one
    // record type has a distinct pointer of one size, so equal bytes mean the same handler.
-   using Key = std::array<unsigned char, sizeof(void (ReactorBase::*)())>;
+   // Two words, compared as such: notifications of counters run per packet.
+   struct Key {
+      uint64_t word[2];
+      bool operator==(const Key& o) const { return word[0] == o.word[0] && word[1] == o.word[1]; }
+   };
    template <class R, class... P>
    static Key keyOf(void (R::*handler)(P...)) {
       static_assert(sizeof(handler) == sizeof(Key));
       Key key;
-      std::memcpy(key.data(), &handler, sizeof(Key));
+      std::memcpy(&key, &handler, sizeof(Key));
       return key;
    }
 

@@ -8,38 +8,52 @@ namespace {
 
 using Platform::UdpTestPam;
 
+// What the socket machine hands over, recorded.
+struct Sink : DhcpPacketSink {
+   struct Received {
+      IpAddr src, dst;
+      IntfId intf;
+      VrfName vrf;
+   };
+   void doProcessPacket(Platform::Pkt&, IpAddr srcIp, IpAddr dstIp, const IntfId& intf,
+                        const VrfName& vrf) override {
+      received.push_back({srcIp, dstIp, intf, vrf});
+   }
+   std::vector<Received> received;
+};
+
+// VRF red's socket machine on its own, with Ethernet1 (ifindex 7) and a device "Ethernet2"
+// (ifindex 8) that is no interface: Ethernet2's kernel device is "eth2".
 class DhcpVrfSmTest : public testing::Test {
  protected:
    DhcpVrfSmTest() {
       bed.vrfIs("red", "ns-red", true);
-      bed.activeVrfIs("default", 1);
-      bed.config->intfConfigIs(IntfId("Ethernet1"));
-      // Ethernet2's kernel device is "eth2", so a device named "Ethernet2" is no interface.
       bed.deviceNames->deviceNameIs(IntfId("Ethernet2"), "eth2");
-      bed.device("default", 7, "Ethernet1");
-      bed.device("default", 8, "Ethernet2");
-      sm = bed.relaySm();
-      sm->handleInitialized();
+      bed.device("ns-red", 7, "Ethernet1");
+      bed.device("ns-red", 8, "Ethernet2");
+      bed.status->intfStatusIs(IntfId("Ethernet1"));
    }
-   DhcpVrfSm& vrfSm() { return *sm->dhcpVrfSm(VrfName::defaultVrf()); }
-   Ptr<UdpTestPam> udp(const char* vrf = "default") {
-      return bed.pams.udp.at(std::string("UdpSocket-") + vrf);
+   std::unique_ptr<DhcpVrfSm> open() {
+      return std::make_unique<DhcpVrfSm>(
+          VrfName("red"), NamespaceName("ns-red"), bed.config,
+          VrfSockets::Deps{bed.pams, bed.store, *bed.managers, bed.deviceNames}, *bed.status, sink);
    }
+   Ptr<UdpTestPam> udp() { return bed.pams.udp.at("UdpSocket-red"); }
    void receive(uint8_t op, uint32_t ifindex) {
       auto pkt = Platform::Pkt::create(300);
       std::fill(pkt->span().begin(), pkt->span().end(), 0);
       pkt->data()[0] = op;
-      ASSERT_TRUE(
-          udp()->inject({pkt, *IpAddr::parse("10.0.0.5"), 68, IpAddr::broadcast(), ifindex}));
+      ASSERT_TRUE(udp()->inject({pkt, ip("10.0.0.5"), 68, IpAddr::broadcast(), ifindex}));
    }
 
    RelayTestBed bed;
-   std::unique_ptr<ProbeRelaySm> sm;
+   Sink sink;
 };
 
-TEST_F(DhcpVrfSmTest, OpensItsSocketsInTheVrfsNamespace) {
-   bed.activeVrfIs("red", 1);
-   Ptr<UdpTestPam> u = udp("red");
+TEST_F(DhcpVrfSmTest, SocketsInTheNamespaceWithTheConfiguredDscp) {
+   bed.config->dscpV4Is(46);
+   auto sm = open();
+   Ptr<UdpTestPam> u = udp();
    EXPECT_EQ(u->mode(), Platform::Pam::modeOpen);
    EXPECT_EQ(u->txDstAddr(), Platform::IpGenAddr(IpAddr::broadcast()));
    EXPECT_EQ(u->txPort(), 67);
@@ -47,107 +61,70 @@ TEST_F(DhcpVrfSmTest, OpensItsSocketsInTheVrfsNamespace) {
    EXPECT_EQ(u->rxPort(), 67);
    EXPECT_EQ(u->netNs(), "ns-red");
    EXPECT_FALSE(u->ipv6());
+   EXPECT_EQ(u->txTos(), 184);
    Ptr<Platform::RawTxTestPam> raw = bed.pams.raw.at("RawTxPam-red");
-   EXPECT_EQ(raw->mode(), Platform::Pam::modeOpen);
    EXPECT_EQ(raw->ethProtocol(), 0x0800);
    EXPECT_EQ(raw->netNs(), "ns-red");
-   DhcpVrfSm* red = sm->dhcpVrfSm(VrfName("red"));
-   EXPECT_TRUE(red->initialized());
-   EXPECT_EQ(red->udpPam(), Ptr<Platform::UdpPam>(u));
-   // A second initialisation opens nothing new.
-   red->handleInitialized();
-   EXPECT_EQ(bed.pams.udp.at("UdpSocket-red"), u);
-}
-
-TEST_F(DhcpVrfSmTest, DscpSetsTheTosOfTheUdpSocketOnly) {
-   EXPECT_EQ(udp()->txTos(), 0);
-   bed.config->dscpV4Is(46);
-   EXPECT_EQ(udp()->txTos(), 184);
+   // The DSCP follows the configuration; only the UDP socket carries it.
    bed.config->dscpV4Is(63);
-   EXPECT_EQ(udp()->txTos(), 252);
-   // A socket opened later starts with the configured value.
-   bed.activeVrfIs("red", 1);
-   EXPECT_EQ(udp("red")->txTos(), 252);
+   EXPECT_EQ(u->txTos(), 252);
+   // A second initialisation opens nothing new.
+   sm->handleInitialized();
+   EXPECT_EQ(udp(), u);
 }
 
-TEST_F(DhcpVrfSmTest, ReadableWithoutPacketOnlyTraces) {
+TEST_F(DhcpVrfSmTest, EachDatagramGoesOnWithItsInterfaceOrIsDropped) {
+   auto sm = open();
    Platform::TraceCapture trace;
-   vrfSm().handleReadableCount();
-   ASSERT_EQ(trace.lines().size(), 2u);
-   EXPECT_NE(trace.lines()[1].find("handleReadableCount() no pkt, pam only set"),
-             std::string::npos);
-   EXPECT_TRUE(sm->received.empty());
-   EXPECT_EQ(bed.status->totalRequestsReceived() + bed.status->totalRequestsDropped(), 0u);
-}
+   sm->handleReadableCount();
+   EXPECT_TRUE(trace.contains("handleReadableCount() no pkt, pam only set"));
 
-TEST_F(DhcpVrfSmTest, ReceivedDatagramsGoToTheRelayWithTheirInterface) {
    receive(bootRequest, 7);
-   ASSERT_EQ(sm->received.size(), 1u);
-   const auto& r = sm->received[0];
-   EXPECT_EQ(r.intf, IntfId("Ethernet1"));
-   EXPECT_EQ(r.vrf, VrfName::defaultVrf());
-   EXPECT_EQ(r.src, *IpAddr::parse("10.0.0.5"));
-   EXPECT_EQ(r.dst, IpAddr::broadcast());
-   EXPECT_EQ(r.bytes.size(), 300u);
-   EXPECT_EQ(bed.status->totalRequestsReceived(), 1u);
+   ASSERT_EQ(sink.received.size(), 1u);
+   EXPECT_EQ(sink.received[0].intf, IntfId("Ethernet1"));
+   EXPECT_EQ(sink.received[0].vrf, VrfName("red"));
+   EXPECT_EQ(sink.received[0].src, ip("10.0.0.5"));
+   EXPECT_EQ(sink.received[0].dst, IpAddr::broadcast());
    EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsReceived(), 1u);
-   // One datagram per notification: the queue announces the next one by itself.
-   receive(bootRequest, 7);
-   receive(bootRequest, 7);
-   EXPECT_EQ(sm->received.size(), 3u);
-}
-
-TEST_F(DhcpVrfSmTest, DatagramsFromUnknownDevices) {
-   Platform::TraceCapture trace;
-   // No kernel device has this index: dropped and counted without an interface.
+   // No kernel device has this index: dropped, counted without an interface.
    receive(bootRequest, 99);
-   EXPECT_TRUE(sm->received.empty());
+   EXPECT_EQ(bed.status->drops(DropReason::unknownIfindex), 1u);
    EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
-   EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped(), 0u);
-   EXPECT_TRUE(trace.contains(" Interface for ifindex 99 does not exist. Dropping packet."));
-
-   // A device that is no switch interface: a request is dropped without counting...
+   // A device that is no interface: a request is dropped without counting, a reply goes on
+   // without an interface name.
    receive(bootRequest, 8);
-   EXPECT_TRUE(sm->received.empty());
-   EXPECT_EQ(bed.status->totalRequestsDropped(), 1u);
-   EXPECT_EQ(bed.status->totalRequestsReceived(), 0u);
-   EXPECT_TRUE(trace.contains(" Interface for kernel device Ethernet2 does not exist."));
-
-   // ... and a reply goes on with no interface name.
+   EXPECT_EQ(bed.status->drops(DropReason::unknownDevice), 1u);
+   EXPECT_EQ(bed.status->totalRequestsReceived(), 1u);
    receive(bootReply, 8);
-   ASSERT_EQ(sm->received.size(), 1u);
-   EXPECT_TRUE(sm->received[0].intf.empty());
+   ASSERT_EQ(sink.received.size(), 2u);
+   EXPECT_TRUE(sink.received[1].intf.empty());
    EXPECT_EQ(bed.status->totalRepliesReceived(), 1u);
 }
 
-TEST_F(DhcpVrfSmTest, DeletionClosesOnceAndReleasesOnlyOtherNamespaces) {
-   bed.activeVrfIs("red", 1);
-   // The managers write the interface status of their namespace's devices.
-   bed.device("ns-red", 3, "Ethernet5");
-   EXPECT_TRUE(bed.allIntfStatus->intfStatus(IntfId("Ethernet5")));
+TEST_F(DhcpVrfSmTest, DeletionClosesOnceAndStopsFollowingTheNamespace) {
+   auto sm = open();
+   // While the sockets exist the namespace's devices have interface status.
    EXPECT_TRUE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
-
-   DhcpVrfSm& red = *sm->dhcpVrfSm(VrfName("red"));
-   Ptr<UdpTestPam> redUdp = udp("red");
-   Ptr<Platform::RawTxTestPam> redRaw = bed.pams.raw.at("RawTxPam-red");
-   red.handleDel();
-   EXPECT_FALSE(red.initialized());
-   EXPECT_EQ(redUdp->mode(), Platform::Pam::modeClosed);
-   EXPECT_EQ(redRaw->mode(), Platform::Pam::modeClosed);
-   EXPECT_FALSE(red.udpPam());
-   EXPECT_FALSE(bed.allIntfStatus->intfStatus(IntfId("Ethernet5")));
-   // Closed sockets no longer reach the relay.
-   EXPECT_FALSE(redUdp->inject({Platform::Pkt::create(300), IpAddr(), 68, IpAddr(), 3}));
+   Ptr<UdpTestPam> u = udp();
+   Ptr<Platform::RawTxTestPam> raw = bed.pams.raw.at("RawTxPam-red");
+   sm->handleDel();
+   EXPECT_FALSE(sm->initialized());
+   EXPECT_EQ(u->mode(), Platform::Pam::modeClosed);
+   EXPECT_EQ(raw->mode(), Platform::Pam::modeClosed);
+   EXPECT_FALSE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
+   EXPECT_FALSE(u->inject({Platform::Pkt::create(300), IpAddr(), 68, IpAddr(), 7}));
 
    Platform::TraceCapture trace;
-   red.handleDel();
+   sm->handleDel();
    EXPECT_EQ(trace.lines().size(), 1u);
-   red.handleReadableCount();
-   EXPECT_TRUE(sm->received.empty());
-
-   vrfSm().handleDel();
-   EXPECT_TRUE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
-   EXPECT_TRUE(bed.managers->intfStatusManager("default"));
+   sm->handleReadableCount();
+   EXPECT_TRUE(sink.received.empty());
+   // Dropping the machine without handleDel closes just the same.
+   auto again = open();
+   sm.reset();
+   again.reset();
+   EXPECT_EQ(udp()->mode(), Platform::Pam::modeClosed);
+   EXPECT_FALSE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
 }
 
 }  // namespace

@@ -43,7 +43,12 @@ struct BadFile {
 // Each file gathers the faults of one area, so the table also shows that every fault
 // of a file is reported, in line order, and nothing else.
 const std::vector<BadFile> kBadFiles = {
-    {"syntax", "\nrelay: [1,\n", {"r.yaml:2: (syntax): end of sequence flow not found"}},
+    {"syntax",
+     "\nrelay: [1,\n",
+     {"r.yaml:2: (syntax): did not find expected node content (while parsing a flow node)"}},
+    {"undefinedAlias",
+     "\nrelay: *none\n",
+     {"r.yaml:1: (syntax): the referenced anchor is not defined"}},
     {"rootIsList", "\n- a\n", {"r.yaml:1: (root): expected a map, got a list"}},
     {"rootIsScalar", "\nhello\n", {"r.yaml:1: (root): expected a map, got \"hello\""}},
     {"twoDocuments",
@@ -336,9 +341,9 @@ interfaces:
     servers-v6:
       - address: ff05::1:3
         source-address: 2001:db8::1
-    ccap-cores: [2001:db8::2, 2001:db8::1]
+    ccap-cores: &cores [2001:db8::2, 2001:db8::1]
     vrf: red
-  Ethernet2:
+  Ethernet2: {ccap-cores: *cores}
 vrfs: {red: ns-red}
 snooping:
   circuit-id-type: 0
@@ -358,7 +363,7 @@ bridging:
                  {addr("192.0.2.2"), "", vrf("red"), intf("Loopback0"), {}}};
    e1.serversV6 = {{addr("ff05::1:3"), "", vrf("red"), {}, addr("2001:db8::1")}};
    e1.ccapCores = {*Ip6Addr::parse("2001:db8::2"), *Ip6Addr::parse("2001:db8::1")};
-   want.interfaces[intf("Ethernet2")];
+   want.interfaces[intf("Ethernet2")].ccapCores = e1.ccapCores;
    want.snooping.circuitIdTypeValid = true;
    PortDoc& trunk = want.ports[intf("Ethernet3")];
    trunk.mode = SwitchportMode::trunk;
