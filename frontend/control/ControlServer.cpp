@@ -55,8 +55,11 @@ bool blank(std::string_view line) {
 
 }  // namespace
 
-ControlServer::ControlServer(Platform::EventLoop& loop, std::string path)
-    : loop_(loop), path_(std::move(path)), acceptResume_(loop.wheel(), [this] {
+ControlServer::ControlServer(Platform::EventLoop& loop, std::string path, double idleTimeout)
+    : loop_(loop),
+      path_(std::move(path)),
+      idleTimeout_(idleTimeout),
+      acceptResume_(loop.wheel(), [this] {
          TRACE(1, "accepting control connections again");
          listener_.eventsIs(EPOLLIN);
       }) {}
@@ -187,7 +190,7 @@ void ControlServer::handleListener() {
          acceptResume_.armIn(kAcceptPause);
          return;
       }
-      if (connections_.size() >= kMaxConnections) {
+      if (connections_.size() >= kMaxConnections && !doEvictIdlest()) {
          // A fresh socket's send buffer is empty, so the one line always fits.
          std::string line = controlLine(controlReplyError("too many control connections (at most " +
                                                           std::to_string(kMaxConnections) + ")"));
@@ -197,7 +200,12 @@ void ControlServer::handleListener() {
          continue;
       }
       const int id = fd.get();
-      auto c = std::make_unique<Connection>();
+      auto c = std::make_unique<Connection>(loop_.wheel(), [this, id] {
+         TRACE(2, "control connection ", id, " idle for ", idleTimeout_, " s, closed");
+         doClose(id);
+      });
+      c->lastActive = loop_.wheel().clock().now();
+      c->idle.armIn(idleTimeout_);
       c->socket = Platform::WatchedFd(loop_, std::move(fd), EPOLLIN,
                                       [this, id](uint32_t) { handleConnection(id); });
       c->events = EPOLLIN;
@@ -280,6 +288,8 @@ ControlServer::Io ControlServer::doRead(Connection& c) {
       ssize_t n = ::recv(c.socket.get(), chunk, sizeof chunk, 0);
       if (n > 0) {
          c.in.append(chunk, static_cast<size_t>(n));
+         c.lastActive = c.idle.wheel().clock().now();
+         c.idle.armIn(idleTimeout_);
          return Io::progress;
       }
       if (n == 0) {
@@ -323,6 +333,22 @@ void ControlServer::doWatch(Connection& c, uint32_t events) {
    c.socket.eventsIs(events);
 }
 
+// With every slot taken, the connection silent for longest makes room: an operator's
+// command line always gets in unless all the others are busy with requests.
+bool ControlServer::doEvictIdlest() {
+   Connection* idlest = nullptr;
+   for (auto& [fd, c] : connections_) {
+      const bool busy = !c->in.empty() || c->outSent < c->out.size();
+      if (!busy && (!idlest || c->lastActive < idlest->lastActive))
+         idlest = c.get();
+   }
+   if (!idlest)
+      return false;
+   TRACE(1, "control connection ", idlest->socket.get(), " closed to make room for a new one");
+   doClose(idlest->socket.get());
+   return true;
+}
+
 void ControlServer::doClose(int fd) {
    connections_.erase(fd);
    TRACE(3, "control connection ", fd, " closed");
@@ -332,7 +358,8 @@ nlohmann::json ControlServer::doRequest(std::string_view line) {
    nlohmann::json request;
    try {
       request = nlohmann::json::parse(line);
-   } catch (const nlohmann::json::parse_error& e) {
+   } catch (const nlohmann::json::exception& e) {
+      // Not only syntax: a number beyond a double's range is an out_of_range error.
       return controlReplyError("malformed JSON request: " + parseErrorText(e.what()));
    }
    if (!request.is_object())

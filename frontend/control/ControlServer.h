@@ -32,8 +32,11 @@ class ControlServer {
    using Handler = std::function<nlohmann::json(const nlohmann::json& request)>;
 
    static constexpr size_t kMaxConnections = 32;
+   // A connection that sends nothing for this long is closed, so clients that connect
+   // and stay silent cannot hold the slots an operator needs.
+   static constexpr double kIdleTimeout = 30.0;
 
-   ControlServer(Platform::EventLoop& loop, std::string path);
+   ControlServer(Platform::EventLoop& loop, std::string path, double idleTimeout = kIdleTimeout);
    // Closes every connection and removes the socket file, unless another process has
    // replaced it meanwhile.
    ~ControlServer();
@@ -52,7 +55,11 @@ class ControlServer {
 
  private:
    struct Connection {
+      Connection(Platform::TimerWheel& wheel, std::function<void()> onIdle)
+          : idle(wheel, std::move(onIdle)) {}
       Platform::WatchedFd socket;
+      Platform::Timer idle;
+      double lastActive = 0;
       uint32_t events = 0;
       std::string in;
       std::string out;
@@ -71,10 +78,12 @@ class ControlServer {
    Io doWrite(Connection& c);
    void doWatch(Connection& c, uint32_t events);
    void doClose(int fd);
+   bool doEvictIdlest();
    nlohmann::json doRequest(std::string_view line);
 
    Platform::EventLoop& loop_;
    std::string path_;
+   double idleTimeout_;
    Platform::WatchedFd listener_;
    // The socket file this server created, so destruction never unlinks a successor's.
    dev_t socketDev_ = 0;

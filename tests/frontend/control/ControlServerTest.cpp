@@ -43,7 +43,7 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
 
    ControlServer& server() {
       if (!server_) {
-         server_.emplace(loop_, path_);
+         server_.emplace(loop_, path_, idleTimeout_);
          server_->handlerIs("echo", [](const json& request) { return request; });
          server_->handlerIs("refuse", [](const json&) -> json { throw ControlError("not today"); });
          server_->handlerIs("crash", [](const json&) -> json { throw std::runtime_error("bug"); });
@@ -128,6 +128,7 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
 
    std::string dir_;
    std::string path_;
+   double idleTimeout_ = ControlServer::kIdleTimeout;
    std::optional<ControlServer> server_;
    std::map<int, Platform::Fd> clients_;
    std::map<int, std::string> pending_;
@@ -163,6 +164,7 @@ TEST_F(ControlServerTest, BadRequestsGetErrorRepliesAndTheConnectionStaysUsable)
    const std::string deep = std::string(30000, '[') + std::string(30000, ']');
    const std::vector<std::pair<std::string, std::string>> cases = {
        {"{\"cmd\": ", "malformed JSON request"},
+       {"{\"cmd\": \"echo\", \"n\": 1e400}", "malformed JSON request"},
        {"not json at all", "malformed JSON request"},
        {"[1, 2]", "a request must be a JSON object"},
        {deep, "a request must be a JSON object"},
@@ -234,21 +236,33 @@ TEST_F(ControlServerTest, LargeRepliesSurvivePartialWritesAndClientsThatLeave) {
    EXPECT_TRUE(closedByServer(last));
 }
 
-TEST_F(ControlServerTest, ConnectionsBeyondTheLimitAreRefusedWithAReason) {
+// Silent clients cannot lock operators out: at the limit the longest silent one makes room,
+// only clients in the middle of a request are never pushed out, and silence ends a
+// connection after the idle timeout.
+TEST_F(ControlServerTest, SilentClientsMakeRoomAndTimeOut) {
+   idleTimeout_ = 1.0;
    startServer();
    std::vector<int> open;
    for (size_t i = 0; i < ControlServer::kMaxConnections; ++i) {
       open.push_back(client());
-      loop_.runOnce(0);  // accepts, keeping the listen backlog short
+      sendAll(open.back(), "{\"cmd\":");  // busy: half a request
+      loop_.runOnce(0);
    }
    ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == open.size(); }));
+   loop_.runOnce(0);  // reads the last half request
    int extra = client();
    EXPECT_EQ(errorOf(reply(extra)), "too many control connections (at most 32)");
    EXPECT_TRUE(closedByServer(extra));
 
-   closeClient(open.back());
-   ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == open.size() - 1; }));
+   // The first client finishes its request and falls silent: the next one takes its place.
+   sendAll(open.front(), "\"echo\"}\n");
+   ASSERT_TRUE(reply(open.front()));
    expectServed(client());
+   EXPECT_TRUE(closedByServer(open.front()));
+
+   // Everyone else stays silent past the timeout.
+   EXPECT_TRUE(closedByServer(open.back()));
+   EXPECT_TRUE(turnUntil([&] { return server().connectionCount() == 0; }));
 }
 
 // A stale socket is replaced, a live one is not stolen, and only the server's own file goes
