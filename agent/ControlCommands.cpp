@@ -207,7 +207,10 @@ json ControlCommands::doReload() const {
          text += (text.empty() ? "" : "\n") + e;
       throw Frontend::ControlError(text);
    }
-   return {{"file", config_.path()}};
+   json data = {{"file", config_.path()}};
+   if (!config_.warnings().empty())
+      data["warnings"] = config_.warnings();
+   return data;
 }
 
 }  // namespace Ip::Helper::DhcpRelay

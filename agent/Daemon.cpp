@@ -32,6 +32,8 @@ int Daemon::run() {
          std::fprintf(stderr, "%s\n", e.c_str());
       return 1;
    }
+   for (const std::string& w : config_.warnings())
+      std::fprintf(stderr, "warning: %s\n", w.c_str());
    if (std::string error; !server_.start(error)) {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;

@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
       Frontend::ParsedConfig parsed = Frontend::parseConfigFile(options.configPath);
       for (const std::string& e : parsed.errors)
          std::printf("%s\n", e.c_str());
+      for (const std::string& w : parsed.warnings)
+         std::printf("warning: %s\n", w.c_str());
       if (parsed.ok())
          std::printf("ok\n");
       return parsed.ok() ? 0 : 1;

@@ -50,6 +50,9 @@ std::vector<std::string> ConfigFrontEnd::load() {
          TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
+   warnings_ = std::move(parsed.warnings);
+   for (const std::string& w : warnings_)
+      TRACE(0, " configuration warning: ", w);
    applyConfig(parsed.document, targets_, &document_);
    document_ = std::move(parsed.document);
    doApplyVlanMembership();

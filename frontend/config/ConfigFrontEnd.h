@@ -26,6 +26,8 @@ class ConfigFrontEnd {
    // Reads, validates and applies the file. On error nothing is applied and the
    // errors ("FILE:LINE: FIELD: what is wrong") are returned.
    std::vector<std::string> load();
+   // What the last successful load found valid but probably unintended.
+   const std::vector<std::string>& warnings() const { return warnings_; }
 
    const std::string& path() const { return path_; }
    const ConfigDocument& document() const { return document_; }
@@ -40,6 +42,7 @@ class ConfigFrontEnd {
    Platform::StateStore& store_;
    std::string path_;
    ConfigDocument document_;
+   std::vector<std::string> warnings_;
    Targets targets_;
    // Written by operator commands, not by the file; published here as the rest of
    // the configuration side.

@@ -1,6 +1,7 @@
 #include "frontend/config/ConfigParser.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -194,15 +195,30 @@ class Parser {
          return result();
       }
       const std::vector<const Yaml::Node*>& documents = stream.documents();
+      if (documents.empty() || documents[0]->kind == Yaml::Kind::null) {
+         error(1, "(root)",
+               "the file holds no configuration (empty, or only comments); a truncated file "
+               "must not stop all relaying");
+         return result();
+      }
       if (documents.size() > 1)
          error(lineOf(*documents[1], 1), "(root)", "only one YAML document is allowed");
-      if (!documents.empty())
-         root(Value(documents[0], lineOf(*documents[0], 1)));
+      root(Value(documents[0], lineOf(*documents[0], 1)));
       checkVrfReferences();
-      return result();
+      ParsedConfig out = result();
+      if (out.ok() && !relaysAnything(out.document))
+         out.warnings.push_back(file_ +
+                                ": no interface has servers and snooping is off: the agent "
+                                "will relay nothing");
+      return out;
    }
 
    void error(int line, const std::string& field, const std::string& what) {
+      // A hostile file can hold millions of mistakes; only the first are worth reading.
+      if (errors_.size() >= kKeptErrors) {
+         ++errorsNotKept_;
+         return;
+      }
       errors_.push_back({line, file_ + ":" + std::to_string(line) + ": " +
                                    (field.empty() ? "(root)" : field) + ": " + what});
    }
@@ -220,12 +236,26 @@ class Parser {
       std::string path;
    };
 
+   static constexpr size_t kKeptErrors = 1000;
+
+   static bool relaysAnything(const ConfigDocument& doc) {
+      if (doc.snooping.enabled)
+         return true;
+      return std::any_of(doc.interfaces.begin(), doc.interfaces.end(), [](const auto& entry) {
+         return !entry.second.servers.empty() || !entry.second.serversV6.empty();
+      });
+   }
+
    ParsedConfig result() {
       std::stable_sort(errors_.begin(), errors_.end(),
                        [](const Error& a, const Error& b) { return a.line < b.line; });
       ParsedConfig out;
-      for (Error& e : errors_)
-         out.errors.push_back(std::move(e.text));
+      const size_t shown = std::min(errors_.size(), kMaxReportedErrors);
+      for (size_t i = 0; i < shown; ++i)
+         out.errors.push_back(std::move(errors_[i].text));
+      if (const size_t more = errors_.size() - shown + errorsNotKept_)
+         out.errors.push_back(file_ + ": " + std::to_string(more) + " more error" +
+                              (more == 1 ? "" : "s") + " not shown");
       if (out.errors.empty())
          out.document = std::move(doc_);
       return out;
@@ -847,6 +877,7 @@ class Parser {
    std::string file_;
    ConfigDocument doc_;
    std::vector<Error> errors_;
+   size_t errorsNotKept_ = 0;
    std::vector<VrfReference> vrfReferences_;
    std::set<VrfName> declaredVrfs_;
 };
@@ -858,27 +889,39 @@ ParsedConfig parseConfigText(const std::string& text, const std::string& fileNam
 }
 
 ParsedConfig parseConfigFile(const std::string& path) {
-   std::string text;
-   const Platform::Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-   int readErrno = fd ? 0 : errno;
-   if (fd) {
-      char buf[16384];
-      for (;;) {
-         const ssize_t n = ::read(fd.get(), buf, sizeof(buf));
-         if (n > 0) {
-            text.append(buf, static_cast<size_t>(n));
-         } else if (n == 0) {
-            break;
-         } else if (errno != EINTR) {
-            readErrno = errno;
-            break;
-         }
-      }
-   }
-   if (readErrno != 0) {
-      ParsedConfig out;
-      out.errors.push_back(path + ": cannot read: " + std::strerror(readErrno));
+   ParsedConfig out;
+   auto refuse = [&](const std::string& why) {
+      out.errors.push_back(path + ": " + why);
       return out;
+   };
+   // Non-blocking, so that a FIFO without a writer cannot hang the agent in open().
+   const Platform::Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+   struct stat st;
+   if (!fd || ::fstat(fd.get(), &st) < 0)
+      return refuse(std::string("cannot read: ") + std::strerror(errno));
+   if (!S_ISREG(st.st_mode))
+      return refuse("not a regular file");
+   auto tooLarge = [&] {
+      return refuse("larger than " + std::to_string(kMaxConfigBytes / (1024 * 1024)) +
+                    " MiB; refused");
+   };
+   if (static_cast<uint64_t>(st.st_size) > kMaxConfigBytes)
+      return tooLarge();
+   std::string text;
+   text.reserve(static_cast<size_t>(st.st_size));
+   char buf[65536];
+   for (;;) {
+      const ssize_t n = ::read(fd.get(), buf, sizeof(buf));
+      if (n > 0) {
+         // The file may grow while it is read.
+         if (text.size() + static_cast<size_t>(n) > kMaxConfigBytes)
+            return tooLarge();
+         text.append(buf, static_cast<size_t>(n));
+      } else if (n == 0) {
+         break;
+      } else if (errno != EINTR) {
+         return refuse(std::string("cannot read: ") + std::strerror(errno));
+      }
    }
    return parseConfigText(text, path);
 }

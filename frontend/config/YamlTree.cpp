@@ -46,7 +46,9 @@ Stream::Stream(const std::string& text) {
    std::map<std::string, const Node*> anchors;
    // The collections being read, innermost last.
    std::vector<Node*> open;
+   size_t expanded = 0;  // of the current document
    auto add = [&](Node& node, const yaml_char_t* anchor) {
+      ++expanded;
       if (anchor)
          anchors[reinterpret_cast<const char*>(anchor)] = &node;
       if (open.empty())
@@ -69,6 +71,7 @@ Stream::Stream(const std::string& text) {
             return;
          case YAML_DOCUMENT_START_EVENT:
             anchors.clear();
+            expanded = 0;
             break;
          case YAML_SCALAR_EVENT: {
             Node& n = nodes_.emplace_back();
@@ -78,6 +81,7 @@ Stream::Stream(const std::string& text) {
             n.kind = plain && !s.tag && isNullText(n.text) ? Kind::null : Kind::scalar;
             n.line = lineOf(e.start_mark);
             n.tag = tagOf(s.tag, plain);
+            n.complete = true;
             add(n, s.anchor);
             break;
          }
@@ -93,13 +97,30 @@ Stream::Stream(const std::string& text) {
             break;
          }
          case YAML_SEQUENCE_END_EVENT:
-         case YAML_MAPPING_END_EVENT:
+         case YAML_MAPPING_END_EVENT: {
+            Node& n = *open.back();
+            for (const Node* child : n.children)
+               n.expanded += child->expanded;  // each at most kMaxExpandedNodes: no overflow
+            n.complete = true;
             open.pop_back();
             break;
+         }
          case YAML_ALIAS_EVENT: {
             auto it = anchors.find(reinterpret_cast<const char*>(e.data.alias.anchor));
             if (it == anchors.end()) {
                error_ = SyntaxError{lineOf(e.start_mark), "the referenced anchor is not defined"};
+               return;
+            }
+            if (!it->second->complete) {
+               error_ = SyntaxError{lineOf(e.start_mark),
+                                    "an alias inside the node it refers to makes an endless tree"};
+               return;
+            }
+            expanded += it->second->expanded;
+            if (expanded > kMaxExpandedNodes) {
+               error_ = SyntaxError{lineOf(e.start_mark), "aliases expand the document beyond " +
+                                                              std::to_string(kMaxExpandedNodes) +
+                                                              " nodes"};
                return;
             }
             if (open.empty())

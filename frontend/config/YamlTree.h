@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -23,7 +24,16 @@ struct Node {
    // A sequence's items; a map's keys and values in turns, in file order, repeated
    // keys included.
    std::vector<const Node*> children;
+   // How many nodes this one stands for with its aliases expanded: what a walk over it
+   // costs.
+   size_t expanded = 1;
+   bool complete = false;  // an alias may refer only to a node that has ended
 };
+
+// A walk over a document visits every alias's node again, so a few lines of nested
+// aliases can stand for billions of nodes. Real configurations with a hundred thousand
+// servers stay well below this.
+inline constexpr size_t kMaxExpandedNodes = 4'000'000;
 
 struct SyntaxError {
    int line;  // 0-based

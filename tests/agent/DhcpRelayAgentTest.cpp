@@ -30,8 +30,10 @@ class AgentStartup : public ::testing::Test {
 
    // The front ends publish (the IP status only when asked), the agent mounts, and the
    // posted completion runs.
-   std::unique_ptr<Agent> start(bool withIpStatus, const std::string& configPath = "/dev/null") {
-      config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, configPath);
+   std::unique_ptr<Agent> start(bool withIpStatus, const std::string& text = "vrfs: {}\n") {
+      const std::string path = ::testing::TempDir() + "/agent-startup.yaml";
+      std::ofstream(path) << text;
+      config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, path);
       EXPECT_TRUE(config_->load().empty());
       if (withIpStatus) {
          store_.publish("ip/status", Platform::make<Ip::Status>("status"));
@@ -85,16 +87,12 @@ TEST_F(AgentStartup, BuildsTheGraphOnceEveryFrontEndHasPublished) {
 // The derived state flows through the graph as built: configured servers become
 // counted server entries, and their VRFs become VRFs that need relay sockets.
 TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
-   const std::string path = ::testing::TempDir() + "/agent-startup.yaml";
-   {
-      std::ofstream f(path);
-      f << "vrfs: {red: ns-red}\n"
-           "interfaces:\n"
-           "  Ethernet1:\n"
-           "    servers: [{address: 192.0.2.10}, {address: 198.51.100.7, vrf: red}]\n"
-           "    information-option: true\n";
-   }
-   auto agent = start(true, path);
+   auto agent = start(true,
+                      "vrfs: {red: ns-red}\n"
+                      "interfaces:\n"
+                      "  Ethernet1:\n"
+                      "    servers: [{address: 192.0.2.10}, {address: 198.51.100.7, vrf: red}]\n"
+                      "    information-option: true\n");
    runPosted();
    ASSERT_TRUE(agent->objectGraphBuilt());
 

@@ -409,7 +409,7 @@ TEST(ConfigApply, NewVrfsStartInactiveAndTheDefaultVrfIsAlwaysThere) {
    EXPECT_EQ(red->nsName().str(), "ns-red");
    EXPECT_EQ(red->state(), Ip::VrfStatusLocal::State::inactive);
 
-   applyConfig(document(""), t);
+   applyConfig(document("vrfs: {}\n"), t);
    ASSERT_EQ(t.vrfs->vrf().size(), 1u);
    EXPECT_EQ(t.vrfs->vrf().begin()->first, VrfName::defaultVrf());
    EXPECT_EQ(t.vrfs->vrf().begin()->second->nsName().str(), "default");
@@ -422,7 +422,7 @@ TEST(ConfigApply, HostFactsFillWhatTheFileLeavesOut) {
    EXPECT_EQ(t.entityMib->systemMacAddr().toString(), "02:00:00:00:01:00");
 
    // Dropping the lines from the file falls back to the host, not to the old values.
-   applyConfig(document(""), t);
+   applyConfig(document("vrfs: {}\n"), t);
    EXPECT_EQ(t.netStatus->hostname(), hostHostname());
    EXPECT_FALSE(hostHostname().empty());
    EXPECT_EQ(t.entityMib->systemMacAddr(), hostBridgeMac());

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -392,26 +396,74 @@ devices: {Ethernet1: <d*15>}
    EXPECT_EQ(r.document.snooping.vlans, (std::set<uint16_t>{1, 4094}));
 }
 
-TEST(ConfigParser, EmptyAndCommentOnlyFilesAreEmptyConfigurations) {
-   for (const char* text : {"", "\n\n", "# nothing yet\n  # indented comment\n", "---\n",
-                            "vrfs:\ninterfaces:\n# Ethernet1: {}\n"}) {
-      const ParsedConfig r = parse(text);
-      EXPECT_EQ(r.errors, std::vector<std::string>{}) << text;
-      EXPECT_EQ(r.document, ConfigDocument{}) << text;
+// A truncated file must not stop all relaying: a file without configuration is refused,
+// one whose sections are all commented out is taken with a warning.
+TEST(ConfigParser, EmptyFilesAreRefusedAndFilesThatRelayNothingWarned) {
+   for (const char* text : {"", "\n\n", "# nothing yet\n  # indented comment\n", "---\n"}) {
+      EXPECT_EQ(parse(text).errors,
+                std::vector<std::string>{"r.yaml:1: (root): the file holds no configuration "
+                                         "(empty, or only comments); a truncated file must not "
+                                         "stop all relaying"})
+          << text;
    }
+   const std::string nothing =
+       "r.yaml: no interface has servers and snooping is off: the agent will relay nothing";
+   ParsedConfig r = parse("vrfs:\ninterfaces:\n# Ethernet1: {}\n");
+   EXPECT_EQ(r.errors, std::vector<std::string>{});
+   EXPECT_EQ(r.document, ConfigDocument{});
+   EXPECT_EQ(r.warnings, std::vector<std::string>{nothing});
+   EXPECT_EQ(parse("interfaces: {Ethernet1: {servers: [192.0.2.1]}}\n").warnings,
+             std::vector<std::string>{});
+   EXPECT_EQ(parse("snooping: {enabled: true}\n").warnings, std::vector<std::string>{});
 }
 
-std::string repoRoot() {
-   return DHCP_RELAY_SOURCE_DIR;
+// Whatever a file holds, reading it costs bounded time and memory, and the reply stays a
+// screenful.
+TEST(ConfigParser, HostileFilesAreRefusedCheaply) {
+   std::string bomb = "a0: &a0 [x, x, x, x, x, x, x, x, x, x]\n";
+   for (int i = 1; i < 40; ++i) {
+      const std::string p = "a" + std::to_string(i - 1);
+      bomb += "a" + std::to_string(i) + ": &a" + std::to_string(i) + " [*" + p + ", *" + p + ", *" +
+              p + ", *" + p + ", *" + p + ", *" + p + ", *" + p + ", *" + p + ", *" + p + ", *" +
+              p + "]\n";
+   }
+   EXPECT_EQ(parseConfigText(bomb, "r.yaml").errors,
+             std::vector<std::string>{
+                 "r.yaml:7: (syntax): aliases expand the document beyond 4000000 nodes"});
+   EXPECT_EQ(
+       parse("relay: &r [*r]\n").errors,
+       std::vector<std::string>{
+           "r.yaml:1: (syntax): an alias inside the node it refers to makes an endless tree"});
+
+   std::string many = "interfaces:\n";
+   for (int i = 0; i < 5000; ++i)
+      many += "  E" + std::to_string(i) + ": {bogus: 1}\n";
+   const std::vector<std::string> errors = parseConfigText(many, "r.yaml").errors;
+   ASSERT_EQ(errors.size(), kMaxReportedErrors + 1);
+   EXPECT_EQ(errors.back(), "r.yaml: 4980 more errors not shown");
 }
 
-TEST(ConfigParser, UnreadableFileSaysWhy) {
-   const std::string missing = repoRoot() + "/tests/frontend/no-such-file.yaml";
-   EXPECT_EQ(parseConfigFile(missing).errors,
-             std::vector<std::string>{missing + ": cannot read: No such file or directory"});
-   const std::string dir = repoRoot() + "/tests/frontend";
-   EXPECT_EQ(parseConfigFile(dir).errors,
-             std::vector<std::string>{dir + ": cannot read: Is a directory"});
+TEST(ConfigParser, OnlyRegularFilesOfBoundedSizeAreRead) {
+   char tmpl[] = "/tmp/config-test-XXXXXX";
+   ASSERT_NE(mkdtemp(tmpl), nullptr);
+   const std::string dir = tmpl;
+   const std::string fifo = dir + "/fifo", big = dir + "/big.yaml";
+   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+   {
+      std::ofstream out(big);
+      out << "# " << std::string(kMaxConfigBytes, 'x') << "\n";
+   }
+   const std::string missing = dir + "/missing.yaml";
+   const std::vector<std::pair<std::string, std::string>> cases = {
+       {missing, "cannot read: No such file or directory"},
+       {dir, "not a regular file"},
+       {fifo, "not a regular file"},  // and open() does not wait for a writer
+       {"/dev/zero", "not a regular file"},
+       {big, "larger than 16 MiB; refused"},
+   };
+   for (const auto& [path, why] : cases)
+      EXPECT_EQ(parseConfigFile(path).errors, std::vector<std::string>{path + ": " + why});
+   std::filesystem::remove_all(dir);
 }
 
 }  // namespace
