@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "agent/DhcpRelayAgent.h"
+#include "agent/ProcessChecks.h"
 #include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -34,10 +35,13 @@ int Daemon::run() {
    }
    for (const std::string& w : config_.warnings())
       std::fprintf(stderr, "warning: %s\n", w.c_str());
-   if (std::string error; !server_.start(error)) {
+   std::string error;
+   namespaceClaim_ = claimNamespace(error);
+   if (!namespaceClaim_ || !probeRelayPrivileges(error) || !server_.start(error)) {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;
    }
+   TRACE(1, " open descriptors allowed: ", raiseFileLimit());
    commands_ = std::make_unique<ControlCommands>(server_, config_, store_, utc_,
                                                  [this] { return doReload(); });
 

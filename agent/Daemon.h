@@ -8,6 +8,7 @@
 #include "frontend/config/ConfigFrontEnd.h"
 #include "frontend/control/ControlServer.h"
 #include "frontend/kernel/KernelFrontEnd.h"
+#include "platform/linux/Fd.h"
 #include "platform/loop/Clock.h"
 #include "platform/loop/EventLoop.h"
 #include "platform/loop/TimerWheel.h"
@@ -38,6 +39,7 @@ class Daemon {
    std::vector<std::string> doReload();
 
    DaemonOptions options_;
+   Platform::Fd namespaceClaim_;
    Platform::MonotonicClock monotonic_;
    Platform::UtcClock utc_;
    Platform::TimerWheel wheel_;

@@ -36,6 +36,21 @@ def test_files_that_cannot_work_are_refused_or_warned(tmp_path, agent):
     assert "no interface has servers" in a.ctl("reload").stdout
 
 
+def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, agent):
+    cfg = tmp_path / "relay.yaml"
+    cfg.write_text(RELAYING)
+    a = agent(cfg)
+    bare = netns("bare")
+    for ns, wrap, says in (
+            (a.namespace, [], "another dhcp-relay-agent runs in this network namespace"),
+            (bare, ["setpriv", "--bounding-set=-net_raw"], "raw IP socket: Operation not permitted"),
+            (bare, ["setpriv", "--bounding-set=-net_bind_service"], "bind UDP port 67")):
+        res = run("ip", "netns", "exec", ns, *wrap, AGENT, "--config", cfg,
+                  "--socket", tmp_path / "other.sock", check=False, timeout=5)
+        assert res.returncode == 1 and says in res.stderr, res.stderr
+    assert a.show("status")["counters"]["totalRequestsReceived"] == 0
+
+
 def request(sock, line):
     sock.sendall(line)
     data = b""
