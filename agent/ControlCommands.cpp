@@ -1,5 +1,8 @@
 #include "agent/ControlCommands.h"
 
+#include <map>
+#include <set>
+
 #include "frontend/config/ConfigJson.h"
 #include "frontend/control/ControlProtocol.h"
 #include "frontend/kernel/KernelFrontEnd.h"
@@ -99,8 +102,36 @@ json ControlCommands::doShowVrfs() const {
    return out;
 }
 
+// Relaying interfaces whose device the agent does not see in their VRF (its namespace
+// missing included), checked at each request: the file may name devices that appear later.
+std::vector<ControlCommands::MissingDevice> ControlCommands::missingDevices() const {
+   const Frontend::ConfigDocument& doc = config_.document();
+   const Ptr<const Ip::AllVrfStatusLocal> all = vrfs();
+   std::map<Platform::VrfName, std::set<std::string>> present;
+   std::vector<MissingDevice> out;
+   for (const auto& [intf, cfg] : doc.interfaces) {
+      auto [seen, fresh] = present.try_emplace(cfg.vrf);
+      const Ptr<const Ip::VrfStatusLocal> vrf = all->vrf(cfg.vrf);
+      if (fresh && vrf && vrf->state() == Ip::VrfStatusLocal::State::active) {
+         if (auto table = store_.publishedAs<const KernelNetInfo::Status>(
+                 KernelNetInfo::kernelTablePath(vrf->nsName().toString()))) {
+            for (const auto& [ifindex, k] : table->interfaceByIndex())
+               seen->second.insert(k->deviceName());
+         }
+      }
+      const auto named = doc.devices.find(intf);
+      std::string device = named != doc.devices.end() ? named->second : intf.toString();
+      if (!seen->second.contains(device))
+         out.push_back({intf, std::move(device), cfg.vrf});
+   }
+   return out;
+}
+
 json ControlCommands::doShowInterfaces() const {
    const Interface::DeviceNameConfig& devices = *config_.targets().deviceNames;
+   std::map<Platform::VrfName, json> missing;
+   for (const MissingDevice& m : missingDevices())
+      missing[m.vrf].push_back({{"intfId", m.intf.toString()}, {"device", m.device}});
    json out = json::array();
    for (const auto& [name, vrf] : vrfs()->vrf()) {
       const bool active = vrf->state() == Ip::VrfStatusLocal::State::active;
@@ -115,6 +146,8 @@ json ControlCommands::doShowInterfaces() const {
                      {"namespace", vrf->nsName().toString()},
                      {"active", active},
                      {"interfaces", intfs}});
+      if (auto m = missing.find(name); m != missing.end())
+         out.back()["missing"] = std::move(m->second);
    }
    return {{"vrfs", out}};
 }
@@ -128,6 +161,14 @@ Ptr<const Status> ControlCommands::status() const {
 
 json ControlCommands::doShowStatus() const {
    auto status = this->status();
+   json warned = config_.fileWarnings();
+   std::map<Platform::IntfId, std::string> missing;
+   for (const MissingDevice& m : missingDevices()) {
+      std::string text = "device \"" + m.device + "\" does not exist in VRF " + m.vrf.toString() +
+                         ": the interface relays nothing until it appears";
+      warned.push_back(m.intf.toString() + ": " + text);
+      missing.emplace(m.intf, std::move(text));
+   }
    json intfs = json::object();
    for (const auto& [intf, s] : status->intfStatus()) {
       json bindings = json::array();
@@ -139,9 +180,12 @@ json ControlCommands::doShowStatus() const {
                              {"preferredLifetime", a.preferredLifetime},
                              {"validLifetime", a.validLifetime}});
       }
+      json intfWarnings = warnings(*s);
+      if (auto m = missing.find(intf); m != missing.end())
+         intfWarnings.push_back(m->second);
       intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
                                 {"counters", counters(*s)},
-                                {"warnings", warnings(*s)},
+                                {"warnings", intfWarnings},
                                 {"prefixBindings", bindings}};
    }
    return {{"counters", counters(*status)},
@@ -152,7 +196,8 @@ json ControlCommands::doShowStatus() const {
            {"clientBindingsRefused", status->clientBindingsRefused()},
            {"counterUpdateTime", status->counterUpdateTime()},
            {"lastResetAllTime", status->lastResetAllTime()},
-           {"runControl", status->runControl()}};
+           {"runControl", status->runControl()},
+           {"warnings", warned}};
 }
 
 // The published counters lag the packet paths by up to the publication interval;

@@ -32,6 +32,12 @@ class ControlCommands {
    nlohmann::json doShowCounters(const nlohmann::json& request) const;
    nlohmann::json doClear(const nlohmann::json& request) const;
    Ptr<const Status> status() const;
+   struct MissingDevice {
+      Platform::IntfId intf;
+      std::string device;
+      Platform::VrfName vrf;
+   };
+   std::vector<MissingDevice> missingDevices() const;
    nlohmann::json doReload() const;
 
    const Frontend::ConfigFrontEnd& config_;

@@ -3,6 +3,7 @@
 
 #include "agent/Daemon.h"
 #include "frontend/config/ConfigParser.h"
+#include "frontend/config/MissingDevices.h"
 #include "frontend/control/ControlProtocol.h"
 
 int main(int argc, char** argv) {
@@ -17,6 +18,10 @@ int main(int argc, char** argv) {
 
    if (check) {
       Frontend::ParsedConfig parsed = Frontend::parseConfigFile(options.configPath);
+      if (parsed.ok()) {
+         for (std::string& w : Frontend::missingDeviceWarnings(parsed, options.configPath))
+            parsed.warnings.push_back(std::move(w));
+      }
       for (const std::string& e : parsed.errors)
          std::printf("%s\n", e.c_str());
       for (const std::string& w : parsed.warnings)

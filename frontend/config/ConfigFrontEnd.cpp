@@ -4,6 +4,7 @@
 #include <set>
 
 #include "frontend/config/ConfigParser.h"
+#include "frontend/config/MissingDevices.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/trace/Trace.h"
@@ -50,7 +51,10 @@ std::vector<std::string> ConfigFrontEnd::load() {
          TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
+   fileWarnings_ = parsed.warnings;
    warnings_ = std::move(parsed.warnings);
+   for (std::string& w : missingDeviceWarnings(parsed, path_))
+      warnings_.push_back(std::move(w));
    for (const std::string& w : warnings_)
       TRACE(0, " configuration warning: ", w);
    applyConfig(parsed.document, targets_, &document_);

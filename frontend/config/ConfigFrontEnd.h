@@ -26,8 +26,11 @@ class ConfigFrontEnd {
    // Reads, validates and applies the file. On error nothing is applied and the
    // errors ("FILE:LINE: FIELD: what is wrong") are returned.
    std::vector<std::string> load();
-   // What the last successful load found valid but probably unintended.
+   // What the last successful load found valid but probably unintended, devices the
+   // kernel did not have at the time included.
    const std::vector<std::string>& warnings() const { return warnings_; }
+   // Those of them that the file alone decides; they hold until the next load.
+   const std::vector<std::string>& fileWarnings() const { return fileWarnings_; }
 
    const std::string& path() const { return path_; }
    const ConfigDocument& document() const { return document_; }
@@ -43,6 +46,7 @@ class ConfigFrontEnd {
    std::string path_;
    ConfigDocument document_;
    std::vector<std::string> warnings_;
+   std::vector<std::string> fileWarnings_;
    Targets targets_;
    // Written by operator commands, not by the file; published here as the rest of
    // the configuration side.

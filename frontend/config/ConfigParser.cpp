@@ -256,8 +256,10 @@ class Parser {
       if (const size_t more = errors_.size() - shown + errorsNotKept_)
          out.errors.push_back(file_ + ": " + std::to_string(more) + " more error" +
                               (more == 1 ? "" : "s") + " not shown");
-      if (out.errors.empty())
+      if (out.errors.empty()) {
          out.document = std::move(doc_);
+         out.devicePlaces = std::move(devicePlaces_);
+      }
       return out;
    }
 
@@ -589,6 +591,7 @@ class Parser {
                   "device " + quoted(*device) + " is already the device of " + other->second);
          } else {
             doc_.devices.emplace(*intf, *device);
+            devicePlaces_[*intf] = {m.line, m.path()};
          }
       });
    }
@@ -597,8 +600,10 @@ class Parser {
       forEachKey(v, [&](const std::string& key, int keyLine, const Value& m) {
          const auto intf = intfName(keyLine, m, key);
          InterfaceDoc doc = interface(m);
-         if (intf)
+         if (intf) {
             doc_.interfaces.emplace(*intf, std::move(doc));
+            devicePlaces_.emplace(*intf, DevicePlace{keyLine, m.path()});
+         }
       });
    }
 
@@ -632,6 +637,8 @@ class Parser {
                 [&](const Value& m) { infoOptionPolicy(m, doc.informationOptionPolicy); }},
                {"circuit-id", [&](const Value& m) { circuitId(m, doc.circuitId); }},
                {"route-install", [&](const Value& m) { setBool(m, doc.routeInstall); }}});
+      if (!doc.informationOption)
+         checkNeedsInfoOption(servers, doc.vrf);
       // Servers inherit the interface's VRF, which may be written after them.
       doc.servers = resolveServers(std::move(servers), doc.vrf);
       doc.serversV6 = resolveServers(std::move(serversV6), doc.vrf);
@@ -715,6 +722,26 @@ class Parser {
       if (hasSourceIntf && hasSourceAddr)
          error(v.line, v.path(), "source-interface and source-address exclude each other");
       return p;
+   }
+
+   // Two kinds of DHCPv4 copy find their way back only through the agent's own option 82,
+   // so without it the agent would take the file and then drop every such request.
+   void checkNeedsInfoOption(const ServerList& list, const VrfName& intfVrf) {
+      for (size_t i = 0; i < list.servers.size(); ++i) {
+         const PendingServer& p = list.servers[i];
+         if (!p.valid)
+            continue;
+         const std::string path = list.path + "[" + std::to_string(i) + "]";
+         if (p.vrfGiven && p.server.vrf != intfVrf)
+            error(p.line, path + ".vrf",
+                  "a server in another VRF needs information-option: true on the interface "
+                  "(its replies find the client by the VRF name in option 82)");
+         else if (!p.server.sourceInterface.empty())
+            error(p.line, path + ".source-interface",
+                  "a server reached from a source interface needs information-option: true on "
+                  "the interface (the server leases from the client's subnet by option 82's link "
+                  "selection)");
+      }
    }
 
    // Orders servers for the duplicate check: an interface may list thousands.
@@ -878,6 +905,7 @@ class Parser {
    ConfigDocument doc_;
    std::vector<Error> errors_;
    size_t errorsNotKept_ = 0;
+   std::map<Platform::IntfId, DevicePlace> devicePlaces_;
    std::vector<VrfReference> vrfReferences_;
    std::set<VrfName> declaredVrfs_;
 };

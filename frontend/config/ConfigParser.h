@@ -1,11 +1,19 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
 #include "frontend/config/ConfigDocument.h"
 
 namespace Frontend {
+
+// Where the file names an interface's kernel device: its devices entry, or else its key
+// under interfaces (an interface without an entry is the device of the same name).
+struct DevicePlace {
+   int line = 0;
+   std::string field;
+};
 
 struct ParsedConfig {
    // Meaningful only when there is no error: a file is applied whole or not at all.
@@ -16,6 +24,7 @@ struct ParsedConfig {
    // Valid but probably not what the operator meant ("FILE: what"), such as a file that
    // relays nothing.
    std::vector<std::string> warnings;
+   std::map<Platform::IntfId, DevicePlace> devicePlaces;
 
    bool ok() const { return errors.empty(); }
 };

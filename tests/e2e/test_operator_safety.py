@@ -36,6 +36,29 @@ def test_files_that_cannot_work_are_refused_or_warned(tmp_path, agent):
     assert "no interface has servers" in a.ctl("reload").stdout
 
 
+def test_a_device_that_does_not_exist_is_told_until_it_appears(tmp_path, agent):
+    cfg = tmp_path / "relay.yaml"
+    cfg.write_text("devices: {Ethernet1: veth-late}\n" + RELAYING)
+    check = run(AGENT, "--config", cfg, "--check")
+    missing = 'devices.Ethernet1: device "veth-late" does not exist in VRF default'
+    assert missing in check.stdout and check.stdout.endswith("ok\n")
+    a = agent(cfg)
+    assert missing in a.log_text()
+    assert "veth-late" in a.ctl("reload").stdout
+    status = a.show("status")
+    assert any("veth-late" in w for w in status["warnings"]), status["warnings"]
+    vrf, = a.show("interfaces")["vrfs"]
+    assert vrf["missing"] == [{"intfId": "Ethernet1", "device": "veth-late"}]
+
+    run("ip", "netns", "exec", a.namespace, "ip", "link", "add", "veth-late", "type", "veth",
+        "peer", "name", "veth-peer")
+    deadline = time.monotonic() + 5
+    while a.show("status")["warnings"] and time.monotonic() < deadline:
+        time.sleep(0.05)
+    assert a.show("status")["warnings"] == []
+    assert "missing" not in a.show("interfaces")["vrfs"][0]
+
+
 def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, agent):
     cfg = tmp_path / "relay.yaml"
     cfg.write_text(RELAYING)

@@ -198,6 +198,9 @@ std::string renderInterfaces(const json& data) {
       out += "\n";
       if (vrf.contains("error"))
          out += "  error: " + vrf["error"].get<std::string>() + "\n";
+      for (const auto& m : vrf.value("missing", json::array()))
+         out += "  missing: " + m.at("intfId").get<std::string>() + " (device " +
+                m.at("device").get<std::string>() + " does not exist)\n";
       const json& intfs = vrf.at("interfaces");
       if (intfs.empty()) {
          if (active && !vrf.contains("error"))
@@ -280,6 +283,8 @@ std::string renderStatus(const json& data) {
          summary.rowAdd({humanized(key), scalarText(value)});
    }
    out += summary.text();
+   for (const auto& w : data.value("warnings", json::array()))
+      out += "Warning: " + w.get<std::string>() + "\n";
    if (data.contains("counters")) {
       out += "\nCounters\n";
       countersInto(data["counters"], kGlobalCounters, out, 2);

@@ -231,6 +231,7 @@ interfaces:
     information-option: true
   Ethernet2:
     vrf: red
+    information-option: true
     servers:
       - address: 192.0.2.2
 snooping:
@@ -296,7 +297,7 @@ const std::vector<Reload> kReloads = {
       "Ethernet2.serverIp vrf=blue ip=192.0.2.2 srcIntf= srcIp="}},
     {"interfaceRemoved",
      {},
-     {{"  Ethernet2:\n    vrf: red\n    servers:\n" + kE2Server, ""}},
+     {{"  Ethernet2:\n    vrf: red\n    information-option: true\n    servers:\n" + kE2Server, ""}},
      {"relay.intfConfig Ethernet2"}},
     {"interfaceAdded",
      {},

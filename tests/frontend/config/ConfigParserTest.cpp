@@ -175,7 +175,10 @@ interfaces:
 vrfs:
   red: ns-red
 )",
-     {"r.yaml:8: interfaces.Ethernet1.servers[2]: same server as line 5",
+     {"r.yaml:6: interfaces.Ethernet1.servers[1].vrf: a server in another VRF needs "
+      "information-option: true on the interface (its replies find the client by the VRF name "
+      "in option 82)",
+      "r.yaml:8: interfaces.Ethernet1.servers[2]: same server as line 5",
       "r.yaml:10: interfaces.Ethernet1.ccap-cores[1]: duplicate address 2001:db8::1",
       "r.yaml:11: interfaces.Ethernet1: duplicate key (first at line 2)"}},
     {"vrfReferences",
@@ -183,6 +186,7 @@ vrfs:
 interfaces:
   Ethernet1:
     vrf: blue
+    information-option: true
     servers:
       - address: 192.0.2.1
         vrf: red
@@ -198,11 +202,11 @@ vrfs:
   yellow: default
 )",
      {"r.yaml:3: interfaces.Ethernet1.vrf: unknown VRF \"blue\" (not \"default\" nor in vrfs)",
-      "r.yaml:11: interfaces.Ethernet1.servers-v6[0].vrf: VRF name is empty",
-      "r.yaml:14: vrfs.green: namespace \"ns-red\" already holds VRF \"red\"",
-      "r.yaml:15: vrfs.default: the default VRF is the agent's own namespace and takes no "
+      "r.yaml:12: interfaces.Ethernet1.servers-v6[0].vrf: VRF name is empty",
+      "r.yaml:15: vrfs.green: namespace \"ns-red\" already holds VRF \"red\"",
+      "r.yaml:16: vrfs.default: the default VRF is the agent's own namespace and takes no "
       "entry",
-      "r.yaml:16: vrfs.yellow: namespace \"default\" is the default VRF's own"}},
+      "r.yaml:17: vrfs.yellow: namespace \"default\" is the default VRF's own"}},
     {"names",
      R"(
 vrfs:
@@ -347,6 +351,7 @@ interfaces:
         source-address: 2001:db8::1
     ccap-cores: &cores [2001:db8::2, 2001:db8::1]
     vrf: red
+    information-option: true
   Ethernet2: {ccap-cores: *cores}
 vrfs: {red: ns-red}
 snooping:
@@ -362,6 +367,7 @@ bridging:
    want.vrfs.emplace(vrf("red"), *NamespaceName::parse("ns-red"));
    InterfaceDoc& e1 = want.interfaces[intf("Ethernet1")];
    e1.vrf = vrf("red");
+   e1.informationOption = true;
    e1.servers = {{addr("192.0.2.1"), "", vrf("red"), {}, {}},
                  {{}, "dhcp.example.net.", vrf("default"), {}, {}},
                  {addr("192.0.2.2"), "", vrf("red"), intf("Loopback0"), {}}};
