@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
@@ -10,14 +9,6 @@ using Platform::IpAddrWithMask;
 
 class DhcpRelaySmTest : public testing::Test {
  protected:
-   // A relay interface with IP status in a VRF.
-   Ptr<Ip::IpIntfStatus> relayIntfIs(const char* intf, const char* vrf, const char* primary) {
-      bed.config->intfConfigIs(IntfId(intf));
-      auto status = bed.ipStatus->ipIntfStatusIs(IntfId(intf));
-      status->vrfIs(VrfName(vrf));
-      status->activeAddrWithMaskIs(net(primary));
-      return status;
-   }
    IntfId owner(const char* vrf, const char* a) {
       return sm->intfLookupTbl(genVrfIpPair(VrfName(vrf), ip(a)));
    }
@@ -31,8 +22,7 @@ class DhcpRelaySmTest : public testing::Test {
 };
 
 TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
-   auto eth1 = relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
-   eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
+   auto eth1 = bed.intfIs("Ethernet1", "default", {"10.0.0.1/24", "10.0.1.1/24"});
    // Addresses of an interface without relay configuration are not the relay's.
    bed.ipStatus->ipIntfStatusIs(IntfId("Ethernet9"))->activeAddrWithMaskIs(net("10.9.0.1/24"));
    start();
@@ -52,14 +42,22 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    EXPECT_EQ(owner("default", "10.0.0.2"), IntfId("Ethernet1"));
    EXPECT_EQ(sm->intfLookupTbl().size(), 1u);
 
+   // Moving to another VRF moves the rows.
+   eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
+   eth1->vrfIs(VrfName("blue"));
+   EXPECT_TRUE(owner("default", "10.0.0.2").empty() && owner("default", "10.0.1.1").empty());
+   EXPECT_EQ(owner("blue", "10.0.0.2"), IntfId("Ethernet1"));
+   EXPECT_EQ(owner("blue", "10.0.1.1"), IntfId("Ethernet1"));
+   EXPECT_EQ(sm->vrfNameFromIntfId(IntfId("Ethernet1")), VrfName("blue"));
+
    // The same address in another VRF belongs to another interface without conflict.
-   relayIntfIs("Ethernet2", "red", "10.0.0.2/24");
-   EXPECT_EQ(owner("default", "10.0.0.2"), IntfId("Ethernet1"));
+   bed.intfIs("Ethernet2", "red", {"10.0.0.2/24"});
+   EXPECT_EQ(owner("blue", "10.0.0.2"), IntfId("Ethernet1"));
    EXPECT_EQ(owner("red", "10.0.0.2"), IntfId("Ethernet2"));
 
    // Rows go with the relay configuration, and with the IP status.
    bed.config->intfConfigDel(IntfId("Ethernet1"));
-   EXPECT_TRUE(owner("default", "10.0.0.2").empty());
+   EXPECT_TRUE(owner("blue", "10.0.0.2").empty());
    bed.ipStatus->ipIntfStatusDel(IntfId("Ethernet2"));
    EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
    // Nor does a removed interface's status still drive rows.
@@ -67,35 +65,11 @@ TEST_F(DhcpRelaySmTest, LookupTableFollowsTheRelayInterfacesAddresses) {
    EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
 }
 
-TEST_F(DhcpRelaySmTest, MovingAnInterfaceToAnotherVrfMovesItsRows) {
-   auto eth1 = relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
-   eth1->activeSecondaryWithMaskIs(net("10.0.1.1/24"));
-   start();
-   Platform::TraceCapture trace;
-   eth1->vrfIs(VrfName("red"));
-   EXPECT_TRUE(owner("default", "10.0.0.1").empty());
-   EXPECT_TRUE(owner("default", "10.0.1.1").empty());
-   EXPECT_EQ(owner("red", "10.0.0.1"), IntfId("Ethernet1"));
-   EXPECT_EQ(owner("red", "10.0.1.1"), IntfId("Ethernet1"));
-   EXPECT_EQ(sm->vrfNameFromIntfId(IntfId("Ethernet1")), VrfName("red"));
-   EXPECT_TRUE(trace.contains("Ethernet1 has current VRF:default, new VRF: red"));
-}
-
-TEST_F(DhcpRelaySmTest, RelayInterfacesHaveAnIntfStatus) {
-   bed.config->intfConfigIs(IntfId("Ethernet1"));
-   start();
-   EXPECT_TRUE(bed.status->intfStatus(IntfId("Ethernet1")));
-   bed.config->intfConfigIs(IntfId("Ethernet2"));
-   EXPECT_TRUE(bed.status->intfStatus(IntfId("Ethernet2")));
-   bed.config->intfConfigDel(IntfId("Ethernet1"));
-   EXPECT_FALSE(bed.status->intfStatus(IntfId("Ethernet1")));
-   EXPECT_NE(sm->kelDrIntfConfig(IntfId("Ethernet2")), nullptr);
-   EXPECT_EQ(sm->kelDrIntfConfig(IntfId("Ethernet1")), nullptr);
-}
-
+// Relay interfaces have an interface status (and so counters) from initialisation on, and
+// only while configured.
 TEST_F(DhcpRelaySmTest, NothingHappensBeforeInitialisation) {
    sm = std::make_unique<DhcpRelaySm>(bed.inputs());
-   relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
+   bed.intfIs("Ethernet1", "default", {"10.0.0.1/24"});
    bed.activeVrfIs("default", 1);
    EXPECT_TRUE(sm->intfLookupTbl().size() == 0);
    EXPECT_TRUE(sm->dhcpVrfSm().empty());
@@ -104,6 +78,12 @@ TEST_F(DhcpRelaySmTest, NothingHappensBeforeInitialisation) {
    EXPECT_EQ(owner("default", "10.0.0.1"), IntfId("Ethernet1"));
    EXPECT_NE(sm->dhcpVrfSm(VrfName("default")), nullptr);
    EXPECT_TRUE(bed.status->intfStatus(IntfId("Ethernet1")));
+   bed.config->intfConfigIs(IntfId("Ethernet2"));
+   EXPECT_TRUE(bed.status->intfStatus(IntfId("Ethernet2")));
+   bed.config->intfConfigDel(IntfId("Ethernet1"));
+   EXPECT_FALSE(bed.status->intfStatus(IntfId("Ethernet1")));
+   EXPECT_NE(sm->kelDrIntfConfig(IntfId("Ethernet2")), nullptr);
+   EXPECT_EQ(sm->kelDrIntfConfig(IntfId("Ethernet1")), nullptr);
 }
 
 TEST_F(DhcpRelaySmTest, SocketsFollowTheVrfsInUse) {
@@ -155,7 +135,7 @@ TEST_F(DhcpRelaySmTest, SocketsFollowTheVrfsInUse) {
 // A message that passes them reaches its path: a request is relayed to the one server, a
 // reply (giaddr zero here) is dropped by the reply path.
 TEST_F(DhcpRelaySmTest, ChecksOnEveryMessage) {
-   relayIntfIs("Ethernet1", "default", "10.0.0.1/24");
+   bed.intfIs("Ethernet1", "default", {"10.0.0.1/24"});
    bed.intfServerIpDir->drIntfServerIpIs(IntfId("Ethernet1"))
        ->serverIpIs(VrfIpSrcIntfSrcIp{VrfName("default"), ip("192.168.1.10"), {}, {}}, 1);
    bed.activeVrfIs("default", 1);

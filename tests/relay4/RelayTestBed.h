@@ -146,6 +146,30 @@ class RelayTestBed {
       d->deviceNameIs(name);
       return d;
    }
+   // An interface's IP status in a VRF, primary address first (a relay interface unless
+   // `relay` is false) and, given an ifindex, its kernel device: up, with the same addresses,
+   // which makes them the relay's own in that VRF.
+   Ptr<Ip::IpIntfStatus> intfIs(const char* intf, const char* vrf,
+                                const std::vector<const char*>& addrs, uint32_t ifindex = 0,
+                                bool relay = true) {
+      if (relay)
+         config->intfConfigIs(IntfId(intf));
+      auto status = ipStatus->ipIntfStatusIs(IntfId(intf));
+      status->vrfIs(VrfName(vrf));
+      std::vector<Platform::IpAddrWithMask> all;
+      for (const char* a : addrs)
+         all.push_back(net(a));
+      status->activeAddrWithMaskIs(all[0]);
+      for (size_t i = 1; i < all.size(); ++i)
+         status->activeSecondaryWithMaskIs(all[i]);
+      if (ifindex) {
+         auto d = device(vrfs->vrf(VrfName(vrf))->nsName().str(), ifindex, intf);
+         d->macIs(mac(1));
+         d->upIs(true);
+         d->ipv4Is(all);
+      }
+      return status;
+   }
    // Inputs for a relay machine (the tests' own subclasses included).
    DhcpRelaySm::Inputs inputs() {
       return {config,         status,       ipStatus,        vrfs,          deviceNames,

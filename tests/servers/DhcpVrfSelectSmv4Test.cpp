@@ -84,6 +84,14 @@ TEST_F(DhcpVrfSelectSmv4Test, ServersCountTheirVrfAndTheirInterfaceVrfOnce) {
    EXPECT_EQ(counts(), "blue:1 default:0 green:1 red:3");
    serverDir_->drIntfServerIpDel(vlan10_);
    EXPECT_EQ(counts(), "default:0 red:1");
+
+   // The interface VRF counts only while the interface has an IP status, whichever of the
+   // status and the first server comes first.
+   serverInc(vlan10_, red1_);
+   ipStatus_->ipIntfStatusDel(vlan10_);
+   EXPECT_EQ(counts(), "default:0 red:2");
+   statusIs(vlan10_, "green");
+   EXPECT_EQ(counts(), "default:0 green:1 red:2");
 }
 
 TEST_F(DhcpVrfSelectSmv4Test, AnInterfaceMovingVrfRaisesTheNewBeforeLoweringTheOld) {
@@ -116,22 +124,6 @@ TEST_F(DhcpVrfSelectSmv4Test, AnInterfaceMovingVrfRaisesTheNewBeforeLoweringTheO
 
    status->vrfIs(VrfName("yellow"));
    EXPECT_EQ(counts(), "default:0 red:2 yellow:1");
-}
-
-TEST_F(DhcpVrfSelectSmv4Test, TheInterfaceVrfCountsOnlyWhileTheInterfaceHasAnIpStatus) {
-   serverInc(vlan10_, red1_);
-   EXPECT_EQ(counts(), "default:0 red:1");
-   statusIs(vlan10_, "blue");
-   EXPECT_EQ(counts(), "blue:1 default:0 red:1");
-
-   ipStatus_->ipIntfStatusDel(vlan10_);
-   EXPECT_EQ(counts(), "default:0 red:1");
-
-   // Not counted without servers, and its VRF is read again when it gains one.
-   statusIs(vlan20_, "green");
-   EXPECT_EQ(counts(), "default:0 red:1");
-   serverInc(vlan20_, red1_);
-   EXPECT_EQ(counts(), "default:0 green:1 red:2");
 }
 
 TEST_F(DhcpVrfSelectSmv4Test, StartUpRebuildsTheDirectoryFromCurrentState) {

@@ -402,28 +402,24 @@ TEST(ConfigApply, ShippedExampleIsValidAndASecondApplyNotifiesNothing) {
    EXPECT_EQ(watch.log, Log{});
 }
 
-TEST(ConfigApply, NewVrfsStartInactiveAndTheDefaultVrfIsAlwaysThere) {
+// New VRFs start inactive. What the file stops saying falls back to the default VRF alone
+// and to the host's name and MAC, not to the old values.
+TEST(ConfigApply, NewVrfsStartInactiveAndWhatTheFileLeavesOutFallsBack) {
    Targets t = freshTargets();
-   applyConfig(document("vrfs: {red: ns-red}\n"), t);
+   applyConfig(document("vrfs: {red: ns-red}\n"
+                        "system: {hostname: relay1, bridge-mac: 02:00:00:00:01:00}\n"),
+               t);
    ASSERT_EQ(t.vrfs->vrf().size(), 2u);
    const auto red = t.vrfs->vrf(*VrfName::parse("red"));
    EXPECT_EQ(red->nsName().str(), "ns-red");
    EXPECT_EQ(red->state(), Ip::VrfStatusLocal::State::inactive);
+   EXPECT_EQ(t.netStatus->hostname(), "relay1");
+   EXPECT_EQ(t.entityMib->systemMacAddr().toString(), "02:00:00:00:01:00");
 
    applyConfig(document("vrfs: {}\n"), t);
    ASSERT_EQ(t.vrfs->vrf().size(), 1u);
    EXPECT_EQ(t.vrfs->vrf().begin()->first, VrfName::defaultVrf());
    EXPECT_EQ(t.vrfs->vrf().begin()->second->nsName().str(), "default");
-}
-
-TEST(ConfigApply, HostFactsFillWhatTheFileLeavesOut) {
-   Targets t = freshTargets();
-   applyConfig(document("system: {hostname: relay1, bridge-mac: 02:00:00:00:01:00}\n"), t);
-   EXPECT_EQ(t.netStatus->hostname(), "relay1");
-   EXPECT_EQ(t.entityMib->systemMacAddr().toString(), "02:00:00:00:01:00");
-
-   // Dropping the lines from the file falls back to the host, not to the old values.
-   applyConfig(document("vrfs: {}\n"), t);
    EXPECT_EQ(t.netStatus->hostname(), hostHostname());
    EXPECT_FALSE(hostHostname().empty());
    EXPECT_EQ(t.entityMib->systemMacAddr(), hostBridgeMac());
