@@ -118,6 +118,8 @@ TEST_F(ResourceTest, DroppedOwnersLeaveNoDescriptorOpenOrWatched) {
        // Failing closed: "lo" of the agent's own namespace would open.
        {"a UDP socket in a missing namespace", 0, 0, [&] { return udp("0.0.0.0", missing); }},
        {"a raw transmit socket in a missing namespace", 0, 0, [&] { return rawTx(missing); }},
+       {"a route socket in a missing namespace", 0, 0,
+        [&] { return hold(RouteSocket::open(missing, error)); }},
        {"a capture socket in a missing namespace", 0, 0, [&] { return capture("lo", missing); }},
        {"a trace ring", 0, 0,
         [&] {
