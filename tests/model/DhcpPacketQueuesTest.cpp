@@ -91,6 +91,16 @@ TEST_F(DhcpPacketQueuesTest, IndicesGrowAndHeadFollowsTheOldestEntry) {
    EXPECT_EQ(info.packet->refCount(), 1u);
    // The other queue keeps its own indices.
    EXPECT_EQ(queues->relayToSnoopingQueueEnq(info), 0u);
+
+   // An exhausted index space is fatal, also when only the tail exhausts it, whatever `next`
+   // was restored to.
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   constexpr uint32_t last = std::numeric_limits<uint32_t>::max() - 1;
+   queues->snoopingToRelayQueueMetadataIs({last, last});
+   EXPECT_EQ(queues->snoopingToRelayQueueEnq(info), last);
+   EXPECT_DEATH(queues->snoopingToRelayQueueEnq(info), "linkqueue index space full");
+   queues->snoopingToRelayQueueMetadataIs({last, 0});
+   EXPECT_DEATH(queues->snoopingToRelayQueueEnq(info), "linkqueue index space full");
 }
 
 TEST_F(DhcpPacketQueuesTest, OrderAndLookupSurviveRingWrapAndGrowth) {
@@ -123,29 +133,17 @@ TEST_F(DhcpPacketQueuesTest, OrderAndLookupSurviveRingWrapAndGrowth) {
    EXPECT_EQ(order.front(), head);
 }
 
-TEST_F(DhcpPacketQueuesTest, ExhaustedIndexSpaceIsFatal) {
-   GTEST_FLAG_SET(death_test_style, "threadsafe");
-   constexpr uint32_t last = std::numeric_limits<uint32_t>::max() - 1;
-   queues->snoopingToRelayQueueMetadataIs({last, last});
-   EXPECT_EQ(queues->snoopingToRelayQueueEnq(packetInfo()), last);
-   EXPECT_DEATH(queues->snoopingToRelayQueueEnq(packetInfo()), "linkqueue index space full");
-   // The tail alone can exhaust the space too, whatever `next` was restored to.
-   queues->snoopingToRelayQueueMetadataIs({last, 0});
-   EXPECT_DEATH(queues->snoopingToRelayQueueEnq(packetInfo()), "linkqueue index space full");
-}
-
 // Queued entries are told apart by the packet they hold, not by its bytes.
 TEST(DhcpPacketInfoTest, EqualityIsPacketIdentityPlusFields) {
-   DhcpPacketInfo a = packetInfo();
-   DhcpPacketInfo otherPacket = a;
-   otherPacket.packet = Pkt::copyOf(a.packet->span());
-   EXPECT_NE(a, otherPacket);
-   DhcpPacketInfo same = a;
-   EXPECT_EQ(a, same);
-   same.srcIp6Addr = *Platform::Ip6Addr::parse("fe80::1");
-   EXPECT_NE(a, same);
-   EXPECT_TRUE(!DhcpPacketInfo{});
-   EXPECT_FALSE(!a);
+   const DhcpPacketInfo a = packetInfo();
+   DhcpPacketInfo other = a;
+   EXPECT_EQ(a, other);
+   other.srcIp6Addr = *Platform::Ip6Addr::parse("fe80::1");
+   EXPECT_NE(a, other);
+   other = a;
+   other.packet = Pkt::copyOf(a.packet->span());
+   EXPECT_NE(a, other);
+   EXPECT_TRUE(!DhcpPacketInfo{} && !!a);
 }
 
 }  // namespace
