@@ -274,7 +274,8 @@ TEST(RelayAgentInfoTest, AddedOptionBytesAndTheirRemoval) {
 
 // A refused edit leaves every byte where it was, so the caller can drop or forward the
 // packet as received. The option's 255-byte length limit and the packet's tail room sit
-// among the refusals.
+// among the refusals; a message without cookie, or with an option running past the end, is
+// refused unchanged in the option edit fuzz corpus.
 TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
    const Values small{"Vlan10"};
    struct Case {
@@ -285,11 +286,9 @@ TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
       size_t tailroom = 512;
    };
    const Case cases[] = {
-       {"no cookie", Bytes(300, 0), small},
        {"cookie one bit off", withByte(dhcpMessage({255}), 236, 98), small},
        {"shorter than the header", Bytes(200, 0), small},
        {"no end option", dhcpMessage(kClientOptions), small},
-       {"option runs past the end", dhcpMessage({53, 1, 3, 12, 40, 'h', 255}), small},
        {"lent file malformed", dhcpMessage({52, 1, 1, 255}, {12, 200}), small},
        {"circuit-id of 256 bytes", dhcpMessage({255}), {std::string(256, 'c')}},
        {"circuit-id of 254 bytes: 256-byte option", dhcpMessage({255}), {std::string(254, 'c')}},
