@@ -387,6 +387,8 @@ TEST(RelayAgentInfoTest, RemoveEveryInstance) {
    }
 }
 
+// Every sub-option the relay writes is read back from its own option in the option edit fuzz
+// corpus; here, what a server may send back besides.
 TEST(RelayAgentInfoTest, ParseReply) {
    const char* const empty = "circuit= remote= vrf= override=0.0.0.0 link=0.0.0.0";
    struct Case {
@@ -395,10 +397,6 @@ TEST(RelayAgentInfoTest, ParseReply) {
       const char* expected;
    };
    const Case cases[] = {
-       {"every sub-option",
-        dhcpMessage({82, 32, 1, 6,  'V', 'l', 'a', 'n', '1', '0', 2, 3, 's', 'w', '1', 5,   4,  10,
-                     1,  2,  0, 11, 4,   10,  1,   2,   1,   151, 5, 0, 'b', 'l', 'u', 'e', 255}),
-        "circuit=Vlan10 remote=sw1 vrf=blue override=10.1.2.1 link=10.1.2.0"},
        {"sub-options in another order, unknown ones skipped",
         dhcpMessage({82, 16, 151, 3, 0, 'r', 'd', 9, 3, 1, 2, 3, 11, 4, 10, 0, 0, 1, 255}),
         "circuit= remote= vrf=rd override=10.0.0.1 link=0.0.0.0"},

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,11 +33,6 @@ struct Captured {
    uint32_t ifindex;
    bool operator==(const Captured&) const = default;
 };
-
-void PrintTo(const Captured& c, std::ostream* os) {
-   *os << c.frame.size() << " bytes, vlan " << (c.vlanId ? int{*c.vlanId} : -1) << ", ifindex "
-       << c.ifindex;
-}
 
 // A consumer that takes one frame per announcement, or (take = false) none.
 class Taker : public EthDevPam::Reactor {

@@ -110,25 +110,15 @@ TEST_F(UdpTestPamTest, InjectedDatagramsGoThroughTheQueueLikeReceivedOnes) {
    EXPECT_EQ(consumer_.notifications, UdpPam::kRxQueueCapacity + 1);
 }
 
-// The relay's tests read the addresses, ports and bytes the double recorded; TOS and device
-// only this test. Refused before the kernel as the real socket refuses them: a closed socket,
-// a destination or source of the other family.
-TEST_F(UdpTestPamTest, RecordsASendWithItsSettingsAndRefusesWhatTheKernelWould) {
+// What the double records is what the relay's tests read; here, that it refuses a send the
+// kernel would refuse: on a closed socket, to or from an address of the other family.
+TEST_F(UdpTestPamTest, RefusesWhatTheKernelWould) {
    const Ptr<Pkt> payload = Pkt::copyOf(numbered(3));
    pam_->txDstAddrIs(IpAddr::broadcast());
-   pam_->txPortIs(67);
    pam_->txSrcAddrIs(v4("10.1.1.1"));
-   pam_->txTosIs(184);
-   pam_->txIfindexIs(12);
    EXPECT_FALSE(pam_->send(*payload));
    pam_->modeIs(UdpPam::modeOpen);
    ASSERT_TRUE(pam_->send(*payload));
-   ASSERT_EQ(pam_->sent().size(), 1u);
-   const UdpTestPam::Sent& s = pam_->sent()[0];
-   EXPECT_EQ(s.src.toString() + " > " + s.dst.toString() + ":" + std::to_string(s.port) + " tos " +
-                 std::to_string(s.tos) + " if " + std::to_string(s.ifindex),
-             "10.1.1.1 > 255.255.255.255:67 tos 184 if 12");
-
    pam_->txDstAddrIs(v6("2001:db8::1"));
    EXPECT_FALSE(pam_->send(*payload));
    pam_->txDstAddrIs(v4("192.0.2.10"));
@@ -385,20 +375,17 @@ TEST_F(LinuxUdpPamTest, ABurstIsAnnouncedOneDatagramAtATime) {
    tx->send(*Pkt::copyOf(numbered(102, 1800)));
    ASSERT_TRUE(turnUntil([&] { return c.got.size() == 2; }));
    EXPECT_EQ(bytesOf(*c.got[1].pkt), numbered(102, 1800));
-}
 
-TEST_F(LinuxUdpPamTest, AConsumerThatTakesNothingDoesNotSpinTheLoop) {
-   auto tx = loopbackSender();
-   auto sock = pam(false, 6767);
-   Consumer& c = consumer(1);
+   // A consumer that takes nothing does not spin the loop. Sent more than the queue holds,
+   // reading stops while it is full.
+   c.got.clear();
    c.taking = false;
-   // More than the queue holds: reading stops while it is full.
+   const size_t notified = c.notifications;
    const size_t total = UdpPam::kRxQueueCapacity + 36;
-   for (size_t i = 0; i < total; ++i)
-      ASSERT_TRUE(tx->send(*Pkt::copyOf(numbered(i))));
-   ASSERT_TRUE(turnUntil([&] { return c.notifications > 0; }));
+   burst(0, total);
+   ASSERT_TRUE(turnUntil([&] { return c.notifications > notified; }));
    turns(100);
-   EXPECT_LE(c.notifications, 4u);
+   EXPECT_LE(c.notifications, notified + 4);
    const double before = clock_.now();
    loop_.runOnce(50);
    EXPECT_GE(clock_.now() - before, 0.045) << "an idle turn waits out its timeout";
