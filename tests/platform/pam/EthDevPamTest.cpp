@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -48,10 +49,7 @@ class Taker : public EthDevPam::Reactor {
    }
 
    bool holds(const Bytes& frame) const {
-      for (const Captured& c : frames)
-         if (c.frame == frame)
-            return true;
-      return false;
+      return std::ranges::any_of(frames, [&](const Captured& c) { return c.frame == frame; });
    }
 
    bool take = true;
