@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
@@ -118,6 +119,8 @@ TEST_F(ResourceTest, DroppedOwnersLeaveNoDescriptorOpenOrWatched) {
        // Failing closed: "lo" of the agent's own namespace would open.
        {"a UDP socket in a missing namespace", 0, 0, [&] { return udp("0.0.0.0", missing); }},
        {"a raw transmit socket in a missing namespace", 0, 0, [&] { return rawTx(missing); }},
+       {"a route socket in a missing namespace", 0, 0,
+        [&] { return hold(RouteSocket::open(missing, error)); }},
        {"a capture socket in a missing namespace", 0, 0, [&] { return capture("lo", missing); }},
        {"a trace ring", 0, 0,
         [&] {
@@ -158,6 +161,43 @@ TEST_F(ResourceTest, DroppedOwnersLeaveNoDescriptorOpenOrWatched) {
          EXPECT_EQ(held(), std::pair(fds + c.fds, watched + c.watched));
       }
       EXPECT_EQ(held(), std::pair(fds, watched));
+   }
+}
+
+ino_t netNsInode(const std::string& path) {
+   struct stat st;
+   return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+ino_t currentNetNs() {
+   return netNsInode("/proc/thread-self/ns/net");
+}
+
+// The guard enters the namespace and comes back; the agent's own namespace, under either name,
+// is entered without moving. A missing or invalid name fails closed, staying home.
+TEST_F(ResourceTest, NamespaceGuardEntersTheNamespaceAndComesBackOrFailsClosed) {
+   const ino_t home = currentNetNs();
+   EXPECT_TRUE(netNsExists(ns_));
+   {
+      NetNsGuard guard(ns_);
+      ASSERT_TRUE(guard.ok()) << guard.error();
+      EXPECT_EQ(currentNetNs(), netNsInode(netNsPath(ns_)));
+      EXPECT_NE(currentNetNs(), home);
+   }
+   EXPECT_EQ(currentNetNs(), home);
+   for (const char* own : {"", "default"}) {
+      NetNsGuard guard(own);
+      EXPECT_TRUE(guard.ok() && netNsExists(own));
+      EXPECT_EQ(currentNetNs(), home);
+   }
+   for (std::string bad : {ns_ + "-missing", std::string(".."), "../" + ns_}) {
+      EXPECT_FALSE(netNsExists(bad)) << bad;
+      NetNsGuard guard(bad);
+      EXPECT_FALSE(guard.ok() || guard.error().empty()) << bad;
+      EXPECT_EQ(currentNetNs(), home) << bad;
+      if (bad == ns_ + "-missing") {
+         EXPECT_NE(guard.error().find("/run/netns/" + bad), std::string::npos) << guard.error();
+      }
    }
 }
 

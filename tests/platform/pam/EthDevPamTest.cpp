@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +13,9 @@
 #include "codec/CaptureFilter.h"
 #include "platform/pam/EthDevTestPam.h"
 #include "platform/pam/LinuxEthDevPam.h"
+#include "platform/pam/LinuxRawTxPam.h"
+#include "platform/pam/RawTxTestPam.h"
+#include "platform/pam/ReadableQueue.h"
 #include "tests/support/PacketTestNet.h"
 #include "tests/support/TestFrames.h"
 
@@ -32,11 +35,6 @@ struct Captured {
    bool operator==(const Captured&) const = default;
 };
 
-void PrintTo(const Captured& c, std::ostream* os) {
-   *os << c.frame.size() << " bytes, vlan " << (c.vlanId ? int{*c.vlanId} : -1) << ", ifindex "
-       << c.ifindex;
-}
-
 // A consumer that takes one frame per announcement, or (take = false) none.
 class Taker : public EthDevPam::Reactor {
  public:
@@ -51,10 +49,7 @@ class Taker : public EthDevPam::Reactor {
    }
 
    bool holds(const Bytes& frame) const {
-      for (const Captured& c : frames)
-         if (c.frame == frame)
-            return true;
-      return false;
+      return std::ranges::any_of(frames, [&](const Captured& c) { return c.frame == frame; });
    }
 
    bool take = true;
@@ -236,6 +231,135 @@ TEST(EthDevTestPamTest, AFullQueueDropsAndAClosedDeviceForgetsAndRefuses) {
    EXPECT_FALSE(pam->rxFrameInject(frame));
    EXPECT_FALSE(pam->send(*Pkt::copyOf(frame)));
    EXPECT_TRUE(pam->sent().empty());
+}
+
+// Any frame will do: the socket sends it as it is. Ethertype 0x88b5 is for local
+// experiments, so no stack reacts to it.
+Bytes frame(uint8_t marker) {
+   return eth(0x88b5) + Bytes(46, marker);
+}
+
+using RawTxPamTest = PacketTest::VethTest;
+
+TEST_F(RawTxPamTest, SendsOnTheNamedDeviceOfItsNamespaceOnly) {
+   auto pam = make<LinuxRawTxPam>("rawTx");
+   struct ActiveLog : RawTxPam::Reactor {
+      void handleActive() override { log.push_back(notifier()->active()); }
+      std::vector<bool> log;
+   } active;
+   active.notifierIs(pam);
+   pam->ethProtocolIs(0x88b5);
+   pam->netNsIs(nsA_);
+   pam->modeIs(RawTxPam::modeOpen);
+   ASSERT_TRUE(pam->active()) << pam->error();
+   // The frame leaves as it is.
+   PacketTest::PeerSocket peerB(loop_, nsB_, "b0");
+   ASSERT_TRUE(peerB.ok());
+   EXPECT_TRUE(pam->send(ifindexA_, *Pkt::copyOf(frame(1))));
+   EXPECT_TRUE(turnUntil([&] { return peerB.received(frame(1)); }));
+   EXPECT_EQ(pam->txFrames(), 1u);
+   // No such device in the namespace; no frame shorter than its header.
+   const uint64_t failed = pam->txFailed();
+   EXPECT_FALSE(pam->send(ifindexA_ + 1000, *Pkt::copyOf(frame(2))));
+   EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(Bytes(13, 0xff))));
+   EXPECT_EQ(pam->txFailed(), failed + 2);
+
+   // Moving namespace reopens it there: b0's index is only meaningful in B.
+   pam->netNsIs(nsB_);
+   ASSERT_TRUE(pam->active()) << pam->error();
+   EXPECT_EQ(active.log, (std::vector<bool>{true, false, true}));
+   PacketTest::PeerSocket peerA(loop_, nsA_, "a0");
+   ASSERT_TRUE(peerA.ok());
+   EXPECT_TRUE(pam->send(PacketTest::ifindexOf(nsB_, "b0"), *Pkt::copyOf(frame(3))));
+   EXPECT_TRUE(turnUntil([&] { return peerA.received(frame(3)); }));
+
+   pam->modeIs(RawTxPam::modeClosed);
+   EXPECT_FALSE(pam->send(ifindexA_, *Pkt::copyOf(frame(4))));
+   EXPECT_EQ(active.log.back(), false);
+}
+
+// What the double records is what the relay's reply tests read; here, that it refuses what
+// the kernel would, so that they cannot pass on a send the kernel would refuse.
+TEST(RawTxTestPamTest, RefusesASendWithoutDeviceOrOpenSocket) {
+   auto pam = make<RawTxTestPam>();
+   pam->modeIs(RawTxPam::modeOpen);
+   EXPECT_FALSE(pam->send(0, *Pkt::copyOf(frame(1))));
+   pam->modeIs(RawTxPam::modeClosed);
+   EXPECT_FALSE(pam->send(3, *Pkt::copyOf(frame(2))));
+   EXPECT_TRUE(pam->sent().empty());
+   EXPECT_EQ(pam->txFailed(), 2u);
+}
+
+using Queue = ReadableQueue<Ptr<Pkt>, 4>;
+
+Ptr<Pkt> pktOf(uint8_t marker) {
+   return Pkt::copyOf(Bytes{marker});
+}
+
+// A handler that takes nothing ends a wake-up's announcements, and so does one that
+// clears the queue.
+TEST(ReadableQueueTest, AnnouncesEachItemOnceUntilAHandlerTakesNothing) {
+   Queue q;
+   for (uint8_t i = 1; i <= 3; ++i)
+      ASSERT_TRUE(q.push(pktOf(i)));
+   std::vector<uint8_t> taken;
+   int calls = 0;
+   bool take = false;
+   auto announceOne = [&] {
+      ++calls;
+      if (take)
+         taken.push_back(*(*q.pop())->at(0));
+   };
+   q.announce(announceOne);
+   EXPECT_EQ(calls, 1);
+   // The next wake-up goes on with the items not yet announced.
+   take = true;
+   q.announce(announceOne);
+   EXPECT_EQ(calls, 3);
+   EXPECT_EQ(taken, (std::vector<uint8_t>{1, 2}));
+   q.announce(announceOne);
+   EXPECT_EQ(calls, 3);
+   // Announced or not, pop hands out the oldest.
+   EXPECT_EQ(*(*q.pop())->at(0), 3);
+   EXPECT_FALSE(q.pop());
+
+   ASSERT_TRUE(q.push(pktOf(4)));
+   q.announce(announceOne);
+   EXPECT_EQ(calls, 4);
+
+   for (uint8_t i = 5; i <= 7; ++i)
+      ASSERT_TRUE(q.push(pktOf(i)));
+   q.announce([&] {
+      ++calls;
+      q.pop();
+      q.clear();
+   });
+   EXPECT_EQ(calls, 5);
+   EXPECT_EQ(q.size(), 0u);
+   ASSERT_TRUE(q.push(pktOf(8)));
+   q.announce(announceOne);
+   EXPECT_EQ(calls, 6);
+}
+
+// A refused item stays with the caller.
+TEST(ReadableQueueTest, KeepsNoReferenceToWhatLeftIt) {
+   Queue q;
+   Ptr<Pkt> a = pktOf(1);
+   Ptr<Pkt> b = pktOf(2);
+   ASSERT_TRUE(q.push(Ptr<Pkt>(a)));
+   ASSERT_TRUE(q.push(Ptr<Pkt>(b)));
+   EXPECT_EQ(a->refCount(), 2u);
+   EXPECT_TRUE(q.pop());
+   EXPECT_EQ(a->refCount(), 1u);
+   q.clear();
+   EXPECT_EQ(b->refCount(), 1u);
+
+   for (uint8_t i = 0; i < Queue::kCapacity; ++i)
+      ASSERT_TRUE(q.push(pktOf(i)));
+   Ptr<Pkt> extra = pktOf(9);
+   EXPECT_FALSE(q.push(std::move(extra)));
+   EXPECT_TRUE(extra);
+   EXPECT_EQ(q.room(), 0u);
 }
 
 }  // namespace
