@@ -93,11 +93,15 @@ Ptr<const Ip::AllVrfStatusLocal> ControlCommands::vrfs() const {
 }
 
 json ControlCommands::doShowVrfs() const {
+   config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
+   const Ptr<const Status> relay = store_.entityConst<Status>("ip/helper/dhcprelay/status");
    json out = json::array();
    for (const auto& [name, vrf] : vrfs()->vrf()) {
       out.push_back({{"vrf", name.toString()},
                      {"namespace", vrf->nsName().toString()},
                      {"active", vrf->state() == Ip::VrfStatusLocal::State::active}});
+      if (relay && !relay->vrfSocketError(name).empty())
+         out.back()["error"] = relay->vrfSocketError(name);
    }
    return out;
 }
@@ -160,8 +164,12 @@ Ptr<const Status> ControlCommands::status() const {
 }
 
 json ControlCommands::doShowStatus() const {
+   // Published at once, so that these counters are those show counters would give.
+   config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
    auto status = this->status();
    json warned = config_.fileWarnings();
+   for (const auto& [vrf, error] : status->vrfSocketError())
+      warned.push_back("VRF " + vrf.toString() + " relays nothing: " + error);
    std::map<Platform::IntfId, std::string> missing;
    for (const MissingDevice& m : missingDevices()) {
       std::string text = "device \"" + m.device + "\" does not exist in VRF " + m.vrf.toString() +

@@ -78,6 +78,15 @@ void copyDhcpRelayCounters(const Status& from, Status& to) {
    to.dropsIs(from);
    to.clientBindingsRefusedIs(from.clientBindingsRefused());
    to.lastResetAllTimeIs(from.lastResetAllTime());
+   std::vector<Platform::VrfName> healed;
+   for (const auto& [vrf, error] : to.vrfSocketError()) {
+      if (!from.vrfSocketError().contains(vrf))
+         healed.push_back(vrf);
+   }
+   for (const Platform::VrfName& vrf : healed)
+      to.vrfSocketErrorDel(vrf);
+   for (const auto& [vrf, error] : from.vrfSocketError())
+      to.vrfSocketErrorIs(vrf, error);
    for (const auto& [intf, src] : from.intfStatus()) {
       Ptr<IntfStatus> dst = to.intfStatusIs(intf);
       dst->countersIs(*src);

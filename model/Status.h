@@ -127,9 +127,12 @@ class Status : public Platform::Entity {
       virtual void handleLastResetAllTime() {}
       virtual void handleFailoverCopyInProgress() {}
       virtual void handleRunControl() {}
+      virtual void handleVrfSocketError(const Platform::VrfName& /*vrf*/) {}
    };
 
    PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
+   // Why the relay's sockets of an active VRF could not be opened; no entry while they are.
+   PLATFORM_VALUES(vrfSocketError, VrfSocketError, Platform::VrfName, std::string, std::string())
 
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
    MODEL_COUNTER_BULK(DHCP_RELAY_STATUS_COUNTERS, Status)

@@ -44,8 +44,28 @@ VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
 
    std::string error;
    routeSocket_ = deps_.pams.routeSocket(nsName_.str(), error);
-   if (!routeSocket_)
+   if (!routeSocket_) {
       TRACE(0, " no netlink socket for vrf:", vrf_, " namespace ", nsName_, ": ", error);
+      routeSocketError_ = std::move(error);
+   }
+}
+
+std::string VrfSockets::error() const {
+   if (!udpPam_->active())
+      return "UDP socket: " + (udpPam_->error().empty() ? "closed" : udpPam_->error());
+   if (rawTxPam_ && !rawTxPam_->active())
+      return "raw socket: " + (rawTxPam_->error().empty() ? "closed" : rawTxPam_->error());
+   if (!routeSocket_)
+      return "route socket: " + routeSocketError_;
+   return {};
+}
+
+void VrfSockets::onStateIs(std::function<void()> onChange) {
+   udpPamWatch_.on(&Platform::UdpPam::Reactor::handleActive, onChange);
+   if (rawTxPam_) {
+      rawTxPamWatch_.on(&Platform::RawTxPam::Reactor::handleActive, onChange);
+      rawTxPamWatch_.notifierIs(rawTxPam_);
+   }
 }
 
 void VrfSockets::onReadableIs(std::function<void()> onReadable) {
@@ -56,6 +76,7 @@ void VrfSockets::onReadableIs(std::function<void()> onReadable) {
 
 VrfSockets::~VrfSockets() {
    udpPamWatch_.notifierIs(nullptr);
+   rawTxPamWatch_.notifierIs(nullptr);
    udpPam_->modeIs(Platform::Pam::modeClosed);
    if (rawTxPam_)
       rawTxPam_->modeIs(Platform::Pam::modeClosed);

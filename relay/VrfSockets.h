@@ -69,6 +69,10 @@ class VrfSockets {
    // Runs `onReadable` for every readable notification of the UDP socket from now on, and
    // once at once (a datagram may have arrived already).
    void onReadableIs(std::function<void()> onReadable);
+   // Why a socket of the VRF is not open (the first one that is not), empty while all are;
+   // `onChange` runs whenever one opens or closes.
+   std::string error() const;
+   void onStateIs(std::function<void()> onChange);
 
  private:
    const Platform::VrfName vrf_;
@@ -79,7 +83,9 @@ class VrfSockets {
    Ptr<Platform::UdpPam> udpPam_;
    Ptr<Platform::RawTxPam> rawTxPam_;
    std::unique_ptr<Platform::RouteSocket> routeSocket_;
+   std::string routeSocketError_;
    Platform::Watch<Platform::UdpPam> udpPamWatch_;
+   Platform::Watch<Platform::RawTxPam> rawTxPamWatch_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

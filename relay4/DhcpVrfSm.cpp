@@ -39,6 +39,8 @@ void DhcpVrfSm::handleInitialized() {
    TRACE(3, " for vrf:", vrfName_);
    sockets_.emplace(kFamily, vrfName_, nsName_, deps_, tosOf(dhcpRelayConfig_->dscpV4()));
    sockets_->onReadableIs([this] { handleReadableCount(); });
+   sockets_->onStateIs([this] { doPublishSocketError(); });
+   doPublishSocketError();
    configWatch_.on(&Config::Reactor::handleDscpV4, [this] { handleDscp(); });
    configWatch_.onAttached([this] { handleDscp(); });
    configWatch_.notifierIs(dhcpRelayConfig_);
@@ -50,6 +52,20 @@ void DhcpVrfSm::handleDscp() {
    const uint8_t dscp = dhcpRelayConfig_->dscpV4();
    TRACE(3, " DSCP change to ", dscp, " for ", vrfName_);
    sockets_->tosIs(tosOf(dscp));
+   doPublishSocketError();
+}
+
+// An operator must see a VRF that cannot relay, not only a trace of it.
+void DhcpVrfSm::doPublishSocketError() {
+   if (!sockets_)
+      return;
+   const std::string error = sockets_->error();
+   if (error.empty()) {
+      status_.vrfSocketErrorDel(vrfName_);
+   } else if (status_.vrfSocketError(vrfName_) != error) {
+      TRACE(0, " sockets of VRF ", vrfName_, " are not open: ", error);
+      status_.vrfSocketErrorIs(vrfName_, error);
+   }
 }
 
 void DhcpVrfSm::handleReadableCount() {
@@ -104,6 +120,7 @@ void DhcpVrfSm::handleDel() {
 void DhcpVrfSm::doClose() {
    configWatch_.notifierIs(nullptr);
    sockets_.reset();
+   status_.vrfSocketErrorDel(vrfName_);
    egressRoutes_ = EgressRouteCache();
 }
 

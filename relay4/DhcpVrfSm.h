@@ -51,6 +51,7 @@ class DhcpVrfSm {
 
  private:
    void doClose();
+   void doPublishSocketError();
 
    const Platform::VrfName vrfName_;
    const Platform::NamespaceName nsName_;

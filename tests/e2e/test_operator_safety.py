@@ -4,6 +4,7 @@ told at once and never stop the agent."""
 import json
 import os
 import socket
+import subprocess
 import time
 
 from conftest import AGENT, run
@@ -57,6 +58,32 @@ def test_a_device_that_does_not_exist_is_told_until_it_appears(tmp_path, agent):
         time.sleep(0.05)
     assert a.show("status")["warnings"] == []
     assert "missing" not in a.show("interfaces")["vrfs"][0]
+
+
+def test_a_vrf_whose_sockets_cannot_open_shows_why(tmp_path, netns, agent):
+    red = netns("red")
+    # Port 67 taken in the VRF's namespace without address reuse: the relay cannot bind it.
+    holder = subprocess.Popen(
+        ["ip", "netns", "exec", red, "python3", "-c",
+         "import socket, time; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); "
+         "s.bind(('0.0.0.0', 67)); print('bound', flush=True); time.sleep(60)"],
+        stdout=subprocess.PIPE, text=True)
+    try:
+        assert holder.stdout.readline().strip() == "bound"
+        cfg = tmp_path / "relay.yaml"
+        cfg.write_text(f"vrfs: {{red: {red}}}\n"
+                       "interfaces: {Ethernet1: {vrf: red, servers: [{address: 192.0.2.10}]}}\n")
+        a = agent(cfg)
+        deadline = time.monotonic() + 5
+        while "error" not in a.show("vrfs")[-1] and time.monotonic() < deadline:
+            time.sleep(0.05)
+        vrf = {v["vrf"]: v for v in a.show("vrfs")}["red"]
+        assert "port 67: Address already in use" in vrf.get("error", ""), vrf
+        assert any(w.startswith("VRF red relays nothing: UDP socket")
+                   for w in a.show("status")["warnings"])
+    finally:
+        holder.kill()
+        holder.wait()
 
 
 def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, agent):

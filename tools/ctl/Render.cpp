@@ -238,10 +238,15 @@ std::string renderInterfaces(const json& data) {
 
 std::string renderVrfs(const json& data) {
    Table t({"VRF", "Namespace", "State"});
-   for (const auto& vrf : data)
+   std::string errors;
+   for (const auto& vrf : data) {
       t.rowAdd({vrf.at("vrf").get<std::string>(), nsText(vrf),
                 vrf.value("active", false) ? "active" : "inactive"});
-   return t.text();
+      if (vrf.contains("error"))
+         errors += "VRF " + vrf.at("vrf").get<std::string>() +
+                   " sockets: " + vrf["error"].get<std::string>() + "\n";
+   }
+   return t.text() + errors;
 }
 
 namespace {
