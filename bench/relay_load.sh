@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Load through the relay agent in the namespace lab (tests/e2e/lab.py):
+# Load through the relay agent in the namespace lab (tools/lab/lab.py):
 #     dhcp-loadgen (client ns) --c0/r0-- dhcp-relay-agent (relay ns) --r1/br0-- dhcp-reflector (server ns)
 # The agent runs pinned to one core; the load tool and the reflector share the
 # other. Prints the load tool's figures and the agent's CPU time per relayed
@@ -35,7 +35,7 @@ for b in dhcp-relay-agent tools/dhcp-relay-ctl bench/dhcp-loadgen bench/dhcp-ref
 done
 
 work="$(mktemp -d "/tmp/$prefix.XXXXXX")"
-lab() { /usr/bin/python3 "$top/tests/e2e/lab.py" --prefix "$prefix" --dir "$work" "$@"; }
+lab() { /usr/bin/python3 "$top/tools/lab/lab.py" --prefix "$prefix" --dir "$work" "$@"; }
 
 agent_pid=
 reflector_pid=

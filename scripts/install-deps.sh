@@ -14,7 +14,7 @@ packages=(
    libgtest-dev libgmock-dev libbenchmark-dev
    # tests and the lab
    python3 python3-pytest iproute2 procps
-   # real DHCP peers and packet tools for the namespace lab (tests/e2e/lab.py)
+   # real DHCP peers and packet tools for the namespace lab (tools/lab/lab.py)
    isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
    # a DNS server for the host-name resolution tests (the -base package has no service)
    dnsmasq-base

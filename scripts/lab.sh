@@ -18,7 +18,7 @@ prefix="${LAB_PREFIX:-lab$$}"
 build="${LAB_BUILD:-$top/build}"
 work="$(mktemp -d "/tmp/$prefix.XXXXXX")"
 
-lab() { /usr/bin/python3 "$top/tests/e2e/lab.py" --prefix "$prefix" --dir "$work" "$@"; }
+lab() { /usr/bin/python3 "$top/tools/lab/lab.py" --prefix "$prefix" --dir "$work" "$@"; }
 
 agent_pid=
 cleanup() {

@@ -1,10 +1,12 @@
 """Fixtures for end-to-end tests: the built programs, per-run network namespace
 names, and a daemon runner that always stops what it started."""
 
+import itertools
 import json
 import os
 import signal
 import subprocess
+import sys
 import time
 import uuid
 from pathlib import Path
@@ -12,6 +14,9 @@ from pathlib import Path
 import pytest
 
 TOP = Path(__file__).resolve().parents[2]
+# The namespace lab is the demo's as well as the tests'.
+sys.path.insert(0, str(TOP / "tools" / "lab"))
+import lab as L  # noqa: E402
 BUILD = Path(os.environ.get("DHCP_RELAY_BUILD", TOP / "build"))
 AGENT = BUILD / "dhcp-relay-agent"
 CTL = BUILD / "tools" / "dhcp-relay-ctl"
@@ -120,3 +125,20 @@ def agent(tmp_path, netns):
     yield start
     for a in started:
         a.stop()
+
+
+_lab_numbers = itertools.count()
+
+
+@pytest.fixture
+def lab(netns, tmp_path):
+    """A built lab; its namespaces carry the run prefix and go, with every process in
+    them, when the test ends however it ends."""
+    # pytest runs finalizers on Ctrl-C but dies on SIGTERM (a CI timeout) with daemons
+    # and namespaces left behind; make SIGTERM an interrupt too.
+    if signal.getsignal(signal.SIGTERM) is signal.SIG_DFL:
+        signal.signal(signal.SIGTERM, signal.default_int_handler)
+    n = next(_lab_numbers)
+    built = L.Lab(tmp_path / f"lab{n}", make_ns=lambda role: netns(f"l{n}-{role}"))
+    yield built
+    built.close()

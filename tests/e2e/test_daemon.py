@@ -35,7 +35,8 @@ def relay_config(ns, dscp=46, first_server="192.0.2.10", more=""):
 
 def test_a_bad_file_is_refused_with_its_places_named(tmp_path):
     ok = run(AGENT, "--config", EXAMPLE, "--check", check=False)
-    assert (ok.returncode, ok.stdout.strip()) == (0, "ok"), ok.stderr
+    # The example names devices this host lacks: warned, not refused.
+    assert (ok.returncode, ok.stdout.splitlines()[-1]) == (0, "ok"), ok.stderr
 
     bad = write(tmp_path / "bad.yaml", """\
         relay:

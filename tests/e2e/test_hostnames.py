@@ -8,7 +8,6 @@ import itertools
 import time
 
 import lab as L
-from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING, in_pool, start_agent
 
 NAME = f"dhcp1.{L.DNS_DOMAIN}"

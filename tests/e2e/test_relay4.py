@@ -1,5 +1,5 @@
 """DHCPv4 relayed by the agent between a real ISC dhclient and real ISC dhcpd servers,
-in the lab's namespaces (see lab.py)."""
+in the lab's namespaces (see tools/lab/lab.py)."""
 
 from dataclasses import dataclass
 
@@ -7,7 +7,6 @@ import pytest
 
 import lab as L
 from conftest import Agent
-from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING
 
 CLIENT_RANGE = "192.0.2."

@@ -6,7 +6,6 @@ import pytest
 
 import lab as L
 from conftest import Agent
-from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING
 
 NAME = f"dhcp1.{L.DNS_DOMAIN}"

@@ -1,5 +1,5 @@
 """DHCPv4 relayed across VRFs and from configured source addresses, between a real ISC
-dhclient and real ISC dhcpd servers in the lab's namespaces (see lab.py), with the
+dhclient and real ISC dhcpd servers in the lab's namespaces (see tools/lab/lab.py), with the
 agent's counters checked against what the client link carried."""
 
 import ipaddress
@@ -10,7 +10,6 @@ import pytest
 
 import lab as L
 from conftest import Agent
-from lab import lab  # noqa: F401  (fixture)
 
 DISCOVER, OFFER, REQUEST, ACK = 1, 2, 3, 5
 # dhcpd pings an address for a second before it offers it and ignores the client's

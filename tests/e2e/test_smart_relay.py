@@ -8,7 +8,6 @@ test_relay4_edges'."""
 from scapy.layers.dhcp import BOOTP
 
 import lab as L
-from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING, client_mac, in_pool, start_agent
 
 DISCOVER, REQUEST = 1, 3

@@ -29,7 +29,6 @@ Run as a program, this module drives a lab from a shell (scripts/lab.sh):
 
 import argparse
 import ipaddress
-import itertools
 import json
 import os
 import re
@@ -622,29 +621,6 @@ class Lab:
                 ETC_NETNS.rmdir()  # unless another lab has files there now
             except OSError:
                 pass
-
-
-_lab_numbers = itertools.count()
-
-try:
-    import pytest
-except ImportError:  # the shell entry point needs no pytest
-    pytest = None
-
-if pytest:
-    @pytest.fixture
-    def lab(netns, tmp_path):
-        """A built lab (import it into a test module: `from lab import lab`); its
-        namespaces carry conftest's run prefix and go, with every process in them,
-        when the test ends however it ends."""
-        # pytest runs finalizers on Ctrl-C but dies on SIGTERM (a CI timeout) with
-        # daemons and namespaces left behind; make SIGTERM an interrupt too.
-        if signal.getsignal(signal.SIGTERM) is signal.SIG_DFL:
-            signal.signal(signal.SIGTERM, signal.default_int_handler)
-        n = next(_lab_numbers)
-        built = Lab(tmp_path / f"lab{n}", make_ns=lambda role: netns(f"l{n}-{role}"))
-        yield built
-        built.close()
 
 
 def _yaml(value):
