@@ -8,6 +8,7 @@
 #include "frontend/kernel/KernelFrontEnd.h"
 #include "model/switch/KernelNetInfo.h"
 #include "model/switch/VrfStatus.h"
+#include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -64,6 +65,7 @@ ControlCommands::ControlCommands(Frontend::ControlServer& server,
    server.handlerIs("show", [this](const json& r) { return doShow(r); });
    server.handlerIs("clear", [this](const json& r) { return doClear(r); });
    server.handlerIs("reload", [this](const json&) { return doReload(); });
+   server.handlerIs("trace", [](const json& r) { return doTrace(r); });
 }
 
 json ControlCommands::doShow(const json& request) const {
@@ -250,6 +252,26 @@ json ControlCommands::doClear(const json& request) const {
    auto entry = cc->intfConfigIs(*intf);
    entry->resetTriggerIs(entry->resetTrigger() + 1);
    return {{"cleared", name}};
+}
+
+// Operators follow clients at level 5 (one line per message) without a restart.
+json ControlCommands::doTrace(const json& request) {
+   const int previous = Platform::Trace::textLevel();
+   if (request.contains("level")) {
+      const std::string& text = Frontend::requestString(request, "level");
+      int level = -2;
+      if (text == "off")
+         level = -1;
+      else if (text == "all")
+         level = Platform::kTraceLevelMax;
+      else if (text.size() == 1 && text[0] >= '0' && text[0] <= '9')
+         level = text[0] - '0';
+      if (level == -2)
+         throw Frontend::ControlError("trace level \"" + text + "\" is not 0..9, off or all");
+      Platform::Trace::textLevelIs(level);
+      TRACE(1, "text trace level ", previous, " -> ", level, " by an operator");
+   }
+   return {{"level", Platform::Trace::textLevel()}, {"previous", previous}};
 }
 
 json ControlCommands::doReload() const {

@@ -39,6 +39,7 @@ class ControlCommands {
    };
    std::vector<MissingDevice> missingDevices() const;
    nlohmann::json doReload() const;
+   static nlohmann::json doTrace(const nlohmann::json& request);
 
    const Frontend::ConfigFrontEnd& config_;
    const Platform::StateStore& store_;

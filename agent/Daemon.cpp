@@ -33,8 +33,6 @@ int Daemon::run() {
          std::fprintf(stderr, "%s\n", e.c_str());
       return 1;
    }
-   for (const std::string& w : config_.warnings())
-      std::fprintf(stderr, "warning: %s\n", w.c_str());
    std::string error;
    namespaceClaim_ = claimNamespace(error);
    if (!namespaceClaim_ || !probeRelayPrivileges(error) || !server_.start(error)) {
@@ -49,6 +47,9 @@ int Daemon::run() {
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
    agent_ = registry.agentNew(Agent::kAgentName, ctx_);
    agent_->doInit(store_);
+   TRACE(1, " starting with ", config_.path(), ": ", config_.summary());
+   for (const std::string& w : config_.warnings())
+      TRACE(1, " configuration warning: ", w);
    // VRF namespaces, interfaces and addresses, followed live from the kernel; built
    // once tracing runs, and published before the agent's mounts complete.
    kernel_ = std::make_unique<Frontend::KernelFrontEnd>(loop_, store_);

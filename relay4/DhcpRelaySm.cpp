@@ -1,5 +1,6 @@
 #include "relay4/DhcpRelaySm.h"
 
+#include "codec/DhcpCodec.h"
 #include "counters/DhcpRelayCounters.h"
 #include "platform/base/Assert.h"
 #include "platform/trace/Trace.h"
@@ -264,31 +265,35 @@ void DhcpRelaySm::doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp
                                   const IntfId& intf, const VrfName& vrf) {
    Status& status = *in_.status;
    const uint8_t op = pkt.bytes() ? pkt.data()[0] : 0;
+   if (MessageTrace::on())
+      msgTrace_.arrivedIs(intf, vrf, op == bootReply ? srcIp : IpAddr());
 
    // Our own broadcast on a link comes back to our socket on that link.
    const IntfId* owner = lookup_.find(vrf.str(), srcIp);
    if (owner && *owner == intf) {
       TRACE(7, " dropping packet received from",
             " the interface that sent it. Packet IP SA=", srcIp, " interface=", intf);
-      pktDropped(status, op, intf, DropReason::ownEcho);
+      doDropped(op, intf, DropReason::ownEcho);
       return;
    }
    std::optional<DhcpHdr> hdr = DhcpHdr::of(pkt);
    if (!hdr) {
       TRACE(5, " packet of ", pkt.bytes(), " bytes is shorter than the DHCP header on ", intf,
             ". Dropping packet.");
-      pktDropped(status, op, intf, DropReason::tooShort);
+      doDropped(op, intf, DropReason::tooShort);
       return;
    }
+   if (MessageTrace::on())
+      msgTrace_.messageIs(getDhcpMsgType(pkt, 0), hdr->chaddr(), hdr->xid());
    if (hdr->hops() > kHopsMax) {
       TRACE(5, " hops greater than.", kHopsMax, ". Dropping packet.");
-      pktDropped(status, op, intf, DropReason::hopLimit);
+      doDropped(op, intf, DropReason::hopLimit);
       return;
    }
    DhcpVrfSm* sm = dhcpVrfSm(vrf);
    if (!sm) {
       TRACE(5, " No vrfSm for vrf ", vrf, ". Dropping packet.");
-      pktDropped(status, op, intf, DropReason::noVrfSocket);
+      doDropped(op, intf, DropReason::noVrfSocket);
       return;
    }
    switch (op) {
@@ -301,6 +306,7 @@ void DhcpRelaySm::doProcessPacket(Platform::Pkt& pkt, IpAddr srcIp, IpAddr dstIp
       default:
          TRACE(5, " unknown bootp op.", " Dropping packet.");
          status.dropsInc(DropReason::unknownOp);
+         msgTrace_.dropped(DropReason::unknownOp);
          return;
    }
 }

@@ -24,6 +24,7 @@
 #include "platform/store/StateStore.h"
 #include "relay/DhcpPamFactory.h"
 #include "relay/IntfLookupTable.h"
+#include "relay/MessageTrace.h"
 #include "relay/RelayVrfSet.h"
 #include "relay4/ClientBindings.h"
 #include "relay4/DhcpPacketSink.h"
@@ -178,6 +179,9 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    bool doSourceIntf(RequestContext& ctx, const VrfIpSrcIntfSrcIp& server, CopyPlan& plan);
    bool doApplyOption(RequestContext& ctx, const OptionPlan& option);
    void doDrop(const RequestContext& ctx, DropReason reason);
+   // Every drop of a message the relay handles: counted by reason, and one line for an
+   // operator following clients.
+   void doDropped(uint8_t op, const Platform::IntfId& intf, DropReason reason);
 
    // --- replies (ReplyPath.cpp)
    // Takes out of the reply the option 82 the relay put in, or the relay's own sub-options
@@ -202,6 +206,7 @@ class DhcpRelaySm : public DhcpPacketSink, private RelayVrfSet::Owner {
    Inputs in_;
    bool initialized_ = false;
    IntfLookupTable lookup_;
+   MessageTrace msgTrace_;
    RelayVrfSet vrfs_;
    std::optional<ClientBindings> bindings_;
    // Outputs of parseInfoOpt, kept so that their capacity is reused from reply to reply.

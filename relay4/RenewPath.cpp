@@ -19,7 +19,7 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
    Ptr<IntfConfig> config = in_.config->intfConfig(intf);
    if (!config) {
       TRACE(5, " received DHCPRENEW packets on", intf, " non-configured interface. Dropping it.");
-      pktDropped(status, bootRequest, intf, DropReason::notConfigured);
+      doDropped(bootRequest, intf, DropReason::notConfigured);
       return;
    }
    PLATFORM_ASSERT(in_.clientContext, "sm->dhcpClientContext()");
@@ -27,12 +27,12 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
    if (!binding) {
       TRACE(5, " No existing client context, ", "Dropping unicast DHCPRENEW request for client ",
             hdr.chaddr());
-      pktDropped(status, bootRequest, intf, DropReason::noClientBinding);
+      doDropped(bootRequest, intf, DropReason::noClientBinding);
       return;
    }
    if (!in_.ipStatus->ipIntfStatus(intf)) {
       TRACE(5, " No ip intf status found for interface ", intf);
-      pktDropped(status, bootRequest, intf, DropReason::noIpStatus);
+      doDropped(bootRequest, intf, DropReason::noIpStatus);
       return;
    }
    const IpAddr ingress =
@@ -47,7 +47,7 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
          case InfoOptionPolicy::drop:
             TRACE(5, " dropping request with relay agent information from an untrusted first ",
                   "hop on ", intf);
-            pktDropped(status, bootRequest, intf, DropReason::option82Untrusted);
+            doDropped(bootRequest, intf, DropReason::option82Untrusted);
             return;
          case InfoOptionPolicy::keep:
             edited = mergeInfoOpt(pkt, vrfName, ingress, binding->activeSubnet, 0);
@@ -67,7 +67,7 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
    if (!edited) {
       TRACE(5, " Packet manipulation error for DHCPRENEW request ", "on interface ", intf,
             ". Dropping it.");
-      pktDropped(status, bootRequest, intf, DropReason::option82EditFailed);
+      doDropped(bootRequest, intf, DropReason::option82EditFailed);
       return;
    }
    hdr.hopsInc();
@@ -75,7 +75,7 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
    if (!serverSm || !serverSm->udpPam() || !binding->serverVrfIp.addr.isV4() ||
        !binding->egressVrfIp.addr.isV4()) {
       TRACE(5, " No existing VrfSm for vrf ", binding->serverVrfIp.vrf, ". Dropping pkt.");
-      pktDropped(status, bootRequest, intf, DropReason::noServerSocket);
+      doDropped(bootRequest, intf, DropReason::noServerSocket);
       return;
    }
    // The server answers to giaddr (RFC 2131 section 4.1); only the relay's address in the
@@ -86,10 +86,12 @@ void DhcpRelaySm::handleRenew(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& 
    udp.txPortIs(DhcpVrfSm::kServerPort);
    udp.txSrcAddrIs(binding->egressVrfIp.addr);
    if (!udp.send(pkt)) {
-      pktDropped(status, bootRequest, intf, DropReason::sendFailed);
+      doDropped(bootRequest, intf, DropReason::sendFailed);
       return;
    }
    TRACE(5, " relaying DHCP request packet to ", binding->serverVrfIp.addr);
+   msgTrace_.line("renewal relayed to ", binding->serverVrfIp.addr, " vrf ",
+                  binding->serverVrfIp.vrf);
    pktForwarded(status, bootRequest, intf);
 }
 

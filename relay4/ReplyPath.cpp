@@ -61,7 +61,7 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    const IpAddr giaddr = hdr.giaddr();
    if (giaddr.isZero()) {
       TRACE(5, " giaddr is zero on reply packet. Dropping packet.");
-      pktDropped(status, bootReply, IntfId(), DropReason::zeroGiaddr);
+      doDropped(bootReply, IntfId(), DropReason::zeroGiaddr);
       return;
    }
    IpAddr serverIdOverride, linkSelection;
@@ -76,26 +76,26 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
       if (!clientIntfFound) {
          TRACE(5, " no interface associated with server identifier override ", serverIdOverride,
                " in vrf ", named, ". Dropping packet.");
-         pktDropped(status, bootReply, IntfId(), DropReason::unknownOverride);
+         doDropped(bootReply, IntfId(), DropReason::unknownOverride);
          return;
       }
       if (!ownAddress(sm, giaddr)) {
          TRACE(5, " giaddr ", giaddr, " is no address of this relay in vrf ", vrf,
                ". Dropping packet.");
-         pktDropped(status, bootReply, *clientIntfFound, DropReason::giaddrNotOwn);
+         doDropped(bootReply, *clientIntfFound, DropReason::giaddrNotOwn);
          return;
       }
       if (!isServerOf(*clientIntfFound, vrf, srcIp)) {
          TRACE(5, " reply from ", srcIp, " in vrf ", vrf, " is from no server of ",
                *clientIntfFound, ". Dropping packet.");
-         pktDropped(status, bootReply, *clientIntfFound, DropReason::unknownServer);
+         doDropped(bootReply, *clientIntfFound, DropReason::unknownServer);
          return;
       }
    } else {
       clientIntfFound = lookup_.find(vrf.str(), giaddr);
       if (!clientIntfFound) {
          TRACE(5, " no interface associated with giaddr=", giaddr, ". Dropping packet.");
-         pktDropped(status, bootReply, IntfId(), DropReason::unknownGiaddr);
+         doDropped(bootReply, IntfId(), DropReason::unknownGiaddr);
          return;
       }
    }
@@ -104,20 +104,20 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    TRACE(5, " received ", msgType, " from ", srcIp, " on Vrf ", vrf);
    if (!parsed) {
       TRACE(5, "Could not parse Dhcp packet for Option-82 ", "information");
-      pktDropped(status, bootReply, clientIntf, DropReason::option82Malformed);
+      doDropped(bootReply, clientIntf, DropReason::option82Malformed);
       return;
    }
    // A VRF name without the override: a cross-VRF reply that lost what finds its client.
    if (!located && !replyVrfName_.empty()) {
       TRACE(5, "Did not receive server-id override suboption.");
-      pktDropped(status, bootReply, clientIntf, DropReason::noServerIdOverride);
+      doDropped(bootReply, clientIntf, DropReason::noServerIdOverride);
       return;
    }
    // The client must keep talking to the relay, which alone reaches its server from the
    // client's link (RFC 5107 section 4).
    if (located && !setServerId(pkt, serverIdOverride)) {
       TRACE(5, "Could not override server identifier option.");
-      pktDropped(status, bootReply, clientIntf, DropReason::serverIdRewriteFailed);
+      doDropped(bootReply, clientIntf, DropReason::serverIdRewriteFailed);
       return;
    }
    Ptr<IntfConfig> config = in_.config->intfConfig(clientIntf);
@@ -125,14 +125,14 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    const VrfName* clientVrfOf = rowsVrf(clientIntf);
    if (!config || !clientVrfOf) {
       TRACE(5, " receiving DHCP reply ", "packets for non-configured interface. Dropping it.");
-      pktDropped(status, bootReply, clientIntf, DropReason::notConfigured);
+      doDropped(bootReply, clientIntf, DropReason::notConfigured);
       return;
    }
    const VrfName& clientVrf = *clientVrfOf;
    DhcpVrfSm* clientSm = clientVrf == vrf ? &sm : dhcpVrfSm(clientVrf);
    if (!clientSm || !clientSm->rawTxPam()) {
       TRACE(5, " No vrfSm for vrf ", clientVrf);
-      pktDropped(status, bootReply, clientIntf, DropReason::noVrfSocket);
+      doDropped(bootReply, clientIntf, DropReason::noVrfSocket);
       return;
    }
    TRACE(7, "  devicename ", in_.deviceIntfStatusDir->deviceOf(clientIntf));
@@ -140,14 +140,14 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    if (!device) {
       TRACE(5, "Could not get kernel interface for devicename ",
             in_.deviceIntfStatusDir->deviceOf(clientIntf));
-      pktDropped(status, bootReply, clientIntf, DropReason::noKernelDevice);
+      doDropped(bootReply, clientIntf, DropReason::noKernelDevice);
       return;
    }
    TRACE(7, " for device ", device->deviceName(), " devifIndex ", device->ifindex());
    // What the relay added on the way in comes out on the way back (RFC 3046 section 2.2).
    if (!doStripOwnOption(pkt, *config, clientIntf, located || !linkSelection.isZero())) {
       TRACE(5, " could not remove the relay agent information option. Dropping packet.");
-      pktDropped(status, bootReply, clientIntf, DropReason::option82EditFailed);
+      doDropped(bootReply, clientIntf, DropReason::option82EditFailed);
       return;
    }
    const IpAddr clientSideAddr = located ? serverIdOverride : giaddr;
@@ -161,7 +161,7 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
    // Read before the frame is built around the message.
    const std::optional<uint32_t> leaseTime = getLeaseTime(pkt);
    if (!buildReplyPkt(pkt, device->mac(), clientSideAddr)) {
-      pktDropped(status, bootReply, clientIntf, DropReason::frameBuildFailed);
+      doDropped(bootReply, clientIntf, DropReason::frameBuildFailed);
       return;
    }
    // The client renews by unicast to the override address, which is the relay's: it needs
@@ -176,10 +176,11 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
       bindings_->bindingDel(chaddr);
    }
    if (!clientSm->rawTxPam()->send(device->ifindex(), pkt)) {
-      pktDropped(status, bootReply, clientIntf, DropReason::sendFailed);
+      doDropped(bootReply, clientIntf, DropReason::sendFailed);
       return;
    }
    TRACE(5, " sending DHCP reply packet", "through interface ", clientIntf);
+   msgTrace_.line("delivered on ", clientIntf, " vrf ", clientVrf);
    pktForwarded(status, bootReply, clientIntf);
 }
 

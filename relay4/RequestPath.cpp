@@ -85,7 +85,12 @@ struct DhcpRelaySm::CopyPlan {
 };
 
 void DhcpRelaySm::doDrop(const RequestContext& ctx, DropReason reason) {
-   pktDropped(*in_.status, bootRequest, ctx.intf, reason);
+   doDropped(bootRequest, ctx.intf, reason);
+}
+
+void DhcpRelaySm::doDropped(uint8_t op, const IntfId& intf, DropReason reason) {
+   pktDropped(*in_.status, op, intf, reason);
+   msgTrace_.dropped(reason);
 }
 
 void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr srcIp,
@@ -113,10 +118,11 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
       }
       hdr.hopsInc();
       if (!sm.udpPam() || !sendTo(*sm.udpPam(), IpAddr(), dstIp, pkt)) {
-         pktDropped(status, bootRequest, intf, DropReason::sendFailed);
+         doDropped(bootRequest, intf, DropReason::sendFailed);
          return;
       }
       TRACE(5, " forward previously relayed packet to ", dstIp);
+      msgTrace_.line("forwarded to ", dstIp);
       pktForwarded(status, bootRequest, intf);
       return;
    }
@@ -124,7 +130,7 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
       TRACE(6, " Ignore MBZ (must be zero) bits in flags field not zero");
    if (ownGiaddr) {
       TRACE(5, " dropping request packet already handled ", "( giaddr=", giaddr, " ) on ", intf);
-      pktDropped(status, bootRequest, intf, DropReason::alreadyRelayed);
+      doDropped(bootRequest, intf, DropReason::alreadyRelayed);
       return;
    }
    TRACE(6, " request op is: ", hdr.bootpOp());
@@ -165,26 +171,25 @@ bool DhcpRelaySm::doFirstHopOption(RequestContext& ctx) {
 }
 
 void DhcpRelaySm::handleRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const IntfId& intf) {
-   Status& status = *in_.status;
    Ptr<IntfConfig> config = in_.config->intfConfig(intf);
    KelDrIntfConfig* reactor = kelDrIntfConfig(intf);
    if (!config || !reactor) {
       TRACE(5, " receiving DHCP request packets on", intf,
             " non-configured interface. Dropping it.");
-      pktDropped(status, bootRequest, intf, DropReason::notConfigured);
+      doDropped(bootRequest, intf, DropReason::notConfigured);
       return;
    }
    Ptr<Ip::IpIntfStatus> intfStatus = in_.ipStatus->ipIntfStatus(intf);
    if (!intfStatus) {
       TRACE(5, " No ip intf status found for interface ", intf);
-      pktDropped(status, bootRequest, intf, DropReason::noIpStatus);
+      doDropped(bootRequest, intf, DropReason::noIpStatus);
       return;
    }
    // Before smart relay: it has nothing to choose from on an interface without an address.
    Platform::IpAddrWithMask gateway = intfStatus->activeAddrWithMask();
    if (gateway.address().isZero()) {
       TRACE(5, " No valid IP address found on client interface ( ", intf, " ). Dropping packet");
-      pktDropped(status, bootRequest, intf, DropReason::noAddress);
+      doDropped(bootRequest, intf, DropReason::noAddress);
       return;
    }
    // Without a secondary address smart relay has nowhere to move a client: the interface
@@ -248,7 +253,7 @@ void DhcpRelaySm::handleRelayedRequest(DhcpVrfSm&, DhcpHdr& hdr, Pkt& pkt, const
    if (!config || !intfStatus) {
       TRACE(5, " receiving DHCP request packets on", intf,
             " non-configured interface. Dropping it.");
-      pktDropped(*in_.status, bootRequest, intf, DropReason::notConfigured);
+      doDropped(bootRequest, intf, DropReason::notConfigured);
       return;
    }
    TRACE(5, " request relayed by ", hdr.giaddr(), " to this relay on ", intf,
@@ -440,6 +445,8 @@ bool DhcpRelaySm::doSendCopy(RequestContext& ctx, const CopyPlan& plan, bool& ab
    else
       TRACE(5, " relaying DHCP request packet to vrfSm udpPam ", plan.server, " from ",
             plan.giaddr);
+   msgTrace_.line("relayed to ", plan.server, " vrf ", plan.via->vrfName(), " giaddr ",
+                  plan.giaddr);
    pktForwarded(*in_.status, bootRequest, ctx.intf);
    return true;
 }

@@ -60,8 +60,24 @@ std::vector<std::string> ConfigFrontEnd::load() {
    applyConfig(parsed.document, targets_, &document_);
    document_ = std::move(parsed.document);
    doApplyVlanMembership();
-   TRACE(1, " configuration loaded from ", path_);
+   // What the operator configured, in one line at every reload (and at start, once the
+   // trace is up).
+   TRACE(1, " configuration loaded from ", path_, ": ", summary());
    return {};
+}
+
+std::string ConfigFrontEnd::summary() const {
+   size_t relaying = 0, servers = 0, servers6 = 0;
+   for (const auto& [intf, cfg] : document_.interfaces) {
+      relaying += !cfg.servers.empty() || !cfg.serversV6.empty();
+      servers += cfg.servers.size();
+      servers6 += cfg.serversV6.size();
+   }
+   return std::to_string(relaying) + " of " + std::to_string(document_.interfaces.size()) +
+          " interfaces relay, to " + std::to_string(servers) + " DHCPv4 and " +
+          std::to_string(servers6) + " DHCPv6 server entries; " +
+          std::to_string(document_.vrfs.size() + 1) + " VRFs; snooping " +
+          (document_.snooping.enabled ? "on" : "off");
 }
 
 void ConfigFrontEnd::doApplyVlanMembership() {

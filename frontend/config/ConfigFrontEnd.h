@@ -33,6 +33,8 @@ class ConfigFrontEnd {
    const std::vector<std::string>& fileWarnings() const { return fileWarnings_; }
 
    const std::string& path() const { return path_; }
+   // One line on what the configuration in force does, for the operator's log.
+   std::string summary() const;
    const ConfigDocument& document() const { return document_; }
    const Targets& targets() const { return targets_; }
    const Platform::Ptr<Ip::Helper::DhcpRelay::CounterConfig>& counterConfig() const {

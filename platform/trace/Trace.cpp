@@ -23,10 +23,11 @@ namespace Platform {
 namespace {
 
 constexpr int kDefaultTextLevel = 1;
-// Operators look for the agent's files under /var/log; /tmp works on any host, including a
-// container without that directory or an agent that lacks the rights to it.
+constexpr int kOperatorLevel = 1;
+// Operators look for the agent's files under /var/log. Without that directory (or the right
+// to write there) and without BLIPJETDIR there is no ring: a 16 MiB file per run left in
+// /tmp by every test and every hand-started agent would fill it.
 constexpr std::string_view kRingDir = "/var/log/dhcp-relay";
-constexpr std::string_view kFallbackRingDir = "/tmp";
 
 struct State {
    std::unique_ptr<TraceRingWriter> ring;
@@ -39,6 +40,7 @@ struct State {
    TraceCapture* capture = nullptr;
    // Reused for every line so formatting stops allocating once they have grown.
    std::string line;
+   std::string taggedLine;
    std::string textLine;
 
    // A TRACE from a destructor running after this one must find no sink.
@@ -79,16 +81,31 @@ std::optional<int> parseLevel(std::string_view text) {
    return level;
 }
 
+// Empty when there is nowhere to put the ring. The previous run's file is renamed
+// "<name>.prev" when the ring is created, so a crashed run's trace survives one restart.
 std::string ringFilePath(const std::string& agentName) {
-   if (const char* dir = environment("BLIPJETDIR")) {
-      std::string path(dir);
-      while (path.size() > 1 && path.back() == '/')
-         path.pop_back();
-      return path + "/" + agentName + ".bj";
-   }
-   const std::string_view dir =
-       ::access(std::string(kRingDir).c_str(), W_OK | X_OK) == 0 ? kRingDir : kFallbackRingDir;
-   return std::string(dir) + "/" + agentName + "-" + std::to_string(::getpid()) + ".bj";
+   std::string dir;
+   if (const char* configured = environment("BLIPJETDIR"))
+      dir = configured;
+   else if (::access(std::string(kRingDir).c_str(), W_OK | X_OK) == 0)
+      dir = kRingDir;
+   else
+      return {};
+   while (dir.size() > 1 && dir.back() == '/')
+      dir.pop_back();
+   return dir + "/" + agentName + ".bj";
+}
+
+// The file a text line at an operator's level names instead of the C++ signature: the
+// directory of the source file ("relay4", "config", "kernel").
+std::string_view subsystemOf(const char* file) {
+   const std::string_view path(file);
+   const size_t slash = path.rfind('/');
+   if (slash == std::string_view::npos || slash == 0)
+      return "agent";
+   const size_t start = path.rfind('/', slash - 1);
+   return path.substr(start == std::string_view::npos ? 0 : start + 1,
+                      slash - (start == std::string_view::npos ? 0 : start + 1));
 }
 
 int64_t realtimeNs() {
@@ -171,6 +188,8 @@ void openRing(const std::string& agentName, std::vector<std::string>& warnings) 
       }
    }
    const std::string path = ringFilePath(agentName);
+   if (path.empty())
+      return;
    std::string error;
    state().ring = TraceRingWriter::create(path, size, agentName, error);
    if (state().ring) {
@@ -196,7 +215,7 @@ void Trace::init(const std::string& agentName) {
             "; ring file ", state().ringPath, " keeps levels 0-", state().ringLevel);
    } else {
       TRACE(1, "text trace to ", state().textTarget, " keeps levels 0-", state().textLevel,
-            "; no ring file");
+            "; no ring file (set BLIPJETDIR or create ", kRingDir, " for one)");
    }
 }
 
@@ -207,6 +226,18 @@ void Trace::shutdown() {
    state().textFd = -1;
    state().textFile.reset();
    state().textLevel = -1;
+   updateKeptLevel();
+}
+
+int Trace::textLevel() {
+   return state().textLevel;
+}
+
+void Trace::textLevelIs(int level) {
+   PLATFORM_ASSERT(level >= -1 && level <= kTraceLevelMax, "text trace level outside -1..9");
+   if (state().textFd < 0)
+      return;
+   state().textLevel = level;
    updateKeptLevel();
 }
 
@@ -225,12 +256,28 @@ void Trace::emit(TraceSite& site, int level, std::initializer_list<TraceArg> pie
    if (toText || state().capture) {
       std::string& line = state().line;
       line.clear();
-      if (site.withSignature)
+      size_t textStart = 0;
+      if (site.withSignature) {
          line += site.function;
+         textStart = line.size();
+      }
       for (const TraceArg& piece : pieces)
          TraceText::appendPiece(line, piece);
-      if (toText)
-         writeText(level, line);
+      if (toText) {
+         // Errors and warnings are read by operators: a short tag says where they come from.
+         // The detail levels, the ring and captures keep the signature for developers.
+         if (site.withSignature && level <= kOperatorLevel) {
+            std::string& tagged = state().taggedLine;
+            tagged.assign("[").append(subsystemOf(site.file)).append("] ");
+            std::string_view text = std::string_view(line).substr(textStart);
+            while (!text.empty() && text.front() == ' ')
+               text.remove_prefix(1);
+            tagged.append(text);
+            writeText(level, tagged);
+         } else {
+            writeText(level, line);
+         }
+      }
       if (state().capture) {
          state().capture->lines_.push_back(line);
          state().capture->levels_.push_back(level);

@@ -8,8 +8,10 @@
 // 8-9 per-packet detail.
 //
 //   TRACE(5, "relayed ", size, " bytes to ", serverAddress);
-// writes "void Ip::Helper::DhcpRelay::...::doRelay()relayed 300 bytes to 10.0.0.1". TRACE_PLAIN
-// leaves the signature out. Pieces: strings, bool, integers (int8_t/uint8_t as numbers, char as a
+// writes "void Ip::Helper::DhcpRelay::...::doRelay()relayed 300 bytes to 10.0.0.1" to the ring, a
+// capture and the text sink at levels 2-9; at levels 0-1 the text sink, read by operators, writes
+// "[relay4] relayed 300 bytes to 10.0.0.1" (the source file's directory). TRACE_PLAIN leaves the
+// signature out. Pieces: strings, bool, integers (int8_t/uint8_t as numbers, char as a
 // character), floating point (shortest form that reads back the same), enums (as their number)
 // and any type with `std::string toString() const` or a `toString(value)` found by lookup.
 // Control characters in text print as "\xHH", so one line stays one line.
@@ -24,10 +26,9 @@
 //   DHCP_RELAY_TRACE_FILE  text goes to this file (appended) instead of stderr.
 //   BLIPJET_DISABLE        set to anything: no ring file.
 //   BLIPJETDIR             directory of the ring file, named "<agent>.bj". When unset the file is
-//                          "<agent>-<pid>.bj" in /var/log/dhcp-relay if that directory is writable,
-//                          else in /tmp: the pid keeps the files of successive runs apart, so the
-//                          trace of a crashed run is still there after a restart. A file already
-//                          at the path is renamed "<name>.prev" for the same reason.
+//                          in /var/log/dhcp-relay if that directory is writable, else there is
+//                          none. A file already at the path is renamed "<name>.prev", so the
+//                          trace of a crashed run is still there after a restart.
 //   BLIPJETSIZE            ring file size in bytes (default 16 MiB; 64 KiB to 4 GiB).
 //   BLIPJETLEVEL           ring level, 0..9 (default 9: the ring keeps everything).
 
@@ -75,6 +76,11 @@ inline bool keeps(int level) {
 // a TraceCapture sees lines.
 void init(const std::string& agentName);
 void shutdown();
+
+// The text sink's level (-1: off), changed at run time by an operator without a restart.
+// Without an open text sink (before init) the change is ignored.
+int textLevel();
+void textLevelIs(int level);
 
 // Path of the ring file, empty when there is none.
 const std::string& ringPath();

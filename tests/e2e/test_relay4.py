@@ -1,6 +1,8 @@
 """DHCPv4 relayed by the agent between a real ISC dhclient and real ISC dhcpd servers,
 in the lab's namespaces (see tools/lab/lab.py)."""
 
+import json
+import re
 from dataclasses import dataclass
 
 import pytest
@@ -30,8 +32,16 @@ def test_same_vrf_relay_to_two_servers(lab, tmp_path):  # noqa: F811
     a = start_agent(lab, tmp_path, servers=[{"address": "198.51.100.2"},
                                             {"address": "198.51.100.3"}])
     try:
+        # An operator follows clients from now on, without a restart.
+        assert a.ctl("trace", "5").stdout == "Text trace keeps levels 0-5.\n"
         lease = lab.dhclient(timeout=20)
         assert lease is not None, a.log_text()
+        mac = json.loads(lab.ip("client", "-j", "link", "show", L.CLIENT_DEV).stdout)[0]["address"]
+        for line in (rf"DHCPDISCOVER {mac} xid 0x[0-9a-f]{{8}} on Ethernet1 vrf default: "
+                     r"relayed to 198\.51\.100\.3 vrf default giaddr 192\.0\.2\.1$",
+                     rf"DHCPACK {mac} xid 0x[0-9a-f]{{8}} from 198\.51\.100\.\d on Ethernet2 vrf default: "
+                     r"delivered on Ethernet1 vrf default$"):
+            assert re.search(line, a.log_text(), re.M), line
         assert lease.ip.startswith(CLIENT_RANGE)
         for d in (server, server2):
             discovers = [s for s in d.seen() if s.msg_type == DHCPDISCOVER]
@@ -89,6 +99,7 @@ def test_option_82_up_to_the_server_and_back(lab, tmp_path, case):  # noqa: F811
         lab.split_red_vrf()
     d = lab.start_dhcpd("red" if servers else "server", extra=NO_PING)
     a = start_agent(lab, tmp_path, information_option=True, **case.settings)
+    a.ctl("trace", "5")
     try:
         with lab.capture("client", L.CLIENT_DEV) as cap:
             lease = lab.dhclient(timeout=10 if case.server else 3)
@@ -99,6 +110,7 @@ def test_option_82_up_to_the_server_and_back(lab, tmp_path, case):  # noqa: F811
             untrusted = shown["counters"]["totalRequestsReceived"]
             assert untrusted and {k: n for k, n in shown["drops"].items() if n} == \
                 {"option82Untrusted": untrusted}, shown
+            assert ": dropped (option82Untrusted)" in a.log_text()
             return
         assert lease is not None, (a.log_text(), d.log_text())
         seen = d.seen()

@@ -157,7 +157,7 @@ TEST(ActiveVrfCountTest, ADecrementWithoutItsIncrementStopsTheAgent) {
           Platform::Trace::init("test");
           activeVrfDec(*active, VrfName("red"));
        },
-       "activeVrfDec\\(.*\\) Fail to remove red from activeVrfDir: \n(.|\n)*assertion failed");
+       "\\[servers\\] Fail to remove red from activeVrfDir: \n(.|\n)*assertion failed");
 }
 
 }  // namespace

@@ -344,6 +344,12 @@ std::string renderReload(const json& data) {
    return out;
 }
 
+std::string renderTrace(const json& data) {
+   const int level = data.at("level").get<int>();
+   return level < 0 ? "Text trace is off.\n"
+                    : "Text trace keeps levels 0-" + std::to_string(level) + ".\n";
+}
+
 std::string renderCleared(const json& data) {
    const std::string what = data.value("cleared", "all");
    return what == "all" ? "Relay counters cleared.\n" : "Relay counters of " + what + " cleared.\n";

@@ -17,5 +17,6 @@ std::string renderStatus(const nlohmann::json& data);
 std::string renderDrops(const nlohmann::json& data);
 std::string renderReload(const nlohmann::json& data);
 std::string renderCleared(const nlohmann::json& data);
+std::string renderTrace(const nlohmann::json& data);
 
 }  // namespace Ctl

@@ -80,6 +80,16 @@ int main(int argc, char** argv) {
          cmd.request["interface"] = counterIntf;
       cmd.render = Ctl::renderCleared;
    });
+   std::string traceLevel;
+   CLI::App* trace = app.add_subcommand(
+       "trace", "show or set the text trace level at run time (0-9, off, all; 5: every message)");
+   trace->add_option("level", traceLevel, "new level");
+   trace->callback([&cmd, &traceLevel] {
+      cmd.request = {{"cmd", "trace"}};
+      if (!traceLevel.empty())
+         cmd.request["level"] = traceLevel;
+      cmd.render = Ctl::renderTrace;
+   });
    app.add_subcommand("reload", "re-read the configuration file and apply it")->callback([&cmd] {
       cmd.request = {{"cmd", "reload"}};
       cmd.render = Ctl::renderReload;

@@ -304,14 +304,13 @@ TEST_F(TraceTest, RingFileNaming) {
    EXPECT_EQ(std::vector(second.end() - 2, second.end()),
              (std::vector<std::string>{"other site first", "plain 7"}));
 
-   ::unsetenv("BLIPJETDIR");
-   Trace::init("Agent");
-   const std::string path = Trace::ringPath();
-   Trace::shutdown();
-   const std::string name = "/Agent-" + std::to_string(::getpid()) + ".bj";
-   EXPECT_TRUE(path == "/var/log/dhcp-relay" + name || path == "/tmp" + name) << path;
-   EXPECT_TRUE(std::filesystem::exists(path));
-   std::filesystem::remove(path);
+   // Without a directory for it there is no ring: runs must not leave files in /tmp.
+   if (!std::filesystem::exists("/var/log/dhcp-relay")) {
+      ::unsetenv("BLIPJETDIR");
+      Trace::init("Agent");
+      EXPECT_EQ(Trace::ringPath(), "");
+      Trace::shutdown();
+   }
 }
 
 TEST_F(TraceTest, WrappedRingKeepsTheNewestRecordsInOrder) {
