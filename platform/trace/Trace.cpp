@@ -25,7 +25,7 @@ namespace {
 constexpr int kDefaultTextLevel = 1;
 // Operators look for the agent's files under /var/log; /tmp works on any host, including a
 // container without that directory or an agent that lacks the rights to it.
-constexpr std::string_view kRingDir = "/var/log/dhcp-relay";
+constexpr std::string_view kRingDir = "/var/log/dhcp-relay-agent";
 constexpr std::string_view kFallbackRingDir = "/tmp";
 
 struct State {

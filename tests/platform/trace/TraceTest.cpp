@@ -309,7 +309,7 @@ TEST_F(TraceTest, RingFileNaming) {
    const std::string path = Trace::ringPath();
    Trace::shutdown();
    const std::string name = "/Agent-" + std::to_string(::getpid()) + ".bj";
-   EXPECT_TRUE(path == "/var/log/dhcp-relay" + name || path == "/tmp" + name) << path;
+   EXPECT_TRUE(path == "/var/log/dhcp-relay-agent" + name || path == "/tmp" + name) << path;
    EXPECT_TRUE(std::filesystem::exists(path));
    std::filesystem::remove(path);
 }
