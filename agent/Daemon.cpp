@@ -1,5 +1,8 @@
 #include "agent/Daemon.h"
 
+#include <systemd/sd-daemon.h>
+#include <time.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -13,6 +16,7 @@ Daemon::Daemon(const DaemonOptions& options)
     : options_(options),
       wheel_(monotonic_, utc_),
       loop_(wheel_),
+      readyTimer_(wheel_, [this] { doCheckReady(); }),
       store_([this](std::function<void()> fn) { loop_.post(std::move(fn)); }),
       config_(store_, options.configPath),
       server_(loop_, options.socketPath),
@@ -55,19 +59,54 @@ int Daemon::run() {
    kernel_ = std::make_unique<Frontend::KernelFrontEnd>(loop_, store_);
    store_.frontEndReady(Frontend::ConfigFrontEnd::kName);
 
-   loop_.onSignal(SIGTERM, [this] { loop_.stop(); });
-   loop_.onSignal(SIGINT, [this] { loop_.stop(); });
+   auto stop = [this] {
+      sd_notify(0, "STOPPING=1");
+      loop_.stop();
+   };
+   loop_.onSignal(SIGTERM, stop);
+   loop_.onSignal(SIGINT, stop);
    loop_.onSignal(SIGHUP, [this] { doReload(); });
+   doCheckReady();
    loop_.run();
    TRACE(1, " stopping");
    return 0;
 }
 
 std::vector<std::string> Daemon::doReload() {
+   // systemd holds `systemctl reload` until READY=1 follows; the time stamp tells this
+   // reload from an earlier one. Before the agent is ready there is nothing to hold.
+   if (ready_) {
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%llu",
+                 static_cast<unsigned long long>(now.tv_sec) * 1'000'000ULL +
+                     static_cast<unsigned long long>(now.tv_nsec) / 1'000ULL);
+   }
    std::vector<std::string> errors = config_.load();
    if (errors.empty())
       TRACE(1, " configuration reloaded from ", config_.path());
+   // A refused file leaves the running configuration in force: the agent is as ready as
+   // before, and the refusal reaches the operator through dhcp-relay-ctl's exit status.
+   if (ready_)
+      sd_notify(0, "READY=1");
    return errors;
+}
+
+bool Daemon::agentReady() const {
+   const auto* agent = dynamic_cast<const Agent*>(agent_.get());
+   return server_.listening() && agent && agent->objectGraphBuilt();
+}
+
+void Daemon::doCheckReady() {
+   if (ready_)
+      return;
+   if (!agentReady()) {
+      readyTimer_.armIn(kReadyPollSeconds);
+      return;
+   }
+   ready_ = true;
+   TRACE(2, " ready");
+   sd_notify(0, "READY=1");
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -32,11 +32,19 @@ class Daemon {
 
    // Runs until SIGTERM or SIGINT; SIGHUP reloads the configuration file. Returns
    // the process exit code: 0 after a clean stop, 1 when the configuration or the
-   // control socket keeps the agent from starting.
+   // control socket keeps the agent from starting. Under systemd (Type=notify) it
+   // reports READY=1 once started, RELOADING=1 and READY=1 around a reload, and
+   // STOPPING=1 when told to stop.
    int run();
 
  private:
    std::vector<std::string> doReload();
+   // Tells systemd the agent is ready the first time it is: the control socket listens
+   // and the agent's object graph is built. Until then it looks again shortly.
+   void doCheckReady();
+   bool agentReady() const;
+
+   static constexpr double kReadyPollSeconds = 0.02;
 
    DaemonOptions options_;
    Platform::Fd namespaceClaim_;
@@ -44,6 +52,8 @@ class Daemon {
    Platform::UtcClock utc_;
    Platform::TimerWheel wheel_;
    Platform::EventLoop loop_;
+   Platform::Timer readyTimer_;
+   bool ready_ = false;
    Platform::StateStore store_;
    Frontend::ConfigFrontEnd config_;
    std::unique_ptr<Frontend::KernelFrontEnd> kernel_;

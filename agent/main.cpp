@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
    app.add_option("--config", options.configPath, "configuration file (YAML)")->required();
    app.add_option("--socket", options.socketPath, "control socket path")->capture_default_str();
    app.add_flag("--check", check, "validate the configuration file, print what is wrong or \"ok\"");
+   app.set_version_flag("--version", "dhcp-relay-agent " DHCP_RELAY_VERSION);
    CLI11_PARSE(app, argc, argv);
 
    if (check) {

@@ -11,7 +11,9 @@ packages=(
    # build
    cmake ninja-build g++ ccache pkg-config clang-format
    libyaml-dev libfmt-dev nlohmann-json3-dev libcli11-dev libmnl-dev libc-ares-dev
-   libgtest-dev libgmock-dev libbenchmark-dev
+   libgtest-dev libgmock-dev libbenchmark-dev libsystemd-dev
+   # man pages, the Debian package and its unit check (scripts/test-package.sh)
+   scdoc dpkg-dev systemd
    # tests and the lab
    python3 python3-pytest iproute2 procps
    # real DHCP peers and packet tools for the namespace lab (tools/lab/lab.py)

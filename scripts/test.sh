@@ -2,7 +2,8 @@
 # Installs what is needed, builds, and runs every test: formatting, unit tests,
 # unit tests under AddressSanitizer + UndefinedBehaviorSanitizer, and the
 # end-to-end tests that start the daemon (these need root: they create network
-# namespaces and remove them again).
+# namespaces and remove them again), and the Debian package: installed, checked and
+# removed again, its service never started.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -28,3 +29,6 @@ ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_
 
 echo "== end-to-end tests"
 DHCP_RELAY_BUILD="$top/build" /usr/bin/python3 -m pytest -v -p no:cacheprovider tests/e2e
+
+echo "== package"
+bash scripts/test-package.sh build

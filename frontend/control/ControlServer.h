@@ -51,6 +51,7 @@ class ControlServer {
    void handlerIs(const std::string& cmd, Handler handler);
 
    const std::string& path() const { return path_; }
+   bool listening() const { return static_cast<bool>(listener_); }
    size_t connectionCount() const { return connections_.size(); }
 
  private:

@@ -27,7 +27,7 @@ constexpr int kOperatorLevel = 1;
 // Operators look for the agent's files under /var/log. Without that directory (or the right
 // to write there) and without BLIPJETDIR there is no ring: a 16 MiB file per run left in
 // /tmp by every test and every hand-started agent would fill it.
-constexpr std::string_view kRingDir = "/var/log/dhcp-relay";
+constexpr std::string_view kRingDir = "/var/log/dhcp-relay-agent";
 
 struct State {
    std::unique_ptr<TraceRingWriter> ring;

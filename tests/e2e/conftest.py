@@ -62,15 +62,17 @@ class Agent:
     """The daemon, run inside its own network namespace (its default VRF), so that its
     relay sockets and whatever it sends stay off the host."""
 
-    def __init__(self, tmp_path, config, namespace):
+    def __init__(self, tmp_path, config, namespace, wrap=(), env=None):
+        """`wrap` is a command line the agent runs under (it must exec the agent, so the
+        process is the agent's); `env` adds to the agent's environment."""
         self.tmp = tmp_path
         self.namespace = namespace
         self.config = Path(config)
         self.socket = tmp_path / "ctl.sock"
         self.log = tmp_path / "agent.log"
-        env = dict(os.environ, BLIPJETDIR=str(tmp_path), DHCP_RELAY_TRACE="2")
+        env = dict(os.environ, BLIPJETDIR=str(tmp_path), DHCP_RELAY_TRACE="2", **(env or {}))
         self.proc = subprocess.Popen(
-            ["ip", "netns", "exec", namespace,
+            ["ip", "netns", "exec", namespace, *map(str, wrap),
              str(AGENT), "--config", str(self.config), "--socket", str(self.socket)],
             stdout=open(self.log, "w"), stderr=subprocess.STDOUT, env=env)
         deadline = time.monotonic() + 10

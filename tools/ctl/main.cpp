@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
    app.require_subcommand(1);
    std::string socketPath = Frontend::kDefaultControlSocket;
    app.add_option("--socket", socketPath, "control socket of the agent")->capture_default_str();
+   app.set_version_flag("--version", "dhcp-relay-ctl " DHCP_RELAY_VERSION);
 
    Command cmd;
    CLI::App* show = app.add_subcommand("show", "show the agent's view of things");

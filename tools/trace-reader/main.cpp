@@ -30,7 +30,8 @@ void usage(FILE* to) {
    std::fprintf(to,
                 "usage: dhcp-relay-trace [--level N] FILE.bj\n"
                 "  Prints the trace records of FILE.bj, oldest first.\n"
-                "  --level N  only records of levels 0 to N (0..9)\n");
+                "  --level N  only records of levels 0 to N (0..9)\n"
+                "  --version  print the version\n");
 }
 
 bool parseLevel(std::string_view text, int& level) {
@@ -73,6 +74,10 @@ int main(int argc, char** argv) {
       const std::string_view arg(argv[i]);
       if (arg == "-h" || arg == "--help") {
          usage(stdout);
+         return kExitClean;
+      }
+      if (arg == "--version") {
+         std::printf("dhcp-relay-trace %s\n", DHCP_RELAY_VERSION);
          return kExitClean;
       }
       if (arg == "--level" || arg.starts_with("--level=")) {

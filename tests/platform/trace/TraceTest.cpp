@@ -305,7 +305,7 @@ TEST_F(TraceTest, RingFileNaming) {
              (std::vector<std::string>{"other site first", "plain 7"}));
 
    // Without a directory for it there is no ring: runs must not leave files in /tmp.
-   if (!std::filesystem::exists("/var/log/dhcp-relay")) {
+   if (!std::filesystem::exists("/var/log/dhcp-relay-agent")) {
       ::unsetenv("BLIPJETDIR");
       Trace::init("Agent");
       EXPECT_EQ(Trace::ringPath(), "");
