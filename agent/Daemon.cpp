@@ -8,6 +8,7 @@
 
 #include "agent/DhcpRelayAgent.h"
 #include "agent/ProcessChecks.h"
+#include "model/switch/VrfStatus.h"
 #include "platform/trace/Trace.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -92,9 +93,23 @@ std::vector<std::string> Daemon::doReload() {
    return errors;
 }
 
+// Ready once every VRF the relay needs and the kernel has (its namespace exists) has had
+// its sockets opened, or failed to (that VRF then shows its error): a VRF waiting for its
+// namespace would otherwise hold the service in "activating" for good.
 bool Daemon::agentReady() const {
    const auto* agent = dynamic_cast<const Agent*>(agent_.get());
-   return server_.listening() && agent && agent->objectGraphBuilt();
+   if (!server_.listening() || !agent || !agent->objectGraphBuilt())
+      return false;
+   const auto vrfs = store_.publishedAs<const Ip::AllVrfStatusLocal>("ip/vrf/status/local");
+   const Ptr<Status>& relay = agent->localDhcpRelayStatus();
+   if (!vrfs || !relay || !agent->activeVrfDirv4())
+      return false;
+   for (const auto& [name, count] : agent->activeVrfDirv4()->vrfCount()) {
+      const auto vrf = vrfs->vrf(name);
+      if (vrf && vrf->state() == Ip::VrfStatusLocal::State::active && !relay->vrfSocketsTried(name))
+         return false;
+   }
+   return true;
 }
 
 void Daemon::doCheckReady() {
@@ -105,7 +120,10 @@ void Daemon::doCheckReady() {
       return;
    }
    ready_ = true;
-   TRACE(2, " ready");
+   const Status& relay = *dynamic_cast<const Agent&>(*agent_).localDhcpRelayStatus();
+   TRACE(1, " ready: relay sockets open in ",
+         relay.vrfSocketsTried().size() - relay.vrfSocketError().size(), " VRFs, failed in ",
+         relay.vrfSocketError().size());
    sd_notify(0, "READY=1");
 }
 

@@ -128,11 +128,15 @@ class Status : public Platform::Entity {
       virtual void handleFailoverCopyInProgress() {}
       virtual void handleRunControl() {}
       virtual void handleVrfSocketError(const Platform::VrfName& /*vrf*/) {}
+      virtual void handleVrfSocketsTried(const Platform::VrfName& /*vrf*/) {}
    };
 
    PLATFORM_RECORDS(intfStatus, IntfStatus, Platform::IntfId, IntfStatus)
    // Why the relay's sockets of an active VRF could not be opened; no entry while they are.
    PLATFORM_VALUES(vrfSocketError, VrfSocketError, Platform::VrfName, std::string, std::string())
+   // VRFs whose relay sockets have been opened, or tried (then with a vrfSocketError): the
+   // agent is ready once every active VRF it relays in is here.
+   PLATFORM_SET(vrfSocketsTried, VrfSocketsTried, Platform::VrfName)
 
    DHCP_RELAY_STATUS_COUNTERS(MODEL_COUNTER_ACCESSORS)
    MODEL_COUNTER_BULK(DHCP_RELAY_STATUS_COUNTERS, Status)

@@ -41,6 +41,7 @@ void DhcpVrfSm::handleInitialized() {
    sockets_->onReadableIs([this] { handleReadableCount(); });
    sockets_->onStateIs([this] { doPublishSocketError(); });
    doPublishSocketError();
+   status_.vrfSocketsTriedIs(vrfName_);
    configWatch_.on(&Config::Reactor::handleDscpV4, [this] { handleDscp(); });
    configWatch_.onAttached([this] { handleDscp(); });
    configWatch_.notifierIs(dhcpRelayConfig_);
@@ -121,6 +122,7 @@ void DhcpVrfSm::doClose() {
    configWatch_.notifierIs(nullptr);
    sockets_.reset();
    status_.vrfSocketErrorDel(vrfName_);
+   status_.vrfSocketsTriedDel(vrfName_);
    egressRoutes_ = EgressRouteCache();
 }
 

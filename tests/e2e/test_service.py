@@ -8,7 +8,6 @@ import socket
 
 import lab as L
 from conftest import TOP, Agent
-from lab import lab  # noqa: F401  (fixture)
 from test_relay4_vrf import NO_PING
 
 UNIT = TOP / "packaging" / "dhcp-relay-agent.service"
