@@ -26,9 +26,9 @@
 //   DHCP_RELAY_TRACE_FILE  text goes to this file (appended) instead of stderr.
 //   BLIPJET_DISABLE        set to anything: no ring file.
 //   BLIPJETDIR             directory of the ring file, named "<agent>.bj". When unset the file is
-//                          in /var/log/dhcp-relay-agent if that directory is writable, else there is
-//                          none. A file already at the path is renamed "<name>.prev", so the
-//                          trace of a crashed run is still there after a restart.
+//                          in /var/log/dhcp-relay-agent if that directory is writable, else
+//                          there is none. A file already at the path is renamed "<name>.prev",
+//                          so the trace of a crashed run is still there after a restart.
 //   BLIPJETSIZE            ring file size in bytes (default 16 MiB; 64 KiB to 4 GiB).
 //   BLIPJETLEVEL           ring level, 0..9 (default 9: the ring keeps everything).
 
