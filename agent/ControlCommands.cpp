@@ -1,5 +1,7 @@
 #include "agent/ControlCommands.h"
 
+#include <unistd.h>
+
 #include <map>
 #include <set>
 
@@ -46,6 +48,17 @@ json drops(const Status& status) {
    return out;
 }
 
+// "192.0.2.10", "198.51.100.7 vrf red from Loopback0", "dhcp.example.net from 192.0.2.1".
+std::string serverText(const Frontend::ServerDoc& s) {
+   std::string out = s.hostname.empty() ? s.address.toString() : s.hostname;
+   out += " vrf " + s.vrf.toString();
+   if (!s.sourceInterface.empty())
+      out += " from " + s.sourceInterface.toString();
+   else if (!s.sourceAddress.isEmpty())
+      out += " from " + s.sourceAddress.toString();
+   return out;
+}
+
 json warnings(const IntfStatus& s) {
    json out = json::array();
    if (s.smartRelayNoSecondary())
@@ -61,7 +74,7 @@ ControlCommands::ControlCommands(Frontend::ControlServer& server,
                                  const Frontend::ConfigFrontEnd& config,
                                  const Platform::StateStore& store, const Platform::Clock& utc,
                                  Reload reload)
-    : config_(config), store_(store), utc_(utc), reload_(std::move(reload)) {
+    : config_(config), store_(store), utc_(utc), reload_(std::move(reload)), startTime_(utc.now()) {
    server.handlerIs("show", [this](const json& r) { return doShow(r); });
    server.handlerIs("clear", [this](const json& r) { return doClear(r); });
    server.handlerIs("reload", [this](const json&) { return doReload(); });
@@ -193,21 +206,38 @@ json ControlCommands::doShowStatus() const {
       json intfWarnings = warnings(*s);
       if (auto m = missing.find(intf); m != missing.end())
          intfWarnings.push_back(m->second);
+      json servers = json::array();
+      if (auto cfg = config_.document().interfaces.find(intf);
+          cfg != config_.document().interfaces.end()) {
+         for (const Frontend::ServerDoc& server : cfg->second.servers)
+            servers.push_back(serverText(server));
+      }
       intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
                                 {"counters", counters(*s)},
+                                {"servers", servers},
                                 {"warnings", intfWarnings},
                                 {"prefixBindings", bindings}};
    }
-   return {{"counters", counters(*status)},
-           {"drops", drops(*status)},
-           {"interfaces", intfs},
-           {"numSmartRelayedHosts", status->numSmartRelayedHosts()},
-           {"numClientBindings", status->numClientBindings()},
-           {"clientBindingsRefused", status->clientBindingsRefused()},
-           {"counterUpdateTime", status->counterUpdateTime()},
-           {"lastResetAllTime", status->lastResetAllTime()},
-           {"runControl", status->runControl()},
-           {"warnings", warned}};
+   const double now = utc_.now();
+   return {
+       {"counters", counters(*status)},
+       {"drops", drops(*status)},
+       {"interfaces", intfs},
+       {"numSmartRelayedHosts", status->numSmartRelayedHosts()},
+       {"numClientBindings", status->numClientBindings()},
+       {"clientBindingsRefused", status->clientBindingsRefused()},
+       {"counterUpdateTime", status->counterUpdateTime()},
+       {"lastResetAllTime", status->lastResetAllTime()},
+       {"runControl", status->runControl()},
+       {"families",
+        {{"dhcpv4", status->runControl() ? "running" : "idle"}, {"dhcpv6", "not in this version"}}},
+       {"agent",
+        {{"version", DHCP_RELAY_VERSION},
+         {"pid", ::getpid()},
+         {"startTime", startTime_},
+         {"uptime", now - startTime_}}},
+       {"config", {{"file", config_.path()}, {"loadedAt", config_.loadedAt()}}},
+       {"warnings", warned}};
 }
 
 // The published counters lag the packet paths by up to the publication interval;

@@ -45,6 +45,7 @@ class ControlCommands {
    const Platform::StateStore& store_;
    const Platform::Clock& utc_;
    Reload reload_;
+   double startTime_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -78,6 +78,7 @@ void copyDhcpRelayCounters(const Status& from, Status& to) {
    to.dropsIs(from);
    to.clientBindingsRefusedIs(from.clientBindingsRefused());
    to.lastResetAllTimeIs(from.lastResetAllTime());
+   to.runControlIs(from.runControl());
    std::vector<Platform::VrfName> healed;
    for (const auto& [vrf, error] : to.vrfSocketError()) {
       if (!from.vrfSocketError().contains(vrf))

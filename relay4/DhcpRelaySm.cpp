@@ -111,6 +111,7 @@ void DhcpRelaySm::onIntfConfig(const IntfId& intf) {
    }
    updateIntfStatus(intf);
    handleIpIntfStatus(intf);
+   in_.status->runControlIs(!kelDrIntfConfig_.empty());
 }
 
 void DhcpRelaySm::updateIntfStatus(const IntfId& intf) {

@@ -1,5 +1,6 @@
 #include "frontend/config/ConfigFrontEnd.h"
 
+#include <chrono>
 #include <map>
 #include <set>
 
@@ -52,6 +53,8 @@ std::vector<std::string> ConfigFrontEnd::load() {
       return parsed.errors;
    }
    fileWarnings_ = parsed.warnings;
+   loadedAt_ =
+       std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
    warnings_ = std::move(parsed.warnings);
    for (std::string& w : missingDeviceWarnings(parsed, path_))
       warnings_.push_back(std::move(w));

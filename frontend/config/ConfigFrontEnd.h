@@ -33,6 +33,8 @@ class ConfigFrontEnd {
    const std::vector<std::string>& fileWarnings() const { return fileWarnings_; }
 
    const std::string& path() const { return path_; }
+   // When the configuration in force was read (UTC seconds since the epoch).
+   double loadedAt() const { return loadedAt_; }
    // One line on what the configuration in force does, for the operator's log.
    std::string summary() const;
    const ConfigDocument& document() const { return document_; }
@@ -49,6 +51,7 @@ class ConfigFrontEnd {
    ConfigDocument document_;
    std::vector<std::string> warnings_;
    std::vector<std::string> fileWarnings_;
+   double loadedAt_ = 0;
    Targets targets_;
    // Written by operator commands, not by the file; published here as the rest of
    // the configuration side.

@@ -87,7 +87,7 @@ json configDocumentJson(const ConfigDocument& doc) {
    return {
        {"vrfs", vrfs},
        {"system",
-        {{"hostname", doc.system.hostname},
+        {{"hostname", doc.system.hostname.empty() ? json(nullptr) : json(doc.system.hostname)},
          {"bridge-mac",
           doc.system.bridgeMac ? json(doc.system.bridgeMac->toString()) : json(nullptr)}}},
        {"relay",

@@ -210,6 +210,8 @@ class Parser {
          out.warnings.push_back(file_ +
                                 ": no interface has servers and snooping is off: the agent "
                                 "will relay nothing");
+      if (out.ok())
+         warnNotYetDone(out);
       return out;
    }
 
@@ -237,6 +239,18 @@ class Parser {
    };
 
    static constexpr size_t kKeptErrors = 1000;
+
+   // Settings this version reads but does not act on yet: taken, so a file written for a
+   // later version still loads, but never silently.
+   void warnNotYetDone(ParsedConfig& out) const {
+      for (const auto& [intf, cfg] : out.document.interfaces) {
+         if (!cfg.serversV6.empty())
+            out.warnings.push_back(file_ + ": interfaces." + intf.toString() +
+                                   ".servers-v6: this version does not relay DHCPv6 yet");
+      }
+      if (out.document.snooping.enabled)
+         out.warnings.push_back(file_ + ": snooping.enabled: this version does not snoop yet");
+   }
 
    static bool relaysAnything(const ConfigDocument& doc) {
       if (doc.snooping.enabled)

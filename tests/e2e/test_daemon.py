@@ -67,8 +67,17 @@ def test_show_clear_reload_and_stop(tmp_path, netns, agent):
     assert eth1["servers"][1]["vrf"] == "red"
     assert shown["relay"]["dscp-v4"] == 46
     assert shown["vrfs"] == {"red": red}
-    text = a.ctl("show", "config").stdout
-    assert "Ethernet1" in text and "198.51.100.7" in text
+    # What is shown is itself a configuration file.
+    shown_file = tmp_path / "shown.yaml"
+    shown_file.write_text(a.ctl("show", "config").stdout)
+    assert run(AGENT, "--config", shown_file, "--check").stdout.endswith("ok\n")
+
+    status = a.show("status")
+    assert status["families"]["dhcpv4"] == "running"
+    assert status["agent"]["pid"] == a.proc.pid and status["agent"]["version"]
+    assert status["config"]["file"] == str(cfg) and status["config"]["loadedAt"] > 0
+    assert status["interfaces"]["Ethernet1"]["servers"] == [
+        "192.0.2.10 vrf default", "198.51.100.7 vrf red"]
 
     assert {v["vrf"]: v["namespace"] for v in a.show("vrfs")}["red"] == red
 

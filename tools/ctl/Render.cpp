@@ -69,6 +69,9 @@ void yamlBlock(const json& v, size_t indent, std::string& out) {
    const std::string pad(indent, ' ');
    if (v.is_object()) {
       for (const auto& [key, value] : v.items()) {
+         // An absent value is left out, as in the file: what is shown stays a valid file.
+         if (value.is_null())
+            continue;
          out += pad + key + ":";
          if (isScalar(value)) {
             out += " " + scalarText(value) + "\n";
@@ -272,9 +275,26 @@ std::string renderDrops(const json& data) {
 std::string renderStatus(const json& data) {
    std::string out;
    Table summary({"", ""});
-   if (data.contains("runControl"))
+   if (data.contains("families")) {
+      for (const auto& [family, state] : data["families"].items())
+         summary.rowAdd({family == "dhcpv4" ? "DHCPv4 relay" : "DHCPv6 relay",
+                         state.get<std::string>() == "idle" ? "idle (no interface relays)"
+                                                            : state.get<std::string>()});
+   } else if (data.contains("runControl")) {
       summary.rowAdd(
           {"Relay", data["runControl"].get<bool>() ? "running" : "idle (no interface relays)"});
+   }
+   if (data.contains("agent")) {
+      const json& agent = data["agent"];
+      summary.rowAdd({"Version", scalarText(agent.value("version", json()))});
+      summary.rowAdd({"Process", scalarText(agent.value("pid", json()))});
+      summary.rowAdd({"Started", timeText(agent.value("startTime", json()))});
+   }
+   if (data.contains("config")) {
+      const json& config = data["config"];
+      summary.rowAdd({"Configuration", scalarText(config.value("file", json())) + ", loaded " +
+                                           timeText(config.value("loadedAt", json()))});
+   }
    if (data.contains("numSmartRelayedHosts"))
       summary.rowAdd({"Smart-relayed hosts", scalarText(data["numSmartRelayedHosts"])});
    if (data.contains("counterUpdateTime"))
@@ -308,6 +328,11 @@ std::string renderStatus(const json& data) {
       for (const auto& [key, value] : intf.items()) {
          if (key == "counters" || key == "lastResetTime" || key == "prefixBindings")
             continue;
+         if (key == "servers") {
+            for (const auto& server : value)
+               out += "  Server: " + server.get<std::string>() + "\n";
+            continue;
+         }
          if (key == "warnings") {
             for (const auto& w : value)
                out += "  Warning: " + w.get<std::string>() + "\n";

@@ -420,7 +420,9 @@ TEST(ConfigParser, EmptyFilesAreRefusedAndFilesThatRelayNothingWarned) {
    EXPECT_EQ(r.warnings, std::vector<std::string>{nothing});
    EXPECT_EQ(parse("interfaces: {Ethernet1: {servers: [192.0.2.1]}}\n").warnings,
              std::vector<std::string>{});
-   EXPECT_EQ(parse("snooping: {enabled: true}\n").warnings, std::vector<std::string>{});
+   // What this version reads but does not do yet is said too.
+   EXPECT_EQ(parse("snooping: {enabled: true}\n").warnings,
+             std::vector<std::string>{"r.yaml: snooping.enabled: this version does not snoop yet"});
 }
 
 // Whatever a file holds, reading it costs bounded time and memory, and the reply stays a
