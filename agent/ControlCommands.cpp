@@ -77,7 +77,10 @@ ControlCommands::ControlCommands(Frontend::ControlServer& server,
     : config_(config), store_(store), utc_(utc), reload_(std::move(reload)), startTime_(utc.now()) {
    server.handlerIs("show", [this](const json& r) { return doShow(r); });
    server.handlerIs("clear", [this](const json& r) { return doClear(r); });
-   server.handlerIs("reload", [this](const json&) { return doReload(); });
+   server.asyncHandlerIs("reload", [this](const json&, Frontend::ControlServer::Reply reply) {
+      reload_(
+          [this, reply](const std::vector<std::string>& errors) { reply(reloadReply(errors)); });
+   });
    server.handlerIs("trace", [](const json& r) { return doTrace(r); });
 }
 
@@ -304,18 +307,17 @@ json ControlCommands::doTrace(const json& request) {
    return {{"level", Platform::Trace::textLevel()}, {"previous", previous}};
 }
 
-json ControlCommands::doReload() const {
-   std::vector<std::string> errors = reload_();
+json ControlCommands::reloadReply(const std::vector<std::string>& errors) const {
    if (!errors.empty()) {
       std::string text;
       for (const std::string& e : errors)
          text += (text.empty() ? "" : "\n") + e;
-      throw Frontend::ControlError(text);
+      return Frontend::controlReplyError(text);
    }
    json data = {{"file", config_.path()}};
    if (!config_.warnings().empty())
       data["warnings"] = config_.warnings();
-   return data;
+   return Frontend::controlReplyOk(data);
 }
 
 }  // namespace Ip::Helper::DhcpRelay

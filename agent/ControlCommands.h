@@ -16,9 +16,10 @@ namespace Ip::Helper::DhcpRelay {
 // from the configuration in force, the kernel and the relay's status records.
 class ControlCommands {
  public:
-   // `reload` re-reads the configuration file and returns what is wrong with it
-   // (nothing when it was applied).
-   using Reload = std::function<std::vector<std::string>()>;
+   // `reload` re-reads the configuration file off the event loop and, once it is applied
+   // or refused, calls back with what is wrong with it (nothing when it was applied).
+   using ReloadDone = std::function<void(const std::vector<std::string>& errors)>;
+   using Reload = std::function<void(ReloadDone done)>;
 
    ControlCommands(Frontend::ControlServer& server, const Frontend::ConfigFrontEnd& config,
                    const Platform::StateStore& store, const Platform::Clock& utc, Reload reload);
@@ -38,7 +39,7 @@ class ControlCommands {
       Platform::VrfName vrf;
    };
    std::vector<MissingDevice> missingDevices() const;
-   nlohmann::json doReload() const;
+   nlohmann::json reloadReply(const std::vector<std::string>& errors) const;
    static nlohmann::json doTrace(const nlohmann::json& request);
 
    const Frontend::ConfigFrontEnd& config_;

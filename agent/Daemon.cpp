@@ -20,6 +20,7 @@ Daemon::Daemon(const DaemonOptions& options)
       readyTimer_(wheel_, [this] { doCheckReady(); }),
       store_([this](std::function<void()> fn) { loop_.post(std::move(fn)); }),
       config_(store_, options.configPath),
+      reader_(loop_),
       server_(loop_, options.socketPath),
       ctx_{loop_, Agent::kAgentName} {}
 
@@ -45,8 +46,9 @@ int Daemon::run() {
       return 1;
    }
    TRACE(1, " open descriptors allowed: ", raiseFileLimit());
-   commands_ = std::make_unique<ControlCommands>(server_, config_, store_, utc_,
-                                                 [this] { return doReload(); });
+   commands_ = std::make_unique<ControlCommands>(
+       server_, config_, store_, utc_,
+       [this](ControlCommands::ReloadDone done) { doReload(std::move(done)); });
 
    Platform::AgentRegistry registry;
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
@@ -66,14 +68,20 @@ int Daemon::run() {
    };
    loop_.onSignal(SIGTERM, stop);
    loop_.onSignal(SIGINT, stop);
-   loop_.onSignal(SIGHUP, [this] { doReload(); });
+   loop_.onSignal(SIGHUP, [this] { doReload([](const std::vector<std::string>&) {}); });
    doCheckReady();
    loop_.run();
    TRACE(1, " stopping");
    return 0;
 }
 
-std::vector<std::string> Daemon::doReload() {
+void Daemon::doReload(ControlCommands::ReloadDone done) {
+   reloadWaiters_.push_back(std::move(done));
+   if (!reader_.busy())
+      doStartRead();
+}
+
+void Daemon::doStartRead() {
    // systemd holds `systemctl reload` until READY=1 follows; the time stamp tells this
    // reload from an earlier one. Before the agent is ready there is nothing to hold.
    if (ready_) {
@@ -83,19 +91,25 @@ std::vector<std::string> Daemon::doReload() {
                  static_cast<unsigned long long>(now.tv_sec) * 1'000'000ULL +
                      static_cast<unsigned long long>(now.tv_nsec) / 1'000ULL);
    }
-   std::vector<std::string> errors = config_.load();
-   if (errors.empty())
-      TRACE(1, " configuration reloaded from ", config_.path());
-   // A refused file leaves the running configuration in force: the agent is as ready as
-   // before, and the refusal reaches the operator through dhcp-relay-ctl's exit status.
-   if (ready_)
-      sd_notify(0, "READY=1");
-   return errors;
+   TRACE(2, " reading ", config_.path());
+   reader_.read(config_.path(),
+                [this, waiters = std::move(reloadWaiters_)](Frontend::ParsedConfig parsed) {
+                   const std::vector<std::string> errors = config_.apply(std::move(parsed));
+                   if (errors.empty())
+                      TRACE(1, " configuration reloaded from ", config_.path());
+                   // A refused file leaves the running configuration in force: the agent is as
+                   // ready as before, and the refusal reaches the operator through dhcp-relay-ctl's
+                   // exit status.
+                   if (ready_)
+                      sd_notify(0, "READY=1");
+                   for (const ControlCommands::ReloadDone& done : waiters)
+                      done(errors);
+                   if (!reloadWaiters_.empty())
+                      doStartRead();
+                });
+   reloadWaiters_.clear();
 }
 
-// Ready once every VRF the relay needs and the kernel has (its namespace exists) has had
-// its sockets opened, or failed to (that VRF then shows its error): a VRF waiting for its
-// namespace would otherwise hold the service in "activating" for good.
 bool Daemon::agentReady() const {
    const auto* agent = dynamic_cast<const Agent*>(agent_.get());
    if (!server_.listening() || !agent || !agent->objectGraphBuilt())

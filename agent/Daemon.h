@@ -6,6 +6,7 @@
 
 #include "agent/ControlCommands.h"
 #include "frontend/config/ConfigFrontEnd.h"
+#include "frontend/config/ConfigReader.h"
 #include "frontend/control/ControlServer.h"
 #include "frontend/kernel/KernelFrontEnd.h"
 #include "platform/linux/Fd.h"
@@ -38,7 +39,11 @@ class Daemon {
    int run();
 
  private:
-   std::vector<std::string> doReload();
+   // Reads the file on the reader's thread and applies it on the loop; `done` hears the
+   // errors. Reloads asked for while one runs share one more read once it ends: the file
+   // may have changed since the running read began.
+   void doReload(ControlCommands::ReloadDone done);
+   void doStartRead();
    // Tells systemd the agent is ready the first time it is: the control socket listens
    // and the agent's object graph is built. Until then it looks again shortly.
    void doCheckReady();
@@ -56,6 +61,8 @@ class Daemon {
    bool ready_ = false;
    Platform::StateStore store_;
    Frontend::ConfigFrontEnd config_;
+   Frontend::ConfigReader reader_;
+   std::vector<ControlCommands::ReloadDone> reloadWaiters_;
    std::unique_ptr<Frontend::KernelFrontEnd> kernel_;
    Frontend::ControlServer server_;
    std::unique_ptr<ControlCommands> commands_;

@@ -3,7 +3,7 @@
 
 #include "agent/Daemon.h"
 #include "frontend/config/ConfigParser.h"
-#include "frontend/config/MissingDevices.h"
+#include "frontend/config/ConfigReader.h"
 #include "frontend/control/ControlProtocol.h"
 
 int main(int argc, char** argv) {
@@ -18,15 +18,13 @@ int main(int argc, char** argv) {
    CLI11_PARSE(app, argc, argv);
 
    if (check) {
-      Frontend::ParsedConfig parsed = Frontend::parseConfigFile(options.configPath);
-      if (parsed.ok()) {
-         for (std::string& w : Frontend::missingDeviceWarnings(parsed, options.configPath))
-            parsed.warnings.push_back(std::move(w));
-      }
+      Frontend::ParsedConfig parsed = Frontend::readConfigFile(options.configPath);
       for (const std::string& e : parsed.errors)
          std::printf("%s\n", e.c_str());
-      for (const std::string& w : parsed.warnings)
-         std::printf("warning: %s\n", w.c_str());
+      for (const auto* list : {&parsed.warnings, &parsed.deviceWarnings}) {
+         for (const std::string& w : *list)
+            std::printf("warning: %s\n", w.c_str());
+      }
       if (parsed.ok())
          std::printf("ok\n");
       return parsed.ok() ? 0 : 1;

@@ -5,7 +5,7 @@
 #include <set>
 
 #include "frontend/config/ConfigParser.h"
-#include "frontend/config/MissingDevices.h"
+#include "frontend/config/ConfigReader.h"
 #include "model/switch/SystemStatus.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/trace/Trace.h"
@@ -46,20 +46,23 @@ ConfigFrontEnd::ConfigFrontEnd(Platform::StateStore& store, std::string path)
 }
 
 std::vector<std::string> ConfigFrontEnd::load() {
-   ParsedConfig parsed = parseConfigFile(path_);
+   return apply(readConfigFile(path_));
+}
+
+std::vector<std::string> ConfigFrontEnd::apply(ParsedConfig parsed) {
    if (!parsed.ok()) {
       for (const std::string& e : parsed.errors)
          TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
    fileWarnings_ = parsed.warnings;
-   loadedAt_ =
-       std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
    warnings_ = std::move(parsed.warnings);
-   for (std::string& w : missingDeviceWarnings(parsed, path_))
+   for (std::string& w : parsed.deviceWarnings)
       warnings_.push_back(std::move(w));
    for (const std::string& w : warnings_)
-      TRACE(0, " configuration warning: ", w);
+      TRACE(1, " configuration warning: ", w);
+   loadedAt_ =
+       std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
    applyConfig(parsed.document, targets_, &document_);
    document_ = std::move(parsed.document);
    doApplyVlanMembership();

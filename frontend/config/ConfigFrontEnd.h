@@ -5,6 +5,7 @@
 
 #include "frontend/config/ConfigApply.h"
 #include "frontend/config/ConfigDocument.h"
+#include "frontend/config/ConfigParser.h"
 #include "model/CounterConfig.h"
 #include "model/snooping/SnoopingConfig.h"
 #include "model/switch/Bridging.h"
@@ -26,6 +27,9 @@ class ConfigFrontEnd {
    // Reads, validates and applies the file. On error nothing is applied and the
    // errors ("FILE:LINE: FIELD: what is wrong") are returned.
    std::vector<std::string> load();
+   // The second half of a load, for a file read elsewhere (ConfigReader): applies it, or
+   // returns its errors and changes nothing.
+   std::vector<std::string> apply(ParsedConfig parsed);
    // What the last successful load found valid but probably unintended, devices the
    // kernel did not have at the time included.
    const std::vector<std::string>& warnings() const { return warnings_; }

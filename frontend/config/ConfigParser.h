@@ -24,6 +24,8 @@ struct ParsedConfig {
    // Valid but probably not what the operator meant ("FILE: what"), such as a file that
    // relays nothing.
    std::vector<std::string> warnings;
+   // Devices the kernel did not have when the file was read (readConfigFile).
+   std::vector<std::string> deviceWarnings;
    std::map<Platform::IntfId, DevicePlace> devicePlaces;
 
    bool ok() const { return errors.empty(); }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <utility>
 
 #include "platform/base/Assert.h"
@@ -77,6 +78,10 @@ ControlServer::~ControlServer() {
 
 void ControlServer::handlerIs(const std::string& cmd, Handler handler) {
    handlers_[cmd] = std::move(handler);
+}
+
+void ControlServer::asyncHandlerIs(const std::string& cmd, AsyncHandler handler) {
+   asyncHandlers_[cmd] = std::move(handler);
 }
 
 bool ControlServer::start(std::string& error) {
@@ -201,10 +206,16 @@ void ControlServer::handleListener() {
       }
       const int id = fd.get();
       auto c = std::make_unique<Connection>(loop_.wheel(), [this, id] {
+         Connection& idle = *connections_.at(id);
+         if (idle.awaiting) {  // the client waits for us, not the other way round
+            idle.idle.armIn(idleTimeout_);
+            return;
+         }
          TRACE(2, "control connection ", id, " idle for ", idleTimeout_, " s, closed");
          doClose(id);
       });
       c->lastActive = loop_.wheel().clock().now();
+      c->serial = ++nextSerial_;
       c->idle.armIn(idleTimeout_);
       c->socket = Platform::WatchedFd(loop_, std::move(fd), EPOLLIN,
                                       [this, id](uint32_t) { handleConnection(id); });
@@ -226,6 +237,11 @@ void ControlServer::handleConnection(int fd) {
 void ControlServer::doServe(Connection& c) {
    int answered = 0;
    for (;;) {
+      if (c.awaiting) {
+         // Nothing is read meanwhile: a level-triggered watch would spin on unread input.
+         doWatch(c, 0);
+         return;
+      }
       if (c.outSent < c.out.size()) {
          Io io = doWrite(c);
          if (io == Io::closed)
@@ -249,8 +265,13 @@ void ControlServer::doServe(Connection& c) {
             return;
          }
          std::string_view line(c.in.data(), nl);
-         if (!blank(line))
-            c.out = controlLine(doRequest(line));
+         if (!blank(line)) {
+            std::optional<nlohmann::json> reply = doRequest(line, c.socket.get());
+            if (reply)
+               c.out = controlLine(*reply);
+            else
+               c.awaiting = true;
+         }
          c.in.erase(0, nl + 1);
          ++answered;
          continue;
@@ -338,7 +359,7 @@ void ControlServer::doWatch(Connection& c, uint32_t events) {
 bool ControlServer::doEvictIdlest() {
    Connection* idlest = nullptr;
    for (auto& [fd, c] : connections_) {
-      const bool busy = !c->in.empty() || c->outSent < c->out.size();
+      const bool busy = !c->in.empty() || c->outSent < c->out.size() || c->awaiting;
       if (!busy && (!idlest || c->lastActive < idlest->lastActive))
          idlest = c.get();
    }
@@ -354,7 +375,7 @@ void ControlServer::doClose(int fd) {
    TRACE(3, "control connection ", fd, " closed");
 }
 
-nlohmann::json ControlServer::doRequest(std::string_view line) {
+std::optional<nlohmann::json> ControlServer::doRequest(std::string_view line, int fd) {
    nlohmann::json request;
    try {
       request = nlohmann::json::parse(line);
@@ -368,10 +389,31 @@ nlohmann::json ControlServer::doRequest(std::string_view line) {
    if (cmd == request.end() || !cmd->is_string())
       return controlReplyError("a request needs a string \"cmd\"");
    const auto& name = cmd->get_ref<const std::string&>();
+   if (auto async = asyncHandlers_.find(name); async != asyncHandlers_.end()) {
+      TRACE(4, "control command ", name);
+      const uint64_t serial = connections_.at(fd)->serial;
+      AsyncHandler handler = async->second;
+      handler(request, [this, fd, serial](nlohmann::json reply) {
+         auto it = connections_.find(fd);
+         if (it == connections_.end() || it->second->serial != serial || !it->second->awaiting)
+            return;
+         Connection& c = *it->second;
+         c.awaiting = false;
+         c.out = controlLine(reply);
+         c.outSent = 0;
+         doServe(c);
+      });
+      return std::nullopt;
+   }
    auto it = handlers_.find(name);
    if (it == handlers_.end()) {
-      std::string known;
+      std::set<std::string> names;
       for (const auto& [each, handler] : handlers_)
+         names.insert(each);
+      for (const auto& [each, handler] : asyncHandlers_)
+         names.insert(each);
+      std::string known;
+      for (const std::string& each : names)
          known += (known.empty() ? "" : ", ") + each;
       return controlReplyError("unknown command \"" + name + "\" (known: " + known + ")");
    }

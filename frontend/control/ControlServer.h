@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,13 @@ class ControlServer {
  public:
    // The reply's "data"; throw ControlError for an error reply.
    using Handler = std::function<nlohmann::json(const nlohmann::json& request)>;
+   // For a command whose answer takes longer than one event (a reload reads its file on
+   // a thread of its own): the handler keeps `reply` and calls it once, later, on the loop,
+   // with a whole reply (controlReplyOk or controlReplyError). The connection answers
+   // nothing else meanwhile, so replies stay in request order; a reply for a connection
+   // that has gone is dropped.
+   using Reply = std::function<void(nlohmann::json reply)>;
+   using AsyncHandler = std::function<void(const nlohmann::json& request, Reply reply)>;
 
    static constexpr size_t kMaxConnections = 32;
    // A connection that sends nothing for this long is closed, so clients that connect
@@ -49,6 +57,7 @@ class ControlServer {
    bool start(std::string& error);
 
    void handlerIs(const std::string& cmd, Handler handler);
+   void asyncHandlerIs(const std::string& cmd, AsyncHandler handler);
 
    const std::string& path() const { return path_; }
    bool listening() const { return static_cast<bool>(listener_); }
@@ -67,6 +76,8 @@ class ControlServer {
       size_t outSent = 0;
       bool peerDone = false;  // the client will send nothing more
       bool closeAfterReply = false;
+      bool awaiting = false;  // an asynchronous command's reply is still to come
+      uint64_t serial = 0;    // tells this connection from a later one on the same fd
    };
    enum class Io { progress, wait, closed };
 
@@ -80,7 +91,8 @@ class ControlServer {
    void doWatch(Connection& c, uint32_t events);
    void doClose(int fd);
    bool doEvictIdlest();
-   nlohmann::json doRequest(std::string_view line);
+   // The reply to a line, or nothing when an asynchronous command will give it.
+   std::optional<nlohmann::json> doRequest(std::string_view line, int fd);
 
    Platform::EventLoop& loop_;
    std::string path_;
@@ -90,6 +102,8 @@ class ControlServer {
    dev_t socketDev_ = 0;
    ino_t socketIno_ = 0;
    std::map<std::string, Handler> handlers_;
+   std::map<std::string, AsyncHandler> asyncHandlers_;
+   uint64_t nextSerial_ = 0;
    std::map<int, std::unique_ptr<Connection>> connections_;
    // Accepting pauses while the process is out of descriptors; otherwise the pending
    // connection would wake the loop forever.

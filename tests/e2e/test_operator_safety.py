@@ -101,6 +101,38 @@ def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, ag
     assert a.show("status")["counters"]["totalRequestsReceived"] == 0
 
 
+def test_reading_a_large_file_does_not_stall_the_agent(tmp_path, agent):
+    cfg = tmp_path / "relay.yaml"
+    cfg.write_text(RELAYING)
+    a = agent(cfg)
+    # Some 14 MB that take the parser a second or more, with a mistake on the last line.
+    with cfg.open("w") as f:
+        f.write("interfaces:\n")
+        for i in range(150000):
+            f.write(f"  E{i}: {{servers: [{{address: 10.{i >> 8 & 255}.{i & 255}.1}}, "
+                    f"{{address: 10.{i >> 8 & 255}.{i & 255}.2}}], circuit-id: c{i}}}\n")
+        f.write("relay: {dscp-v4: 99}\n")
+    with socket.socket(socket.AF_UNIX) as reloading:
+        reloading.connect(str(a.socket))
+        began = time.monotonic()
+        reloading.sendall(b'{"cmd": "reload"}\n')
+        answered = []
+        while True:
+            reloading.settimeout(0.05)
+            try:
+                reply = reloading.recv(65536)
+                break
+            except socket.timeout:
+                t = time.monotonic()
+                a.show("vrfs")
+                answered.append(time.monotonic() - t)
+        took = time.monotonic() - began
+    assert b"relay.dscp-v4: DSCP outside 0..63" in reply
+    # The agent answered meanwhile, each time at once, and the refused file changed nothing.
+    assert answered and max(answered) < 0.5 < took, (answered, took)
+    assert list(a.show("config")["interfaces"]) == ["Ethernet1"]
+
+
 def request(sock, line):
     sock.sendall(line)
     data = b""

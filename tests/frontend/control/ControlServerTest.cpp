@@ -50,6 +50,9 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
          server_->handlerIs("big", [](const json& request) {
             return json(std::string(request.at("size").get<size_t>(), 'x'));
          });
+         server_->asyncHandlerIs("later", [this](const json&, ControlServer::Reply reply) {
+            pendingReplies_.push_back(std::move(reply));
+         });
       }
       return *server_;
    }
@@ -132,7 +135,31 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
    std::optional<ControlServer> server_;
    std::map<int, Platform::Fd> clients_;
    std::map<int, std::string> pending_;
+   std::vector<ControlServer::Reply> pendingReplies_;
 };
+
+// A command answered later (a reload reading its file) holds back the connection's next
+// replies, so they stay in order; other connections are answered meanwhile, and a reply for
+// a client that left goes nowhere.
+TEST_F(ControlServerTest, AsynchronousRepliesKeepTheOrderAndOthersAreServedMeanwhile) {
+   startServer();
+   int waiting = client();
+   sendAll(waiting, "{\"cmd\":\"later\"}\n{\"cmd\":\"echo\",\"id\":2}\n");
+   ASSERT_TRUE(turnUntil([&] { return pendingReplies_.size() == 1; }));
+   expectServed(client());
+   pendingReplies_[0](controlReplyOk("done"));
+   EXPECT_EQ(reply(waiting)->at("data"), "done");
+   EXPECT_EQ(reply(waiting)->at("data").at("id"), 2);
+
+   const size_t open = server().connectionCount();
+   int gone = client();
+   sendAll(gone, "{\"cmd\":\"later\"}\n");
+   ASSERT_TRUE(turnUntil([&] { return pendingReplies_.size() == 2; }));
+   closeClient(gone);
+   pendingReplies_[1](controlReplyOk("late"));
+   EXPECT_TRUE(turnUntil([&] { return server().connectionCount() == open; }));
+   expectServed(waiting);
+}
 
 TEST_F(ControlServerTest, AnswersPipelinedAndSplitRequestsInOrder) {
    startServer();
@@ -172,7 +199,7 @@ TEST_F(ControlServerTest, BadRequestsGetErrorRepliesAndTheConnectionStaysUsable)
        {"{}", "a request needs a string \"cmd\""},
        {"{\"cmd\": 7}", "a request needs a string \"cmd\""},
        {"{\"cmd\": \"frobnicate\"}",
-        "unknown command \"frobnicate\" (known: big, crash, echo, refuse)"},
+        "unknown command \"frobnicate\" (known: big, crash, echo, later, refuse)"},
        {"{\"cmd\": \"refuse\"}", "not today"},
        {"{\"cmd\": \"crash\"}", "internal error: bug"},
    };
