@@ -21,6 +21,7 @@ Daemon::Daemon(const DaemonOptions& options)
       store_([this](std::function<void()> fn) { loop_.post(std::move(fn)); }),
       config_(store_, options.configPath),
       server_(loop_, options.socketPath),
+      metrics_(loop_, [this] { return commands_->metricsText(); }),
       ctx_{loop_, Agent::kAgentName} {}
 
 Daemon::~Daemon() {
@@ -45,8 +46,8 @@ int Daemon::run() {
       return 1;
    }
    TRACE(1, " open descriptors allowed: ", raiseFileLimit());
-   commands_ = std::make_unique<ControlCommands>(server_, config_, store_, utc_,
-                                                 [this] { return doReload(); });
+   commands_ = std::make_unique<ControlCommands>(
+       server_, config_, store_, utc_, [this] { return doReload(); }, metrics_);
 
    Platform::AgentRegistry registry;
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
@@ -55,6 +56,7 @@ int Daemon::run() {
    TRACE(1, " starting with ", config_.path(), ": ", config_.summary());
    for (const std::string& w : config_.warnings())
       TRACE(1, " configuration warning: ", w);
+   doApplyMetrics();
    // VRF namespaces, interfaces and addresses, followed live from the kernel; built
    // once tracing runs, and published before the agent's mounts complete.
    kernel_ = std::make_unique<Frontend::KernelFrontEnd>(loop_, store_);
@@ -84,13 +86,22 @@ std::vector<std::string> Daemon::doReload() {
                      static_cast<unsigned long long>(now.tv_nsec) / 1'000ULL);
    }
    std::vector<std::string> errors = config_.load();
-   if (errors.empty())
+   if (errors.empty()) {
       TRACE(1, " configuration reloaded from ", config_.path());
+      doApplyMetrics();
+   }
    // A refused file leaves the running configuration in force: the agent is as ready as
    // before, and the refusal reaches the operator through dhcp-relay-ctl's exit status.
    if (ready_)
       sd_notify(0, "READY=1");
    return errors;
+}
+
+// A port another program holds is no reason to stop relaying: the failure is traced and
+// shown among show status' warnings, and the next reload tries again.
+void Daemon::doApplyMetrics() {
+   const Frontend::MetricsDoc& m = config_.document().metrics;
+   metrics_.listenIs(m.address, m.port);
 }
 
 // Ready once every VRF the relay needs and the kernel has (its namespace exists) has had
