@@ -8,6 +8,7 @@
 #include "frontend/config/ConfigJson.h"
 #include "frontend/control/ControlProtocol.h"
 #include "frontend/kernel/KernelFrontEnd.h"
+#include "frontend/metrics/MetricsText.h"
 #include "model/switch/KernelNetInfo.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/trace/Trace.h"
@@ -73,8 +74,13 @@ json warnings(const IntfStatus& s) {
 ControlCommands::ControlCommands(Frontend::ControlServer& server,
                                  const Frontend::ConfigFrontEnd& config,
                                  const Platform::StateStore& store, const Platform::Clock& utc,
-                                 Reload reload)
-    : config_(config), store_(store), utc_(utc), reload_(std::move(reload)), startTime_(utc.now()) {
+                                 Reload reload, const Frontend::MetricsServer& metrics)
+    : config_(config),
+      store_(store),
+      utc_(utc),
+      reload_(std::move(reload)),
+      metrics_(metrics),
+      startTime_(utc.now()) {
    server.handlerIs("show", [this](const json& r) { return doShow(r); });
    server.handlerIs("clear", [this](const json& r) { return doClear(r); });
    server.asyncHandlerIs("reload", [this](const json&, Frontend::ControlServer::Reply reply) {
@@ -188,6 +194,8 @@ json ControlCommands::doShowStatus() const {
    json warned = config_.fileWarnings();
    for (const auto& [vrf, error] : status->vrfSocketError())
       warned.push_back("VRF " + vrf.toString() + " relays nothing: " + error);
+   if (!metrics_.error().empty())
+      warned.push_back("metrics endpoint not served: " + metrics_.error());
    std::map<Platform::IntfId, std::string> missing;
    for (const MissingDevice& m : missingDevices()) {
       std::string text = "device \"" + m.device + "\" does not exist in VRF " + m.vrf.toString() +
@@ -265,6 +273,17 @@ json ControlCommands::doShowCounters(const json& request) const {
       out["drops"] = drops(*status);
    }
    return out;
+}
+
+// Published first, as for show counters, so that a scrape and the command agree. Before
+// the relay's status is mounted there is only the agent to show.
+std::string ControlCommands::metricsText() const {
+   config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
+   const auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status");
+   std::vector<Frontend::MetricsFamily> families;
+   if (status)
+      families.push_back({"dhcpv4", *status});
+   return Frontend::metricsText({DHCP_RELAY_VERSION, startTime_}, families);
 }
 
 // Clearing is a trigger in the counter configuration; the counters machine resets

@@ -6,6 +6,7 @@
 
 #include "frontend/config/ConfigFrontEnd.h"
 #include "frontend/control/ControlServer.h"
+#include "frontend/metrics/MetricsServer.h"
 #include "model/Status.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/loop/Clock.h"
@@ -22,7 +23,11 @@ class ControlCommands {
    using Reload = std::function<void(ReloadDone done)>;
 
    ControlCommands(Frontend::ControlServer& server, const Frontend::ConfigFrontEnd& config,
-                   const Platform::StateStore& store, const Platform::Clock& utc, Reload reload);
+                   const Platform::StateStore& store, const Platform::Clock& utc, Reload reload,
+                   const Frontend::MetricsServer& metrics);
+
+   // The metrics endpoint's text: the counters show counters would give at this moment.
+   std::string metricsText() const;
 
  private:
    nlohmann::json doShow(const nlohmann::json& request) const;
@@ -46,6 +51,7 @@ class ControlCommands {
    const Platform::StateStore& store_;
    const Platform::Clock& utc_;
    Reload reload_;
+   const Frontend::MetricsServer& metrics_;
    double startTime_;
 };
 

@@ -22,6 +22,7 @@ Daemon::Daemon(const DaemonOptions& options)
       config_(store_, options.configPath),
       reader_(loop_),
       server_(loop_, options.socketPath),
+      metrics_(loop_, [this] { return commands_->metricsText(); }),
       ctx_{loop_, Agent::kAgentName} {}
 
 Daemon::~Daemon() {
@@ -48,7 +49,7 @@ int Daemon::run() {
    TRACE(1, " open descriptors allowed: ", raiseFileLimit());
    commands_ = std::make_unique<ControlCommands>(
        server_, config_, store_, utc_,
-       [this](ControlCommands::ReloadDone done) { doReload(std::move(done)); });
+       [this](ControlCommands::ReloadDone done) { doReload(std::move(done)); }, metrics_);
 
    Platform::AgentRegistry registry;
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
@@ -57,6 +58,7 @@ int Daemon::run() {
    TRACE(1, " starting with ", config_.path(), ": ", config_.summary());
    for (const std::string& w : config_.warnings())
       TRACE(1, " configuration warning: ", w);
+   doApplyMetrics();
    // VRF namespaces, interfaces and addresses, followed live from the kernel; built
    // once tracing runs, and published before the agent's mounts complete.
    kernel_ = std::make_unique<Frontend::KernelFrontEnd>(loop_, store_);
@@ -95,8 +97,10 @@ void Daemon::doStartRead() {
    reader_.read(config_.path(),
                 [this, waiters = std::move(reloadWaiters_)](Frontend::ParsedConfig parsed) {
                    const std::vector<std::string> errors = config_.apply(std::move(parsed));
-                   if (errors.empty())
+                   if (errors.empty()) {
                       TRACE(1, " configuration reloaded from ", config_.path());
+                      doApplyMetrics();
+                   }
                    // A refused file leaves the running configuration in force: the agent is as
                    // ready as before, and the refusal reaches the operator through dhcp-relay-ctl's
                    // exit status.
@@ -110,6 +114,16 @@ void Daemon::doStartRead() {
    reloadWaiters_.clear();
 }
 
+// A port another program holds is no reason to stop relaying: the failure is traced and
+// shown among show status' warnings, and the next reload tries again.
+void Daemon::doApplyMetrics() {
+   const Frontend::MetricsDoc& m = config_.document().metrics;
+   metrics_.listenIs(m.address, m.port);
+}
+
+// Ready once every VRF the relay needs and the kernel has (its namespace exists) has had
+// its sockets opened, or failed to (that VRF then shows its error): a VRF waiting for its
+// namespace would otherwise hold the service in "activating" for good.
 bool Daemon::agentReady() const {
    const auto* agent = dynamic_cast<const Agent*>(agent_.get());
    if (!server_.listening() || !agent || !agent->objectGraphBuilt())

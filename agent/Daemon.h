@@ -9,6 +9,7 @@
 #include "frontend/config/ConfigReader.h"
 #include "frontend/control/ControlServer.h"
 #include "frontend/kernel/KernelFrontEnd.h"
+#include "frontend/metrics/MetricsServer.h"
 #include "platform/linux/Fd.h"
 #include "platform/loop/Clock.h"
 #include "platform/loop/EventLoop.h"
@@ -44,6 +45,8 @@ class Daemon {
    // may have changed since the running read began.
    void doReload(ControlCommands::ReloadDone done);
    void doStartRead();
+   // Brings the metrics endpoint to the configuration in force.
+   void doApplyMetrics();
    // Tells systemd the agent is ready the first time it is: the control socket listens
    // and the agent's object graph is built. Until then it looks again shortly.
    void doCheckReady();
@@ -66,6 +69,8 @@ class Daemon {
    std::unique_ptr<Frontend::KernelFrontEnd> kernel_;
    Frontend::ControlServer server_;
    std::unique_ptr<ControlCommands> commands_;
+   // After the commands it renders through, so that it closes first.
+   Frontend::MetricsServer metrics_;
    Platform::AgentContext ctx_;
    std::unique_ptr<Platform::Agent> agent_;
 };

@@ -20,6 +20,8 @@ packages=(
    isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
    # a DNS server for the host-name resolution tests (the -base package has no service)
    dnsmasq-base
+   # the metrics test's scraper (tests/e2e/test_metrics.py runs its own, in a namespace)
+   prometheus
 )
 
 missing=()
@@ -29,8 +31,8 @@ done
 if [ "${#missing[@]}" -gt 0 ]; then
    echo "installing: ${missing[*]}"
    export DEBIAN_FRONTEND=noninteractive
-   # The DHCP server package would start its service on the host; the tests run their
-   # own servers inside network namespaces, so no service starts during the install.
+   # The DHCP server and Prometheus packages would start their services on the host; the
+   # tests run their own inside network namespaces, so no service starts during the install.
    if [ ! -e /usr/sbin/policy-rc.d ]; then
       printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
       chmod +x /usr/sbin/policy-rc.d
@@ -38,4 +40,9 @@ if [ "${#missing[@]}" -gt 0 ]; then
    fi
    apt-get update -qq
    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+   # Nor at the next boot: a Prometheus installed here is only the tests' program.
+   if [[ " ${missing[*]} " == *" prometheus "* ]]; then
+      systemctl disable prometheus.service >/dev/null 2>&1 || true
+      update-rc.d prometheus disable >/dev/null 2>&1 || true
+   fi
 fi

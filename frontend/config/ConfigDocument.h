@@ -100,6 +100,21 @@ struct PortDoc {
    bool operator==(const PortDoc&) const = default;
 };
 
+struct MetricsDoc {
+   // Where the metrics endpoint listens, in the agent's own namespace; port 0: nowhere.
+   Platform::IpGenAddr address;
+   uint16_t port = 0;
+
+   bool enabled() const { return port != 0; }
+   // "192.0.2.1:9467", "[2001:db8::1]:9467": as the file writes it.
+   std::string listenText() const {
+      const std::string a = address.toString();
+      return (address.isV6() ? "[" + a + "]" : a) + ":" + std::to_string(port);
+   }
+
+   bool operator==(const MetricsDoc&) const = default;
+};
+
 // Everything one configuration file says, validated, with defaults filled in.
 struct ConfigDocument {
    // VRF name -> network namespace name; never holds "default".
@@ -111,6 +126,7 @@ struct ConfigDocument {
    std::map<Platform::IntfId, InterfaceDoc> interfaces;
    SnoopingDoc snooping;
    std::map<Platform::IntfId, PortDoc> ports;
+   MetricsDoc metrics;
 
    bool operator==(const ConfigDocument&) const = default;
 };

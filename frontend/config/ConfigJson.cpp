@@ -106,6 +106,8 @@ json configDocumentJson(const ConfigDocument& doc) {
          {"circuit-id-format", sn.circuitIdFormat},
          {"v6", {{"vlans", sn.v6.vlans}, {"remote-id-option", sn.v6.remoteIdOption}}}}},
        {"bridging", {{"ports", ports}}},
+       {"metrics",
+        {{"listen", doc.metrics.enabled() ? json(doc.metrics.listenText()) : json(nullptr)}}},
    };
 }
 

@@ -517,7 +517,8 @@ class Parser {
                   {"devices", [&](const Value& m) { devices(m); }},
                   {"interfaces", [&](const Value& m) { interfaces(m); }},
                   {"snooping", [&](const Value& m) { snooping(m); }},
-                  {"bridging", [&](const Value& m) { bridging(m); }}});
+                  {"bridging", [&](const Value& m) { bridging(m); }},
+                  {"metrics", [&](const Value& m) { metrics(m); }}});
    }
 
    void vrfs(const Value& v) {
@@ -904,6 +905,48 @@ class Parser {
          error(mode->line, mode->path(), "expected access or trunk, got " + quoted(*text));
       }
       return doc;
+   }
+
+   void metrics(const Value& v) {
+      members(v, {{"listen", [&](const Value& m) { listen(m); }}});
+   }
+
+   // ADDRESS:PORT, an IPv6 address in brackets (and the whole in quotes, for YAML).
+   void listen(const Value& v) {
+      const auto s = string(v);
+      if (!s)
+         return;
+      const std::string_view text(*s);
+      const bool v6 = text.starts_with('[');
+      const size_t colon = v6 ? text.find("]:") + 1 : text.rfind(':');
+      if (colon == std::string_view::npos || colon == 0) {
+         error(v.line, v.path(), "expected ADDRESS:PORT or [IPV6]:PORT, got " + quoted(text));
+         return;
+      }
+      const std::string host(v6 ? text.substr(1, colon - 2) : text.substr(0, colon));
+      const std::string_view portText = text.substr(colon + 1);
+      std::optional<IpGenAddr> address;
+      if (v6) {
+         if (const auto a = Ip6Addr::parse(host))
+            address = IpGenAddr(*a);
+      } else if (const auto a = IpAddr::parse(host)) {
+         address = IpGenAddr(*a);
+      }
+      if (!address) {
+         error(v.line, v.path(),
+               std::string("not an ") + (v6 ? "IPv6" : "IPv4") + " address: " + quoted(host));
+         return;
+      }
+      uint32_t port = 0;
+      const auto [end, ec] =
+          std::from_chars(portText.data(), portText.data() + portText.size(), port);
+      if (portText.empty() || ec != std::errc() || end != portText.data() + portText.size() ||
+          port < 1 || port > 65535) {
+         error(v.line, v.path(), "not a port (1..65535): " + quoted(portText));
+         return;
+      }
+      doc_.metrics.address = *address;
+      doc_.metrics.port = static_cast<uint16_t>(port);
    }
 
    void checkVrfReferences() {

@@ -68,7 +68,7 @@ relay:
 relay: {}
 )",
      {"r.yaml:1: relays: unknown key; allowed: vrfs, system, relay, devices, interfaces, "
-      "snooping, bridging",
+      "snooping, bridging, metrics",
       "r.yaml:4: relay.dscp-v4: duplicate key (first at line 3)",
       "r.yaml:5: relay.smartrelay: unknown key; allowed: smart-relay, dscp-v4, dscp-v6, "
       "always-on, client-link-layer-address",
@@ -472,6 +472,40 @@ TEST(ConfigParser, OnlyRegularFilesOfBoundedSizeAreRead) {
    for (const auto& [path, why] : cases)
       EXPECT_EQ(parseConfigFile(path).errors, std::vector<std::string>{path + ": " + why});
    std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace Frontend
+
+namespace Frontend {
+namespace {
+
+TEST(ConfigParser, MetricsListenIsAnAddressAndAPort) {
+   struct Case {
+      const char* value;
+      const char* errorOrListen;  // the error after "r.yaml:2: metrics.listen: ", or listenText
+   };
+   const std::vector<Case> cases = {
+       {"\"[::1]:9467\"", "[::1]:9467"},
+       {"0.0.0.0:65535", "0.0.0.0:65535"},
+       {"127.0.0.1", "expected ADDRESS:PORT or [IPV6]:PORT, got \"127.0.0.1\""},
+       {"\"[::1]9467\"", "expected ADDRESS:PORT or [IPV6]:PORT, got \"[::1]9467\""},
+       {"127.0.0.1:0", "not a port (1..65535): \"0\""},
+       {"127.0.0.1:65536", "not a port (1..65535): \"65536\""},
+       {"localhost:9467", "not an IPv4 address: \"localhost\""},
+       {"\"[127.0.0.1]:9467\"", "not an IPv6 address: \"127.0.0.1\""},
+   };
+   for (const Case& c : cases) {
+      const ParsedConfig r =
+          parseConfigText(std::string("metrics:\n  listen: ") + c.value + "\n", "r.yaml");
+      if (r.ok())
+         EXPECT_EQ(r.document.metrics.listenText(), c.errorOrListen) << c.value;
+      else
+         EXPECT_EQ(r.errors, std::vector<std::string>{std::string("r.yaml:2: metrics.listen: ") +
+                                                      c.errorOrListen})
+             << c.value;
+   }
+   EXPECT_FALSE(parseConfigText("metrics: {}\n", "r.yaml").document.metrics.enabled());
 }
 
 }  // namespace
