@@ -46,7 +46,9 @@ int Daemon::run() {
       std::fprintf(stderr, "%s\n", error.c_str());
       return 1;
    }
-   TRACE(1, " open descriptors allowed: ", raiseFileLimit());
+   // Not inside the TRACE: its pieces are evaluated only when a sink keeps the line, and
+   // the trace starts later.
+   const unsigned long files = raiseFileLimit();
    commands_ = std::make_unique<ControlCommands>(
        server_, config_, store_, utc_,
        [this](ControlCommands::ReloadDone done) { doReload(std::move(done)); }, metrics_);
@@ -55,7 +57,8 @@ int Daemon::run() {
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
    agent_ = registry.agentNew(Agent::kAgentName, ctx_);
    agent_->doInit(store_);
-   TRACE(1, " starting with ", config_.path(), ": ", config_.summary());
+   TRACE(1, " starting with ", config_.path(), ": ", config_.summary(),
+         "; open descriptors allowed: ", files);
    for (const std::string& w : config_.warnings())
       TRACE(1, " configuration warning: ", w);
    doApplyMetrics();

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 #include "model/DropReason.h"
@@ -16,29 +15,50 @@ namespace Ip::Helper::DhcpRelay {
 // One line per message and per thing done with it, which an operator turns on at run time
 // (level 5) to follow a client:
 //   "DHCPDISCOVER 02:00:00:00:0c:01 xid 0x3903f326 on Ethernet1 vrf default: relayed to
-//    192.0.2.10 vrf red"
-//   "DHCPOFFER 02:00:00:00:0c:01 xid 0x3903f326 from 192.0.2.10 vrf red: dropped
-//    (giaddrNotOwn)"
-// What the line says of the message is copied only while some sink keeps the level, and the
-// line is formatted only then, so the packet paths pay one compare when nobody follows.
+//    192.0.2.10 vrf red giaddr 192.0.2.1"
+//   "DHCPOFFER 02:00:00:00:0c:01 xid 0x3903f326 from 192.0.2.10 on Ethernet2 vrf red:
+//    dropped (giaddrNotOwn)"
+// The ring keeps every level, so these lines are written on every message: their facts are
+// raw trace pieces (no text is formatted, nothing allocated), copied from the message only
+// while some sink keeps the level.
 class MessageTrace {
  public:
    static constexpr int kLevel = 5;
 
    static bool on() { return Platform::Trace::keeps(kLevel); }
 
-   // Where a message arrived; the start of each message's handling (when on()).
-   void arrivedIs(const Platform::IntfId& intf, const Platform::VrfName& vrf, Platform::IpAddr src);
+   // Where a message arrived; the start of each message's handling (when on()). `vrf` must
+   // outlive the message's handling; `src` is shown when it is not zero (replies).
+   void arrivedIs(const Platform::IntfId& intf, const Platform::VrfName& vrf,
+                  Platform::IpAddr src) {
+      known_ = false;
+      intf_ = intf;
+      vrf_ = &vrf;
+      src_ = src;
+   }
    // What it is, once its header is known to be whole. `type` is a static name.
-   void messageIs(std::string_view type, const Platform::EthAddr& client, uint32_t xid);
+   void messageIs(std::string_view type, const Platform::EthAddr& client, uint32_t xid) {
+      type_ = type.empty() ? std::string_view("BOOTP") : type;
+      client_ = client;
+      xid_ = xid;
+      known_ = true;
+   }
 
    template <class... What>
    void line(const What&... what) const {
-      TRACE_PLAIN(kLevel, *this, ": ", what...);
+      if (!on() || !vrf_)
+         return;
+      const std::string_view intf = intf_.empty() ? std::string_view("-") : intf_.str();
+      if (!known_)
+         TRACE_PLAIN(kLevel, "message on ", intf, " vrf ", *vrf_, ": ", what...);
+      else if (src_.isZero())
+         TRACE_PLAIN(kLevel, type_, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_),
+                     " on ", intf, " vrf ", *vrf_, ": ", what...);
+      else
+         TRACE_PLAIN(kLevel, type_, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_),
+                     " from ", src_, " on ", intf, " vrf ", *vrf_, ": ", what...);
    }
    void dropped(DropReason reason) const { line("dropped (", dropReasonName(reason), ")"); }
-
-   std::string toString() const;
 
  private:
    std::string_view type_;
@@ -46,7 +66,7 @@ class MessageTrace {
    uint32_t xid_ = 0;
    bool known_ = false;
    Platform::IntfId intf_;
-   Platform::VrfName vrf_;
+   const Platform::VrfName* vrf_ = nullptr;
    Platform::IpAddr src_;
 };
 

@@ -111,7 +111,7 @@ bool ControlServer::start(std::string& error) {
       return false;
    }
    struct stat st;
-   if (::lstat(path_.c_str(), &st) < 0 || ::listen(fd.get(), 16) < 0) {
+   if (::lstat(path_.c_str(), &st) < 0 || ::listen(fd.get(), kListenBacklog) < 0) {
       error = "cannot listen on the control socket " + path_ + ": " + errnoText();
       ::unlink(path_.c_str());
       return false;
@@ -184,6 +184,10 @@ bool ControlServer::doClaimPath(std::string& error) {
 
 void ControlServer::handleListener() {
    for (;;) {
+      if (waiting_) {  // one already waits for a slot; the rest stay in the backlog
+         listener_.eventsIs(0);
+         return;
+      }
       Platform::Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (!fd) {
          if (errno == EAGAIN)
@@ -196,33 +200,48 @@ void ControlServer::handleListener() {
          return;
       }
       if (connections_.size() >= kMaxConnections && !doEvictIdlest()) {
-         // A fresh socket's send buffer is empty, so the one line always fits.
-         std::string line = controlLine(controlReplyError("too many control connections (at most " +
-                                                          std::to_string(kMaxConnections) + ")"));
-         [[maybe_unused]] ssize_t n =
-             ::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-         TRACE(1, "refused a control connection: ", kMaxConnections, " already open");
-         continue;
+         // Every slot is busy. The newcomer waits, its request in its socket buffer, and
+         // later ones in the listen backlog; they are taken in order as slots free.
+         // Refusing them would lock the operator out for as long as a flood of clients
+         // lasts.
+         TRACE(2, "control connections all busy: the next waits for a slot");
+         waiting_ = std::move(fd);
+         listener_.eventsIs(0);
+         return;
       }
-      const int id = fd.get();
-      auto c = std::make_unique<Connection>(loop_.wheel(), [this, id] {
-         Connection& idle = *connections_.at(id);
-         if (idle.awaiting) {  // the client waits for us, not the other way round
-            idle.idle.armIn(idleTimeout_);
-            return;
-         }
-         TRACE(2, "control connection ", id, " idle for ", idleTimeout_, " s, closed");
-         doClose(id);
-      });
-      c->lastActive = loop_.wheel().clock().now();
-      c->serial = ++nextSerial_;
-      c->idle.armIn(idleTimeout_);
-      c->socket = Platform::WatchedFd(loop_, std::move(fd), EPOLLIN,
-                                      [this, id](uint32_t) { handleConnection(id); });
-      c->events = EPOLLIN;
-      connections_.emplace(id, std::move(c));
-      TRACE(3, "control connection ", id, " opened");
+      doAdmit(std::move(fd));
    }
+}
+
+void ControlServer::doAdmit(Platform::Fd fd) {
+   const int id = fd.get();
+   auto c = std::make_unique<Connection>(loop_.wheel(), [this, id] {
+      Connection& idle = *connections_.at(id);
+      if (idle.awaiting) {  // the client waits for us, not the other way round
+         idle.idle.armIn(idleTimeout_);
+         return;
+      }
+      TRACE(2, "control connection ", id, " idle for ", idleTimeout_, " s, closed");
+      doClose(id);
+   });
+   c->lastActive = loop_.wheel().clock().now();
+   c->serial = ++nextSerial_;
+   c->idle.armIn(idleTimeout_);
+   c->socket = Platform::WatchedFd(loop_, std::move(fd), EPOLLIN,
+                                   [this, id](uint32_t) { handleConnection(id); });
+   c->events = EPOLLIN;
+   connections_.emplace(id, std::move(c));
+   TRACE(3, "control connection ", id, " opened");
+}
+
+// Runs from the loop, never from inside a connection's handling: it may close the
+// connection that made room.
+void ControlServer::doAdmitWaiting() {
+   if (!waiting_ || (connections_.size() >= kMaxConnections && !doEvictIdlest()))
+      return;
+   doAdmit(std::move(waiting_));
+   waiting_ = Platform::Fd();
+   listener_.eventsIs(EPOLLIN);
 }
 
 void ControlServer::handleConnection(int fd) {
@@ -247,11 +266,21 @@ void ControlServer::doServe(Connection& c) {
          if (io == Io::closed)
             return;
          if (io == Io::wait) {
+            if (c.writeBlockedSince == 0) {
+               c.writeBlockedSince = loop_.wheel().clock().now();
+               // A client that stopped reading may make room for one that waits.
+               if (waiting_)
+                  loop_.post([this] { doAdmitWaiting(); });
+            }
             doWatch(c, EPOLLOUT);
             return;
          }
+         c.writeBlockedSince = 0;
          c.out.clear();
          c.outSent = 0;
+         // Answered: this connection may make room for one that waits.
+         if (waiting_ && c.in.empty())
+            loop_.post([this] { doAdmitWaiting(); });
       }
       if (c.closeAfterReply) {
          doClose(c.socket.get());
@@ -260,8 +289,17 @@ void ControlServer::doServe(Connection& c) {
       auto nl = c.in.find('\n');
       if (nl != std::string::npos && nl <= kMaxControlLine) {
          if (answered == kRequestsPerTurn) {
-            // The socket is writable, so this wakes the connection again on the next turn.
-            doWatch(c, EPOLLOUT);
+            // The rest waits for the next turn, so other connections get theirs. Not by
+            // waiting to be writable: a client that reads no replies would then hold its
+            // slot with nothing marking it as one that does not read.
+            const int fd = c.socket.get();
+            const uint64_t serial = c.serial;
+            doWatch(c, 0);
+            loop_.post([this, fd, serial] {
+               auto it = connections_.find(fd);
+               if (it != connections_.end() && it->second->serial == serial)
+                  doServe(*it->second);
+            });
             return;
          }
          std::string_view line(c.in.data(), nl);
@@ -354,15 +392,23 @@ void ControlServer::doWatch(Connection& c, uint32_t events) {
    c.socket.eventsIs(events);
 }
 
-// With every slot taken, the connection silent for longest makes room: an operator's
-// command line always gets in unless all the others are busy with requests.
+// With every slot taken, the connection silent for longest makes room, or else the one
+// that has not read its replies for longest (a client pouring in requests without reading
+// the answers holds its slot for nothing): an operator's command line always gets in
+// unless all the others are in the middle of a request.
 bool ControlServer::doEvictIdlest() {
    Connection* idlest = nullptr;
+   Connection* deafest = nullptr;
    for (auto& [fd, c] : connections_) {
       const bool busy = !c->in.empty() || c->outSent < c->out.size() || c->awaiting;
       if (!busy && (!idlest || c->lastActive < idlest->lastActive))
          idlest = c.get();
+      if (c->writeBlockedSince > 0 && !c->awaiting &&
+          (!deafest || c->writeBlockedSince < deafest->writeBlockedSince))
+         deafest = c.get();
    }
+   if (!idlest)
+      idlest = deafest;
    if (!idlest)
       return false;
    TRACE(1, "control connection ", idlest->socket.get(), " closed to make room for a new one");
@@ -372,6 +418,8 @@ bool ControlServer::doEvictIdlest() {
 
 void ControlServer::doClose(int fd) {
    connections_.erase(fd);
+   if (waiting_)
+      loop_.post([this] { doAdmitWaiting(); });
    TRACE(3, "control connection ", fd, " closed");
 }
 

@@ -39,7 +39,10 @@ class ControlServer {
    using Reply = std::function<void(nlohmann::json reply)>;
    using AsyncHandler = std::function<void(const nlohmann::json& request, Reply reply)>;
 
+   // Connections served at once; more wait in the listen backlog (kListenBacklog deep) and
+   // are taken in order as slots free.
    static constexpr size_t kMaxConnections = 32;
+   static constexpr int kListenBacklog = 256;
    // A connection that sends nothing for this long is closed, so clients that connect
    // and stay silent cannot hold the slots an operator needs.
    static constexpr double kIdleTimeout = 30.0;
@@ -70,6 +73,7 @@ class ControlServer {
       Platform::WatchedFd socket;
       Platform::Timer idle;
       double lastActive = 0;
+      double writeBlockedSince = 0;  // the client has not read its replies since; 0: it has
       uint32_t events = 0;
       std::string in;
       std::string out;
@@ -85,6 +89,8 @@ class ControlServer {
    bool doClaimPath(std::string& error);
    void handleListener();
    void handleConnection(int fd);
+   void doAdmit(Platform::Fd fd);
+   void doAdmitWaiting();
    void doServe(Connection& c);
    Io doRead(Connection& c);
    Io doWrite(Connection& c);
@@ -108,6 +114,8 @@ class ControlServer {
    // Accepting pauses while the process is out of descriptors; otherwise the pending
    // connection would wake the loop forever.
    Platform::Timer acceptResume_;
+   // A connection accepted while every slot was busy; accepting waits until it has one.
+   Platform::Fd waiting_;
 };
 
 }  // namespace Frontend

@@ -10,7 +10,7 @@ namespace Platform {
 // One piece of a line before any formatting: what the ring stores and the text sink formats.
 struct TraceArg {
    // Addresses stay binary until a sink formats them: the ring stores 8 bytes, not text.
-   enum class Kind : uint8_t { Signed, Unsigned, Real, Bool, Text, Ip4, Ip4WithMask, Mac };
+   enum class Kind : uint8_t { Signed, Unsigned, Real, Bool, Text, Ip4, Ip4WithMask, Mac, Hex32 };
 
    Kind kind;
    union {
@@ -54,6 +54,8 @@ struct TraceArg {
    }
    // The six bytes in transmission order, the first in the most significant of the 48 bits.
    static TraceArg ofMac(uint64_t bits48) { return ofUnsigned(bits48, Kind::Mac); }
+   // "0x0000002a": identifiers read in hexadecimal, such as a DHCP transaction id.
+   static TraceArg ofHex32(uint32_t v) { return ofUnsigned(v, Kind::Hex32); }
    std::string_view textView() const { return {text, textSize}; }
 };
 

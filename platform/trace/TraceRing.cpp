@@ -40,6 +40,7 @@ enum Tag : uint8_t {
    kTagIp4 = 8,
    kTagMac = 9,
    kTagIp4WithMask = 10,
+   kTagHex32 = 11,
 };
 
 struct RecordHeader {
@@ -286,6 +287,9 @@ void TraceRingWriter::append(TraceSite& site, int level, std::span<const TraceAr
          case TraceArg::Kind::Mac:
             p = put(put(p, kTagMac), piece.unsignedValue);
             break;
+         case TraceArg::Kind::Hex32:
+            p = put(put(p, kTagHex32), piece.unsignedValue);
+            break;
          case TraceArg::Kind::Bool:
             p = put(p, piece.boolValue ? kTagTrue : kTagFalse);
             break;
@@ -450,7 +454,8 @@ class Decoder {
             case kTagReal:
             case kTagIp4:
             case kTagIp4WithMask:
-            case kTagMac: {
+            case kTagMac:
+            case kTagHex32: {
                if (end - p < 8)
                   return false;
                uint64_t raw;
@@ -473,6 +478,10 @@ class Decoder {
                   if (raw >> 48)
                      return false;
                   piece = TraceArg::ofMac(raw);
+               } else if (tag == kTagHex32) {
+                  if (raw > UINT32_MAX)
+                     return false;
+                  piece = TraceArg::ofHex32(static_cast<uint32_t>(raw));
                } else {
                   double d;
                   std::memcpy(&d, &raw, sizeof(d));

@@ -62,6 +62,14 @@ void appendPiece(std::string& out, const TraceArg& piece) {
       case TraceArg::Kind::Mac:
          appendMacText(out, piece.unsignedValue);
          return;
+      case TraceArg::Kind::Hex32: {
+         static constexpr char kDigits[] = "0123456789abcdef";
+         char text[10] = {'0', 'x'};
+         for (int i = 0; i < 8; ++i)
+            text[2 + i] = kDigits[(piece.unsignedValue >> (28 - 4 * i)) & 0xf];
+         out.append(text, sizeof text);
+         return;
+      }
    }
 }
 

@@ -3,11 +3,15 @@ told at once and never stop the agent."""
 
 import json
 import os
+import re
+import resource
 import socket
 import subprocess
+import threading
 import time
+from pathlib import Path
 
-from conftest import AGENT, run
+from conftest import AGENT, Agent, run
 
 RELAYING = "interfaces: {Ethernet1: {servers: [{address: 192.0.2.10}]}}\n"
 
@@ -89,6 +93,12 @@ def test_a_vrf_whose_sockets_cannot_open_shows_why(tmp_path, netns, agent):
 def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, agent):
     cfg = tmp_path / "relay.yaml"
     cfg.write_text(RELAYING)
+    # Started, as systemd starts it, with a soft limit of descriptors far below the hard one.
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    a = Agent(tmp_path, cfg, netns("limited"), wrap=["prlimit", f"--nofile=64:{hard}"])
+    limits = Path(f"/proc/{a.proc.pid}/limits").read_text()
+    assert re.search(rf"^Max open files\s+{hard}\s+{hard}", limits, re.M), limits
+    a.stop()
     a = agent(cfg)
     bare = netns("bare")
     for ns, wrap, says in (
@@ -161,4 +171,28 @@ def test_control_clients_cannot_stop_or_lock_out_the_agent(tmp_path, agent):
     assert a.show("status")["counters"]["totalRequestsReceived"] == 0
     for c in silent:
         c.close()
+
+    # A hundred clients pouring in megabytes of garbage at once, reading none of the
+    # answers, cost them their connections; the operator is answered meanwhile.
+    pourers = [socket.socket(socket.AF_UNIX) for _ in range(100)]
+
+    def pour(s):
+        try:
+            s.connect(str(a.socket))
+            s.sendall(os.urandom(1 << 20))
+        except OSError:
+            pass  # cut off: what the agent should do
+    floods = [threading.Thread(target=pour, args=(s,)) for s in pourers]
+    for t in floods:
+        t.start()
+    slowest, until = 0.0, time.monotonic() + 3
+    while time.monotonic() < until:
+        began = time.monotonic()
+        a.show("vrfs")
+        slowest = max(slowest, time.monotonic() - began)
+    for s in pourers:
+        s.shutdown(socket.SHUT_RDWR)
+    for t in floods:
+        t.join()
+    assert slowest < 1.0, slowest
     assert a.stop() == 0

@@ -173,7 +173,8 @@ TEST_F(TraceTest, EveryKindOfPieceReadsBackFromTheRingAsTheTextLine) {
                Color::Blue, "|", Port{67}, "|", Address{}, "|", IpAddr(), "|",
                *IpAddr::parse("255.255.255.255"), "|", *IpAddrWithMask::parse("198.18.0.1/15"), "|",
                IpAddrWithMask(IpAddr(), 32), "|", *EthAddr::parse("02:0a:b0:ff:00:01"), "|",
-               *EthAddr::parse("ff:ff:ff:ff:ff:fe"), "|", IntfId("Ethernet7"));
+               *EthAddr::parse("ff:ff:ff:ff:ff:fe"), "|", IntfId("Ethernet7"), "|",
+               Platform::TraceArg::ofHex32(0x3903f32a));
    TRACE_PLAIN(0,
                "a\nb\tc\x7f\x01"
                "d\xc3\xa9");
@@ -184,7 +185,7 @@ TEST_F(TraceTest, EveryKindOfPieceReadsBackFromTheRingAsTheTextLine) {
            "void TraceTestSubjects::RelaySm::handleReadable(int)count 3 from 10.0.0.1", "plain 7",
            "lit|str|view||true|false|-42|200|-5|18446744073709551615|-9223372036854775808|"
            "600|-2.5|0.1|1e+21|0.25|c|(null)|7|port 67|10.0.0.1|0.0.0.0|255.255.255.255|"
-           "198.18.0.1/15|0.0.0.0/32|02:0a:b0:ff:00:01|ff:ff:ff:ff:ff:fe|Ethernet7",
+           "198.18.0.1/15|0.0.0.0/32|02:0a:b0:ff:00:01|ff:ff:ff:ff:ff:fe|Ethernet7|0x3903f32a",
            "a\\x0ab\\x09c\\x7f\\x01d\xc3\xa9", ""}));
    EXPECT_EQ(capture.levels(), (std::vector<int>{5, 2, 9, 0, 0}));
 
