@@ -147,6 +147,8 @@ write_config() {
          printf "  Ethernet%d:\n    servers:\n", i
          for (j = 1; j <= s; j++) printf "      - address: 172.16.0.%d\n", j
          if (i == 1) print "      - {address: 172.16.1.1, vrf: v0}"
+         # A server in another VRF finds its way back through option 82 only.
+         if (i == 1) print "    information-option: true"
          if (i == changed) printf "      - address: 172.16.0.%d\n", s + 1
       }
    }'

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <set>
+#include <unordered_set>
 
 #include "platform/linux/NetNs.h"
 
@@ -59,9 +60,16 @@ std::vector<std::string> missingDeviceWarnings(const ParsedConfig& parsed,
                                        "until it does");
          continue;
       }
+      // One dump of the namespace's devices rather than a query per interface: a switch
+      // has thousands.
+      std::unordered_set<std::string> present;
+      if (struct if_nameindex* all = ::if_nameindex()) {
+         for (const struct if_nameindex* i = all; i->if_index != 0; ++i)
+            present.insert(i->if_name);
+         ::if_freenameindex(all);
+      }
       for (const Wanted& w : wanted) {
-         // Names the kernel could never hold (too long) are missing for good.
-         if (w.device.size() >= IFNAMSIZ || ::if_nametoindex(w.device.c_str()) == 0)
+         if (!present.contains(w.device))
             warn(w.intf, "device " + quoted(w.device) + " does not exist in " + where +
                              ": the interface relays nothing until it appears");
       }
