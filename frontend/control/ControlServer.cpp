@@ -1,5 +1,7 @@
 #include "frontend/control/ControlServer.h"
 
+#include "platform/linux/StreamSend.h"
+
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -366,23 +368,18 @@ ControlServer::Io ControlServer::doRead(Connection& c) {
 }
 
 ControlServer::Io ControlServer::doWrite(Connection& c) {
-   while (c.outSent < c.out.size()) {
-      ssize_t n = ::send(c.socket.get(), c.out.data() + c.outSent, c.out.size() - c.outSent,
-                         MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n >= 0) {
-         c.outSent += static_cast<size_t>(n);
-         continue;
-      }
-      if (errno == EINTR)
-         continue;
-      if (errno == EAGAIN)
+   switch (Platform::sendPending(c.socket.get(), c.out, c.outSent)) {
+      case Platform::StreamSend::done:
+         return Io::progress;
+      case Platform::StreamSend::wait:
          return Io::wait;
-      // Typically EPIPE: the client left before its reply was complete.
-      TRACE(3, "control connection ", c.socket.get(), " write failed: ", errnoText());
-      doClose(c.socket.get());
-      return Io::closed;
+      case Platform::StreamSend::failed:
+         break;
    }
-   return Io::progress;
+   // Typically EPIPE: the client left before its reply was complete.
+   TRACE(3, "control connection ", c.socket.get(), " write failed: ", errnoText());
+   doClose(c.socket.get());
+   return Io::closed;
 }
 
 void ControlServer::doWatch(Connection& c, uint32_t events) {

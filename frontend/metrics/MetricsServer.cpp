@@ -1,5 +1,7 @@
 #include "frontend/metrics/MetricsServer.h"
 
+#include "platform/linux/StreamSend.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
@@ -177,21 +179,15 @@ bool MetricsServer::doRead(Connection& c) {
 }
 
 void MetricsServer::doWrite(Connection& c) {
-   while (c.outSent < c.out.size()) {
-      const ssize_t n = ::send(c.socket.get(), c.out.data() + c.outSent, c.out.size() - c.outSent,
-                               MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n >= 0) {
-         c.outSent += static_cast<size_t>(n);
-         continue;
-      }
-      if (errno == EINTR)
-         continue;
-      if (errno == EAGAIN) {
+   switch (Platform::sendPending(c.socket.get(), c.out, c.outSent)) {
+      case Platform::StreamSend::done:
+         break;
+      case Platform::StreamSend::wait:
          c.socket.eventsIs(EPOLLOUT);
          return;
-      }
-      doClose(c.socket.get());
-      return;
+      case Platform::StreamSend::failed:
+         doClose(c.socket.get());
+         return;
    }
    // Closing with unread bytes (the rest of an over-long head) would reset the connection,
    // and the client could lose the answer with it: the answer is sent, then what the client
