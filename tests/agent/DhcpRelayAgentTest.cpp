@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <vector>
@@ -20,6 +23,11 @@ namespace {
 // and the group completes on a later "turn" that the test runs itself.
 class AgentStartup : public ::testing::Test {
  protected:
+   ~AgentStartup() override {
+      if (!configPath_.empty())
+         std::remove(configPath_.c_str());
+   }
+
    AgentStartup()
        : wheel_(clock_, clock_),
          loop_(wheel_),
@@ -31,7 +39,10 @@ class AgentStartup : public ::testing::Test {
    // The front ends publish (the IP status only when asked), the agent mounts, and the
    // posted completion runs.
    std::unique_ptr<Agent> start(bool withIpStatus, const std::string& text = "vrfs: {}\n") {
-      const std::string path = ::testing::TempDir() + "/agent-startup.yaml";
+      // ctest runs these tests in parallel processes: each writes a file of its own.
+      const std::string path =
+          ::testing::TempDir() + "/agent-startup-" + std::to_string(::getpid()) + ".yaml";
+      configPath_ = path;
       std::ofstream(path) << text;
       config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, path);
       EXPECT_TRUE(config_->load().empty());
@@ -60,6 +71,7 @@ class AgentStartup : public ::testing::Test {
    Platform::StateStore store_;
    Platform::AgentContext ctx_;
    std::unique_ptr<Frontend::ConfigFrontEnd> config_;
+   std::string configPath_;
 };
 
 // When a mount group completes is the store's (StateStoreTest); here, what the agent builds
