@@ -147,8 +147,7 @@ std::vector<ControlCommands::MissingDevice> ControlCommands::missingDevices() co
                seen->second.insert(k->deviceName());
          }
       }
-      const auto named = doc.devices.find(intf);
-      std::string device = named != doc.devices.end() ? named->second : intf.toString();
+      std::string device = doc.deviceOf(intf);
       if (!seen->second.contains(device))
          out.push_back({intf, std::move(device), cfg.vrf});
    }
@@ -334,8 +333,8 @@ json ControlCommands::reloadReply(const std::vector<std::string>& errors) const 
       return Frontend::controlReplyError(text);
    }
    json data = {{"file", config_.path()}};
-   if (!config_.warnings().empty())
-      data["warnings"] = config_.warnings();
+   if (std::vector<std::string> warnings = config_.warnings(); !warnings.empty())
+      data["warnings"] = std::move(warnings);
    return Frontend::controlReplyOk(data);
 }
 

@@ -38,7 +38,7 @@ class MessageTrace {
    }
    // What it is, once its header is known to be whole. `type` is a static name.
    void messageIs(std::string_view type, const Platform::EthAddr& client, uint32_t xid) {
-      type_ = type.empty() ? std::string_view("BOOTP") : type;
+      type_ = type;
       client_ = client;
       xid_ = xid;
       known_ = true;
@@ -49,16 +49,20 @@ class MessageTrace {
       if (!on() || !vrf_)
          return;
       const std::string_view intf = intf_.empty() ? std::string_view("-") : intf_.str();
+      const std::string_view type = type_.empty() ? std::string_view("BOOTP") : type_;
       if (!known_)
          TRACE_PLAIN(kLevel, "message on ", intf, " vrf ", *vrf_, ": ", what...);
       else if (src_.isZero())
-         TRACE_PLAIN(kLevel, type_, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_),
-                     " on ", intf, " vrf ", *vrf_, ": ", what...);
+         TRACE_PLAIN(kLevel, type, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_), " on ",
+                     intf, " vrf ", *vrf_, ": ", what...);
       else
-         TRACE_PLAIN(kLevel, type_, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_),
+         TRACE_PLAIN(kLevel, type, " ", client_, " xid ", Platform::TraceArg::ofHex32(xid_),
                      " from ", src_, " on ", intf, " vrf ", *vrf_, ": ", what...);
    }
    void dropped(DropReason reason) const { line("dropped (", dropReasonName(reason), ")"); }
+   // The message's type as messageIs was given it: read once per message, by whoever
+   // needs it while on().
+   std::string_view type() const { return type_; }
 
  private:
    std::string_view type_;

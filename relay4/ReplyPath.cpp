@@ -100,7 +100,7 @@ void DhcpRelaySm::handleReply(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, const VrfNa
       }
    }
    const IntfId& clientIntf = *clientIntfFound;
-   const std::string_view msgType = getDhcpMsgType(pkt, 0);
+   const std::string_view msgType = MessageTrace::on() ? msgTrace_.type() : getDhcpMsgType(pkt, 0);
    TRACE(5, " received ", msgType, " from ", srcIp, " on Vrf ", vrf);
    if (!parsed) {
       TRACE(5, "Could not parse Dhcp packet for Option-82 ", "information");

@@ -134,9 +134,9 @@ void DhcpRelaySm::doProcessRequest(DhcpVrfSm& sm, DhcpHdr& hdr, Pkt& pkt, IpAddr
       return;
    }
    TRACE(6, " request op is: ", hdr.bootpOp());
-   TRACE(5, "received a ", getDhcpMsgType(pkt, 0), " ( Server at ",
-         getServerId(pkt).value_or(IpAddr()), " ) ", "message on ", intf, " to ", dstIp, " from ",
-         srcIp);
+   // Level 5 is the message trace's: the type was read as the message arrived.
+   TRACE(5, "received a ", msgTrace_.type(), " ( Server at ", getServerId(pkt).value_or(IpAddr()),
+         " ) ", "message on ", intf, " to ", dstIp, " from ", srcIp);
    if (dstIp != IpAddr::broadcast()) {
       const IntfId* owner = lookup_.find(vrf.str(), dstIp);
       if (owner && *owner == intf) {

@@ -128,6 +128,12 @@ struct ConfigDocument {
    std::map<Platform::IntfId, PortDoc> ports;
    MetricsDoc metrics;
 
+   // The kernel device of a system interface: its devices entry, else the same name.
+   std::string deviceOf(const Platform::IntfId& intf) const {
+      const auto named = devices.find(intf);
+      return named != devices.end() ? named->second : intf.toString();
+   }
+
    bool operator==(const ConfigDocument&) const = default;
 };
 

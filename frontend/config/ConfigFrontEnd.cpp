@@ -55,11 +55,9 @@ std::vector<std::string> ConfigFrontEnd::apply(ParsedConfig parsed) {
          TRACE(0, " configuration refused: ", e);
       return parsed.errors;
    }
-   fileWarnings_ = parsed.warnings;
-   warnings_ = std::move(parsed.warnings);
-   for (std::string& w : parsed.deviceWarnings)
-      warnings_.push_back(std::move(w));
-   for (const std::string& w : warnings_)
+   fileWarnings_ = std::move(parsed.warnings);
+   deviceWarnings_ = std::move(parsed.deviceWarnings);
+   for (const std::string& w : warnings())
       TRACE(1, " configuration warning: ", w);
    loadedAt_ =
        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -70,6 +68,12 @@ std::vector<std::string> ConfigFrontEnd::apply(ParsedConfig parsed) {
    // trace is up).
    TRACE(1, " configuration loaded from ", path_, ": ", summary());
    return {};
+}
+
+std::vector<std::string> ConfigFrontEnd::warnings() const {
+   std::vector<std::string> all = fileWarnings_;
+   all.insert(all.end(), deviceWarnings_.begin(), deviceWarnings_.end());
+   return all;
 }
 
 std::string ConfigFrontEnd::summary() const {

@@ -32,7 +32,7 @@ class ConfigFrontEnd {
    std::vector<std::string> apply(ParsedConfig parsed);
    // What the last successful load found valid but probably unintended, devices the
    // kernel did not have at the time included.
-   const std::vector<std::string>& warnings() const { return warnings_; }
+   std::vector<std::string> warnings() const;
    // Those of them that the file alone decides; they hold until the next load.
    const std::vector<std::string>& fileWarnings() const { return fileWarnings_; }
 
@@ -53,8 +53,8 @@ class ConfigFrontEnd {
    Platform::StateStore& store_;
    std::string path_;
    ConfigDocument document_;
-   std::vector<std::string> warnings_;
    std::vector<std::string> fileWarnings_;
+   std::vector<std::string> deviceWarnings_;
    double loadedAt_ = 0;
    Targets targets_;
    // Written by operator commands, not by the file; published here as the rest of

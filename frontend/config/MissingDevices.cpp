@@ -27,11 +27,8 @@ std::vector<std::string> missingDeviceWarnings(const ParsedConfig& parsed,
       std::string device;
    };
    std::map<Platform::VrfName, std::vector<Wanted>> byVrf;
-   for (const auto& [intf, cfg] : doc.interfaces) {
-      const auto named = doc.devices.find(intf);
-      byVrf[cfg.vrf].push_back(
-          {intf, named != doc.devices.end() ? named->second : intf.toString()});
-   }
+   for (const auto& [intf, cfg] : doc.interfaces)
+      byVrf[cfg.vrf].push_back({intf, doc.deviceOf(intf)});
    std::vector<std::string> out;
    size_t more = 0;
    auto warn = [&](const Platform::IntfId& intf, const std::string& what) {

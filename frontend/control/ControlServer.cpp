@@ -246,6 +246,13 @@ void ControlServer::doAdmitWaiting() {
    listener_.eventsIs(EPOLLIN);
 }
 
+// The connection on `fd` if it is still the one that had `serial`: work deferred to a
+// later turn must not land on a successor that got the same descriptor number.
+ControlServer::Connection* ControlServer::connectionOf(int fd, uint64_t serial) const {
+   auto it = connections_.find(fd);
+   return it != connections_.end() && it->second->serial == serial ? it->second.get() : nullptr;
+}
+
 void ControlServer::handleConnection(int fd) {
    auto it = connections_.find(fd);
    if (it != connections_.end())
@@ -298,9 +305,8 @@ void ControlServer::doServe(Connection& c) {
             const uint64_t serial = c.serial;
             doWatch(c, 0);
             loop_.post([this, fd, serial] {
-               auto it = connections_.find(fd);
-               if (it != connections_.end() && it->second->serial == serial)
-                  doServe(*it->second);
+               if (Connection* same = connectionOf(fd, serial))
+                  doServe(*same);
             });
             return;
          }
@@ -439,10 +445,10 @@ std::optional<nlohmann::json> ControlServer::doRequest(std::string_view line, in
       const uint64_t serial = connections_.at(fd)->serial;
       AsyncHandler handler = async->second;
       handler(request, [this, fd, serial](nlohmann::json reply) {
-         auto it = connections_.find(fd);
-         if (it == connections_.end() || it->second->serial != serial || !it->second->awaiting)
+         Connection* waiting = connectionOf(fd, serial);
+         if (!waiting || !waiting->awaiting)
             return;
-         Connection& c = *it->second;
+         Connection& c = *waiting;
          c.awaiting = false;
          c.out = controlLine(reply);
          c.outSent = 0;

@@ -89,6 +89,7 @@ class ControlServer {
    bool doClaimPath(std::string& error);
    void handleListener();
    void handleConnection(int fd);
+   Connection* connectionOf(int fd, uint64_t serial) const;
    void doAdmit(Platform::Fd fd);
    void doAdmitWaiting();
    void doServe(Connection& c);
