@@ -107,10 +107,7 @@ struct MetricsDoc {
 
    bool enabled() const { return port != 0; }
    // "192.0.2.1:9467", "[2001:db8::1]:9467": as the file writes it.
-   std::string listenText() const {
-      const std::string a = address.toString();
-      return (address.isV6() ? "[" + a + "]" : a) + ":" + std::to_string(port);
-   }
+   std::string listenText() const { return Platform::endpointText(address, port); }
 
    bool operator==(const MetricsDoc&) const = default;
 };

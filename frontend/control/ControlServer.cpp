@@ -1,7 +1,5 @@
 #include "frontend/control/ControlServer.h"
 
-#include "platform/linux/StreamSend.h"
-
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +12,7 @@
 #include <utility>
 
 #include "platform/base/Assert.h"
+#include "platform/linux/StreamSend.h"
 #include "platform/loop/EventLoop.h"
 #include "platform/trace/Trace.h"
 

@@ -1,7 +1,5 @@
 #include "frontend/metrics/MetricsServer.h"
 
-#include "platform/linux/StreamSend.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
@@ -14,6 +12,8 @@
 #include <utility>
 
 #include "frontend/metrics/HttpExchange.h"
+#include "platform/linux/SockAddr.h"
+#include "platform/linux/StreamSend.h"
 #include "platform/loop/EventLoop.h"
 #include "platform/trace/Trace.h"
 
@@ -23,11 +23,6 @@ namespace {
 
 constexpr double kAcceptPause = 1.0;
 constexpr int kBacklog = 16;
-
-std::string endpointText(const Platform::IpGenAddr& address, uint16_t port) {
-   const std::string a = address.toString();
-   return (address.isV6() ? "[" + a + "]" : a) + ":" + std::to_string(port);
-}
 
 }  // namespace
 
@@ -47,7 +42,7 @@ bool MetricsServer::listenIs(const Platform::IpGenAddr& address, uint16_t port) 
    listener_.reset();
    acceptResume_.cancel();
    if (port_ != 0 && port == 0)
-      TRACE(1, "metrics endpoint ", endpointText(address_, port_), " closed");
+      TRACE(1, "metrics endpoint ", Platform::endpointText(address_, port_), " closed");
    address_ = address;
    port_ = port;
    error_.clear();
@@ -57,29 +52,15 @@ bool MetricsServer::listenIs(const Platform::IpGenAddr& address, uint16_t port) 
       TRACE(0, "metrics endpoint not served: ", error_);
       return false;
    }
-   TRACE(1, "metrics endpoint listening on ", endpointText(address, port));
+   TRACE(1, "metrics endpoint listening on ", Platform::endpointText(address, port));
    return true;
 }
 
 bool MetricsServer::doListen(std::string& error) {
-   const std::string where = endpointText(address_, port_);
-   sockaddr_storage storage{};
-   socklen_t length = 0;
-   if (address_.isV6()) {
-      auto& sa = reinterpret_cast<sockaddr_in6&>(storage);
-      sa.sin6_family = AF_INET6;
-      sa.sin6_port = htons(port_);
-      const auto bytes = address_.v6().bytes();
-      std::memcpy(&sa.sin6_addr, bytes.data(), sizeof sa.sin6_addr);
-      length = sizeof sa;
-   } else {
-      auto& sa = reinterpret_cast<sockaddr_in&>(storage);
-      sa.sin_family = AF_INET;
-      sa.sin_port = htons(port_);
-      sa.sin_addr.s_addr = htonl(address_.v4().value());
-      length = sizeof sa;
-   }
-   Platform::Fd fd(::socket(storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+   const std::string where = Platform::endpointText(address_, port_);
+   sockaddr_in6 addr;
+   const socklen_t length = Platform::toSockaddr(address_.isV6(), address_, port_, 0, addr);
+   Platform::Fd fd(::socket(addr.sin6_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
    if (!fd) {
       error = "cannot create a socket for " + where + ": " + std::strerror(errno);
       return false;
@@ -90,7 +71,7 @@ bool MetricsServer::doListen(std::string& error) {
    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
    if (address_.isV6())
       ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&storage), length) < 0 ||
+   if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), length) < 0 ||
        ::listen(fd.get(), kBacklog) < 0) {
       error = "cannot listen on " + where + ": " + std::strerror(errno);
       return false;

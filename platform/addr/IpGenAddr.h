@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -39,6 +40,12 @@ class IpGenAddr {
 
    friend struct std::hash<IpGenAddr>;
 };
+
+// "192.0.2.1:9467", "[2001:db8::1]:9467": an endpoint as configuration files write it.
+inline std::string endpointText(const IpGenAddr& address, uint16_t port) {
+   const std::string a = address.toString();
+   return (address.isV6() ? "[" + a + "]" : a) + ":" + std::to_string(port);
+}
 
 }  // namespace Platform
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/linux/NetNs.h"
+#include "platform/linux/SockAddr.h"
 #include "platform/loop/EventLoop.h"
 #include "platform/trace/Trace.h"
 
@@ -18,45 +19,6 @@ namespace {
 
 std::string errnoText(const std::string& what) {
    return what + ": " + std::strerror(errno);
-}
-
-in_addr toInAddr(IpAddr a) {
-   in_addr out{};
-   out.s_addr = a.toNetwork();
-   return out;
-}
-
-in6_addr toIn6Addr(const Ip6Addr& a) {
-   in6_addr out{};
-   std::memcpy(out.s6_addr, a.bytes().data(), sizeof out.s6_addr);
-   return out;
-}
-
-Ip6Addr fromIn6Addr(const in6_addr& a) {
-   Ip6Addr::Bytes bytes;
-   std::memcpy(bytes.data(), a.s6_addr, bytes.size());
-   return Ip6Addr(bytes);
-}
-
-// The address the socket binds, or a send goes to, in the kernel's form.
-socklen_t toSockaddr(bool ipv6, const IpGenAddr& addr, uint16_t port, uint32_t scope,
-                     sockaddr_in6& out) {
-   out = sockaddr_in6{};
-   if (ipv6) {
-      out.sin6_family = AF_INET6;
-      out.sin6_port = htons(port);
-      if (addr.isV6())
-         out.sin6_addr = toIn6Addr(addr.v6());
-      // The kernel uses the scope only for destinations that need one (link-local,
-      // link-scoped multicast) and ignores it for the rest.
-      out.sin6_scope_id = scope;
-      return sizeof(sockaddr_in6);
-   }
-   auto& in = reinterpret_cast<sockaddr_in&>(out);
-   in.sin_family = AF_INET;
-   in.sin_port = htons(port);
-   in.sin_addr = addr.isV4() ? toInAddr(addr.v4()) : in_addr{htonl(INADDR_ANY)};
-   return sizeof(sockaddr_in);
 }
 
 }  // namespace
