@@ -43,9 +43,10 @@ json kernelIntfJson(const KernelNetInfo::KernelIntf& k, const Platform::IntfId& 
            {"intfId", id.empty() ? json(nullptr) : json(id)}};
 }
 
-json drops(const Status& status) {
+json drops(const Status& status, uint8_t families) {
    json out = json::object();
-   status.forEachDrop([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; });
+   status.forEachDrop([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; },
+                      families);
    return out;
 }
 
@@ -186,6 +187,14 @@ Ptr<const Status> ControlCommands::status() const {
    return status;
 }
 
+// The DHCPv6 relay's, mounted with the DHCPv4 one.
+Ptr<const Status> ControlCommands::status6() const {
+   auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status6");
+   if (!status)
+      throw Frontend::ControlError("the relay status is not mounted yet");
+   return status;
+}
+
 json ControlCommands::doShowStatus() const {
    // Published at once, so that these counters are those show counters would give.
    config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
@@ -202,75 +211,98 @@ json ControlCommands::doShowStatus() const {
       warned.push_back(m.intf.toString() + ": " + text);
       missing.emplace(m.intf, std::move(text));
    }
-   json intfs = json::object();
-   for (const auto& [intf, s] : status->intfStatus()) {
-      json bindings = json::array();
-      for (const auto& [prefix, b] : s->prefixBinding()) {
-         const PrefixBindingAttrs& a = b->addrAttrs();
-         bindings.push_back({{"prefix", prefix.toString()},
-                             {"nextHop", a.nextHop.toString()},
-                             {"vrf", a.vrf.toString()},
-                             {"preferredLifetime", a.preferredLifetime},
-                             {"validLifetime", a.validLifetime}});
+   // One family's interfaces: their counters, servers of that family and warnings.
+   const auto interfaces = [&](const Status& st, bool v6) {
+      json intfs = json::object();
+      for (const auto& [intf, s] : st.intfStatus()) {
+         json bindings = json::array();
+         for (const auto& [prefix, b] : s->prefixBinding()) {
+            const PrefixBindingAttrs& a = b->addrAttrs();
+            bindings.push_back({{"prefix", prefix.toString()},
+                                {"nextHop", a.nextHop.toString()},
+                                {"vrf", a.vrf.toString()},
+                                {"preferredLifetime", a.preferredLifetime},
+                                {"validLifetime", a.validLifetime}});
+         }
+         json intfWarnings = warnings(*s);
+         if (auto m = missing.find(intf); m != missing.end())
+            intfWarnings.push_back(m->second);
+         json servers = json::array();
+         if (auto cfg = config_.document().interfaces.find(intf);
+             cfg != config_.document().interfaces.end()) {
+            for (const Frontend::ServerDoc& server :
+                 v6 ? cfg->second.serversV6 : cfg->second.servers)
+               servers.push_back(serverText(server));
+         }
+         intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
+                                   {"counters", counters(*s)},
+                                   {"servers", servers},
+                                   {"warnings", intfWarnings}};
+         if (v6)
+            intfs[intf.toString()]["prefixBindings"] = bindings;
       }
-      json intfWarnings = warnings(*s);
-      if (auto m = missing.find(intf); m != missing.end())
-         intfWarnings.push_back(m->second);
-      json servers = json::array();
-      if (auto cfg = config_.document().interfaces.find(intf);
-          cfg != config_.document().interfaces.end()) {
-         for (const Frontend::ServerDoc& server : cfg->second.servers)
-            servers.push_back(serverText(server));
-      }
-      intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
-                                {"counters", counters(*s)},
-                                {"servers", servers},
-                                {"warnings", intfWarnings},
-                                {"prefixBindings", bindings}};
-   }
+      return intfs;
+   };
+   auto status6 = this->status6();
+   for (const auto& [vrf, error] : status6->vrfSocketError())
+      warned.push_back("VRF " + vrf.toString() + " relays no DHCPv6: " + error);
    const double now = utc_.now();
-   return {
-       {"counters", counters(*status)},
-       {"drops", drops(*status)},
-       {"interfaces", intfs},
-       {"numSmartRelayedHosts", status->numSmartRelayedHosts()},
-       {"numClientBindings", status->numClientBindings()},
-       {"clientBindingsRefused", status->clientBindingsRefused()},
-       {"counterUpdateTime", status->counterUpdateTime()},
-       {"lastResetAllTime", status->lastResetAllTime()},
-       {"runControl", status->runControl()},
-       {"families",
-        {{"dhcpv4", status->runControl() ? "running" : "idle"}, {"dhcpv6", "not in this version"}}},
-       {"agent",
-        {{"version", DHCP_RELAY_VERSION},
-         {"pid", ::getpid()},
-         {"startTime", startTime_},
-         {"uptime", now - startTime_}}},
-       {"config", {{"file", config_.path()}, {"loadedAt", config_.loadedAt()}}},
-       {"warnings", warned}};
+   return {{"counters", counters(*status)},
+           {"drops", drops(*status, kDropV4)},
+           {"interfaces", interfaces(*status, false)},
+           {"dhcpv6",
+            {{"counters", counters(*status6)},
+             {"drops", drops(*status6, kDropV6)},
+             {"interfaces", interfaces(*status6, true)},
+             {"counterUpdateTime", status6->counterUpdateTime()},
+             {"runControl", status6->runControl()}}},
+           {"numSmartRelayedHosts", status->numSmartRelayedHosts()},
+           {"numClientBindings", status->numClientBindings()},
+           {"clientBindingsRefused", status->clientBindingsRefused()},
+           {"counterUpdateTime", status->counterUpdateTime()},
+           {"lastResetAllTime", status->lastResetAllTime()},
+           {"runControl", status->runControl()},
+           {"families",
+            {{"dhcpv4", status->runControl() ? "running" : "idle"},
+             {"dhcpv6", status6->runControl() ? "running" : "idle"}}},
+           {"agent",
+            {{"version", DHCP_RELAY_VERSION},
+             {"pid", ::getpid()},
+             {"startTime", startTime_},
+             {"uptime", now - startTime_}}},
+           {"config", {{"file", config_.path()}, {"loadedAt", config_.loadedAt()}}},
+           {"warnings", warned}};
 }
 
 // The published counters lag the packet paths by up to the publication interval;
 // asking for them first makes the counters machine publish at once.
 json ControlCommands::doShowCounters(const json& request) const {
    config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
-   auto status = this->status();
-   json intfs = json::object();
    const bool one = request.contains("interface");
-   for (const auto& [intf, s] : status->intfStatus()) {
-      if (one && intf.toString() != Frontend::requestString(request, "interface"))
-         continue;
-      intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()}, {"counters", counters(*s)}};
-   }
-   if (one && intfs.empty())
-      throw Frontend::ControlError("no relay counters for interface " +
-                                   Frontend::requestString(request, "interface"));
-   json out = {{"counterUpdateTime", status->counterUpdateTime()}, {"interfaces", intfs}};
-   if (!one) {
-      out["lastResetAllTime"] = status->lastResetAllTime();
-      out["counters"] = counters(*status);
-      out["drops"] = drops(*status);
-   }
+   const std::string& wanted = one ? Frontend::requestString(request, "interface") : "";
+   bool found = false;
+   const auto family = [&](const Status& status, uint8_t dropFamilies) {
+      json intfs = json::object();
+      for (const auto& [intf, s] : status.intfStatus()) {
+         if (one && intf.toString() != wanted)
+            continue;
+         found = true;
+         intfs[intf.toString()] = {{"lastResetTime", s->lastResetTime()},
+                                   {"counters", counters(*s)}};
+      }
+      json out = {{"counterUpdateTime", status.counterUpdateTime()}, {"interfaces", intfs}};
+      if (!one) {
+         out["lastResetAllTime"] = status.lastResetAllTime();
+         out["counters"] = counters(status);
+         out["drops"] = drops(status, dropFamilies);
+      }
+      return out;
+   };
+   // DHCPv4 at the top, as before DHCPv6 came; DHCPv6 in the same shape beside it.
+   json out = family(*status(), kDropV4);
+   out["dhcpv6"] = family(*status6(), kDropV6);
+   if (one && !found)
+      throw Frontend::ControlError("no relay counters for interface " + wanted);
    return out;
 }
 
@@ -279,9 +311,12 @@ json ControlCommands::doShowCounters(const json& request) const {
 std::string ControlCommands::metricsText() const {
    config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
    const auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status");
+   const auto status6 = store_.entityConst<Status>("ip/helper/dhcprelay/status6");
    std::vector<Frontend::MetricsFamily> families;
    if (status)
-      families.push_back({"dhcpv4", *status});
+      families.push_back({"dhcpv4", *status, kDropV4});
+   if (status6)
+      families.push_back({"dhcpv6", *status6, kDropV6});
    return Frontend::metricsText({DHCP_RELAY_VERSION, startTime_}, families);
 }
 
@@ -298,7 +333,7 @@ json ControlCommands::doClear(const json& request) const {
    }
    const std::string& name = Frontend::requestString(request, "interface");
    auto intf = Platform::IntfId::parse(name);
-   if (!intf || !status()->intfStatus(*intf))
+   if (!intf || (!status()->intfStatus(*intf) && !status6()->intfStatus(*intf)))
       throw Frontend::ControlError("no relay counters for interface " + name);
    auto entry = cc->intfConfigIs(*intf);
    entry->resetTriggerIs(entry->resetTrigger() + 1);

@@ -38,6 +38,7 @@ class ControlCommands {
    nlohmann::json doShowCounters(const nlohmann::json& request) const;
    nlohmann::json doClear(const nlohmann::json& request) const;
    Ptr<const Status> status() const;
+   Ptr<const Status> status6() const;
    struct MissingDevice {
       Platform::IntfId intf;
       std::string device;

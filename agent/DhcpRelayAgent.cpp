@@ -28,6 +28,8 @@ Agent::Agent(Platform::AgentContext& ctx, std::unique_ptr<DhcpPamFactory> pamFac
 Agent::~Agent() {
    // The roots' machines were built after the directories they watch, so they go
    // first; the remaining members are then released in reverse build order.
+   if (dhcp6Root_)
+      dhcp6Root_->dhcpRelaySmv6Del();
    if (dhcpRoot_) {
       dhcpRoot_->dhcpRelaySmDel();
       dhcpRoot_->dhcpVrfSelectSmDel();
@@ -54,6 +56,7 @@ void Agent::doInit(Platform::StateStore& store) {
    group->mount<Config>("ip/helper/dhcprelay/config", MountMode::read);
    group->mount<CounterConfig>("ip/helper/dhcprelay/counterConfig", MountMode::read);
    group->mount<Status>("ip/helper/dhcprelay/status", MountMode::write);
+   group->mount<Status>("ip/helper/dhcprelay/status6", MountMode::write);
    group->mount<MlagDhcpRelay::Status>("ip/helper/dhcprelay/mlagStatus", MountMode::read);
    group->mount<ClientContext>("ip/helper/dhcprelay/clientContext", MountMode::write);
    group->mount<Platform::Dir>("routing6/vrf/input", MountMode::writeImmediate);
@@ -119,6 +122,13 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
        entityManager.entity<Status>("ip/helper/dhcprelay/status"), localDhcpRelayStatus_,
        *timerWheel_);
    dhcpRelayCountersSm_->handleInitialized();
+   localDhcp6RelayStatus_ =
+       entityManager.localEntityIs<Status>("LocalDhcp6RelayStatus", "agent/dhcprelay/localStatus6");
+   dhcp6RelayCountersSm_ = std::make_unique<DhcpRelayCountersSm>(
+       entityManager.entityConst<CounterConfig>("ip/helper/dhcprelay/counterConfig"),
+       entityManager.entity<Status>("ip/helper/dhcprelay/status6"), localDhcp6RelayStatus_,
+       *timerWheel_);
+   dhcp6RelayCountersSm_->handleInitialized();
    activeVrfDirv4_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv4");
    dhcpRoot_->dhcpVrfSelectSmIs(entityManager.entityConst<Ip::Status>("ip/status"),
                                 dhcpRelayIntfServerIp_, activeVrfDirv4_);
@@ -140,6 +150,20 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    });
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
+   dhcp6Root_->dhcpRelaySmv6Is({
+       .config = config,
+       .status = localDhcp6RelayStatus_,
+       .ip6Status = entityManager.entityConst<Ip6::Status>("ip6/status"),
+       .vrfStatus = entityManager.entityConst<Ip::AllVrfStatusLocal>("ip/vrf/status/local"),
+       .deviceIntfStatusDir = entityManager.publishedAs<const Interface::DeviceNameConfig>(
+           "interface/config/deviceName"),
+       .activeVrfDir = activeVrfDirv6_,
+       .entityMib = entityManager.entityConst<EntityMib::Status>("hardware/entmib"),
+       .mcGroups = mcGroupsApp,
+       .entityManager = &entityManager,
+       .intfStatusManagerRoot = intfStatusManagerRoot_.get(),
+       .pamFactory = pamFactory_.get(),
+   });
    dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");
 }
 

@@ -57,6 +57,9 @@ class Agent : public Platform::Agent {
    }
    DhcpRelayServerIpSm* dhcpRelayServerIpSm() const { return dhcpRelayServerIpSm_.get(); }
    DhcpRelayCountersSm* dhcpRelayCountersSm() const { return dhcpRelayCountersSm_.get(); }
+   // The DHCPv6 relay counts into a Status of its own, published beside the DHCPv4 one.
+   const Ptr<Status>& localDhcp6RelayStatus() const { return localDhcp6RelayStatus_; }
+   DhcpRelayCountersSm* dhcp6RelayCountersSm() const { return dhcp6RelayCountersSm_.get(); }
    const Ptr<VrfWithCountDir>& activeVrfDirv4() const { return activeVrfDirv4_; }
    const Ptr<Rootv6>& dhcp6Root() const { return dhcp6Root_; }
    const Ptr<VrfWithCountDir>& activeVrfDirv6() const { return activeVrfDirv6_; }
@@ -81,6 +84,8 @@ class Agent : public Platform::Agent {
    Ptr<HostnameToIntfNameMap> hostnameToIntfNameMap_;
    std::unique_ptr<DhcpRelayServerIpSm> dhcpRelayServerIpSm_;
    std::unique_ptr<DhcpRelayCountersSm> dhcpRelayCountersSm_;
+   Ptr<Status> localDhcp6RelayStatus_;
+   std::unique_ptr<DhcpRelayCountersSm> dhcp6RelayCountersSm_;
    Ptr<VrfWithCountDir> activeVrfDirv4_;
    Ptr<Rootv6> dhcp6Root_;
    Ptr<VrfWithCountDir> activeVrfDirv6_;

@@ -5,6 +5,7 @@
 
 #include "platform/store/Entity.h"
 #include "relay4/DhcpRelaySm.h"
+#include "relay6/DhcpRelaySmv6.h"
 #include "servers/DhcpVrfSelectSmv4.h"
 
 // The roots own the state machines of their subsystem: deleting a root deletes
@@ -50,6 +51,19 @@ class Rootv6 : public Platform::Entity {
  public:
    PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Rootv6")
    using Entity::Entity;
+
+   DhcpRelaySmv6* dhcpRelaySmv6() const { return dhcpRelaySmv6_.get(); }
+   DhcpRelaySmv6* dhcpRelaySmv6Is(DhcpRelaySmv6::Inputs inputs) {
+      dhcpRelaySmv6_ = std::make_unique<DhcpRelaySmv6>(std::move(inputs));
+      dhcpRelaySmv6_->handleInitialized();
+      return dhcpRelaySmv6_.get();
+   }
+   void dhcpRelaySmv6Del() { dhcpRelaySmv6_.reset(); }
+
+   ~Rootv6() override { dhcpRelaySmv6Del(); }
+
+ private:
+   std::unique_ptr<DhcpRelaySmv6> dhcpRelaySmv6_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -1,5 +1,6 @@
 #include "counters/DhcpRelayCounters.h"
 
+#include "codec/Dhcp6Codec.h"
 #include "codec/DhcpHdr.h"
 #include "platform/trace/Trace.h"
 
@@ -71,6 +72,18 @@ void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf, DropRe
    status.dropsInc(reason);
    TRACE(6, " dropped (", dropReasonName(reason), ") on ", intf);
    pktDropped(status, op, intf);
+}
+
+uint8_t dhcp6Direction(uint8_t msgType) {
+   switch (msgType) {
+      case dhcp6Advertise:
+      case dhcp6Reply:
+      case dhcp6Reconfigure:
+      case dhcp6RelayRepl:
+         return bootReply;
+      default:
+         return bootRequest;
+   }
 }
 
 void copyDhcpRelayCounters(const Status& from, Status& to) {

@@ -20,6 +20,22 @@ void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf);
 // trace line naming the reason. The caller writes its own line with the details.
 void pktDropped(Status& status, uint8_t op, const Platform::IntfId& intf, DropReason reason);
 
+// DHCPv6 counting, on the DHCPv6 relay's own Status, by message type: what travels towards
+// servers (client messages, Relay-Forw, and types no RFC assigns, which the relay forwards
+// like client messages) counts as a request, what travels towards clients (Advertise,
+// Reply, Reconfigure, Relay-Repl) as a reply.
+uint8_t dhcp6Direction(uint8_t msgType);
+inline void pkt6Received(Status& status, uint8_t msgType, const Platform::IntfId& intf) {
+   pktReceived(status, dhcp6Direction(msgType), intf);
+}
+inline void pkt6Forwarded(Status& status, uint8_t msgType, const Platform::IntfId& intf) {
+   pktForwarded(status, dhcp6Direction(msgType), intf);
+}
+inline void pkt6Dropped(Status& status, uint8_t msgType, const Platform::IntfId& intf,
+                        DropReason reason) {
+   pktDropped(status, dhcp6Direction(msgType), intf, reason);
+}
+
 // Copies the counters and reset times of `from` into `to`, globally and per interface,
 // creating the intfStatus entries `to` lacks. Entries `to` has beyond `from` are left alone,
 // so copying the published counters into a local Status at start-up never removes an

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "model/VrfIpSrcIntfSrcIp.h"
+#include "platform/addr/EthAddr.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
 #include "platform/addr/VrfName.h"
@@ -107,6 +108,7 @@ class Config : public Platform::Entity {
       virtual void handleDscpV6() {}
       virtual void handleAlwaysOn() {}
       virtual void handleClientLinkLayerAddrOpt() {}
+      virtual void handleRemoteId() {}
    };
 
    PLATFORM_RECORDS(intfConfig, IntfConfig, Platform::IntfId, IntfConfig)
@@ -125,6 +127,15 @@ class Config : public Platform::Entity {
    void alwaysOnIs(bool v) { attrIs(alwaysOn_, v, &Reactor::handleAlwaysOn); }
    // Add the DHCPv6 client link-layer address option (79).
    bool clientLinkLayerAddrOpt() const { return clientLinkLayerAddrOpt_; }
+   // The relay's own DHCPv6 Remote-Id: enterprise number, and MAC (zero: the system MAC).
+   uint32_t remoteIdEnterprise() const { return remoteIdEnterprise_; }
+   void remoteIdEnterpriseIs(uint32_t v) {
+      attrIs(remoteIdEnterprise_, v, &Reactor::handleRemoteId);
+   }
+   const Platform::EthAddr& remoteIdMac() const { return remoteIdMac_; }
+   void remoteIdMacIs(const Platform::EthAddr& v) {
+      attrIs(remoteIdMac_, v, &Reactor::handleRemoteId);
+   }
    void clientLinkLayerAddrOptIs(bool v) {
       attrIs(clientLinkLayerAddrOpt_, v, &Reactor::handleClientLinkLayerAddrOpt);
    }
@@ -135,6 +146,8 @@ class Config : public Platform::Entity {
    uint8_t dscpV6_ = 0;
    bool alwaysOn_ = false;
    bool clientLinkLayerAddrOpt_ = false;
+   uint32_t remoteIdEnterprise_ = 32473;
+   Platform::EthAddr remoteIdMac_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

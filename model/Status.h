@@ -147,10 +147,14 @@ class Status : public Platform::Entity {
       ++drops_[static_cast<size_t>(r)];
       notify(&Reactor::handleCounter);
    }
+   // The reasons of the families in the mask (kDropV4, kDropV6), in list order.
    template <class F>
-   void forEachDrop(F&& fn) const {
-      for (size_t i = 0; i < kDropReasonCount; ++i)
-         fn(dropReasonName(static_cast<DropReason>(i)), drops_[i]);
+   void forEachDrop(F&& fn, uint8_t families = kDropV4 | kDropV6) const {
+      for (size_t i = 0; i < kDropReasonCount; ++i) {
+         const auto reason = static_cast<DropReason>(i);
+         if (dropReasonFamilies(reason) & families)
+            fn(dropReasonName(reason), drops_[i]);
+      }
    }
    void dropsIs(const Status& src) {
       if (drops_ == src.drops_)

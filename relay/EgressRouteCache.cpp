@@ -4,7 +4,7 @@ namespace Ip::Helper::DhcpRelay {
 
 const EgressRouteCache::Answer& EgressRouteCache::egressRoute(Platform::RouteSocket& socket,
                                                               std::optional<uint64_t> generation,
-                                                              Platform::IpAddr server) {
+                                                              const Platform::IpGenAddr& server) {
    if (generation != generation_) {
       answers_.clear();
       generation_ = generation;

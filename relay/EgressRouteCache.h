@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "platform/addr/IpAddr.h"
+#include "platform/addr/IpGenAddr.h"
 #include "platform/linux/RouteSocket.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -29,12 +29,12 @@ class EgressRouteCache {
    // Valid until the next call. Without a generation (nobody follows the namespace's
    // routes) every lookup asks the kernel.
    const Answer& egressRoute(Platform::RouteSocket& socket, std::optional<uint64_t> generation,
-                             Platform::IpAddr server);
+                             const Platform::IpGenAddr& server);
    size_t size() const { return answers_.size(); }
 
  private:
    std::optional<uint64_t> generation_;
-   std::unordered_map<Platform::IpAddr, Answer> answers_;
+   std::unordered_map<Platform::IpGenAddr, Answer> answers_;
    // The latest request's answer: reused, so that asking does not allocate either.
    Answer fresh_;
 };

@@ -78,9 +78,16 @@ void RelayVrfSet::handleActiveVrfDir(const VrfName& vrf) {
    }
 }
 
+void RelayVrfSet::defaultPinnedIs(bool pinned) {
+   if (pinned == defaultPinned_)
+      return;
+   defaultPinned_ = pinned;
+   handleActiveVrfDir(VrfName::defaultVrf());
+}
+
 bool RelayVrfSet::needed(const VrfName& vrf) const {
    Ptr<VrfWithCount> count = activeVrfDir_->vrfCount(vrf);
-   return count && (vrf.isDefault() || count->count() > 0);
+   return count && ((vrf.isDefault() && defaultPinned_) || count->count() > 0);
 }
 
 bool RelayVrfSet::usable(const VrfName& vrf) const {

@@ -38,6 +38,11 @@ class RelayVrfSet {
    void handleVrfStatus(const Platform::VrfName& vrf);
    void handleActiveVrfDir(const Platform::VrfName& vrf);
 
+   // Whether "default" keeps its sockets with no server or interface counted in it: the
+   // DHCPv4 relay always listens there; the DHCPv6 relay only while told to (always-on), so
+   // that a host relaying no DHCPv6 leaves its port to others.
+   void defaultPinnedIs(bool pinned);
+
    bool usable(const Platform::VrfName& vrf) const;
    bool needed(const Platform::VrfName& vrf) const;
    // The VRF's namespace; the agent's own for "default".
@@ -48,6 +53,7 @@ class RelayVrfSet {
    Ptr<const Ip::AllVrfStatusLocal> vrfStatus_;
    Ptr<const VrfWithCountDir> activeVrfDir_;
    bool initialized_ = false;
+   bool defaultPinned_ = true;
    Platform::Watch<const Ip::AllVrfStatusLocal> vrfsWatch_;
    Platform::Watch<const VrfWithCountDir> activeDirWatch_;
    std::map<Platform::VrfName, Platform::Watch<const Ip::VrfStatusLocal>> vrfWatch_;

@@ -91,6 +91,8 @@ void applyRelay(Relay::Config& c, const ConfigDocument& doc, const ConfigDocumen
    c.dscpV6Is(doc.relay.dscpV6);
    c.alwaysOnIs(doc.relay.alwaysOn);
    c.clientLinkLayerAddrOptIs(doc.relay.clientLinkLayerAddress);
+   c.remoteIdEnterpriseIs(doc.relay.remoteIdEnterprise);
+   c.remoteIdMacIs(doc.relay.remoteIdMac.value_or(Platform::EthAddr()));
    sync(
        c.intfConfig(), doc.interfaces,
        [&](const IntfId& intf) {

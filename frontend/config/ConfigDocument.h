@@ -53,6 +53,11 @@ struct RelayDoc {
    uint8_t dscpV6 = 0;
    bool alwaysOn = false;
    bool clientLinkLayerAddress = false;
+   // The relay's own DHCPv6 Remote-Id: an enterprise number and a MAC (absent: the
+   // system's bridge MAC). 32473 is the number IANA keeps for documentation (RFC 5612):
+   // an operator with an enterprise number of their own sets it.
+   uint32_t remoteIdEnterprise = 32473;
+   std::optional<Platform::EthAddr> remoteIdMac;
 
    bool operator==(const RelayDoc&) const = default;
 };

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "codec/Dhcp6Codec.h"
 #include "frontend/config/YamlTree.h"
 #include "platform/linux/Fd.h"
 
@@ -243,11 +244,6 @@ class Parser {
    // Settings this version reads but does not act on yet: taken, so a file written for a
    // later version still loads, but never silently.
    void warnNotYetDone(ParsedConfig& out) const {
-      for (const auto& [intf, cfg] : out.document.interfaces) {
-         if (!cfg.serversV6.empty())
-            out.warnings.push_back(file_ + ": interfaces." + intf.toString() +
-                                   ".servers-v6: this version does not relay DHCPv6 yet");
-      }
       if (out.document.snooping.enabled)
          out.warnings.push_back(file_ + ": snooping.enabled: this version does not snoop yet");
    }
@@ -458,6 +454,13 @@ class Parser {
          error(line, at.path(), "VRF name is empty");
          return std::nullopt;
       }
+      if (text.find(Ip::Helper::DhcpRelay::kInterfaceIdSeparator) != std::string::npos) {
+         error(line, at.path(),
+               std::string("VRF name holds \"") + Ip::Helper::DhcpRelay::kInterfaceIdSeparator +
+                   "\", which separates interface and VRF in the DHCPv6 Interface-Id: " +
+                   quoted(text));
+         return std::nullopt;
+      }
       if (const auto name = VrfName::parse(text))
          return name;
       error(line, at.path(),
@@ -567,17 +570,23 @@ class Parser {
    }
 
    void bridgeMac(const Value& v) {
+      if (const auto mac = unicastMac(v))
+         doc_.system.bridgeMac = mac;
+   }
+
+   std::optional<EthAddr> unicastMac(const Value& v) {
       const auto s = string(v);
       if (!s)
-         return;
+         return std::nullopt;
       const auto mac = EthAddr::parse(*s);
       if (!mac) {
          error(v.line, v.path(), "not a MAC address: " + quoted(*s));
       } else if (mac->isZero() || (mac->bytes()[0] & 1)) {
          error(v.line, v.path(), "not a unicast MAC address: " + quoted(*s));
       } else {
-         doc_.system.bridgeMac = mac;
+         return mac;
       }
+      return std::nullopt;
    }
 
    void relay(const Value& v) {
@@ -587,7 +596,18 @@ class Parser {
                   {"dscp-v6", [&](const Value& m) { dscp(m, r.dscpV6); }},
                   {"always-on", [&](const Value& m) { setBool(m, r.alwaysOn); }},
                   {"client-link-layer-address",
-                   [&](const Value& m) { setBool(m, r.clientLinkLayerAddress); }}});
+                   [&](const Value& m) { setBool(m, r.clientLinkLayerAddress); }},
+                  {"remote-id", [&](const Value& m) { remoteId(m); }}});
+   }
+
+   void remoteId(const Value& v) {
+      RelayDoc& r = doc_.relay;
+      members(v, {{"enterprise-number",
+                   [&](const Value& m) {
+                      if (const auto n = integerIn(m, 0, UINT32_MAX, "enterprise number"))
+                         r.remoteIdEnterprise = static_cast<uint32_t>(*n);
+                   }},
+                  {"mac", [&](const Value& m) { r.remoteIdMac = unicastMac(m); }}});
    }
 
    void devices(const Value& v) {

@@ -71,7 +71,8 @@ bool KernelTableFollower::start(std::string& error) {
    // crowd out device and address changes, and losing some of its messages costs only a
    // step of the generation, not a full dump.
    routeWatch_ =
-       socket_ ? NetlinkSocket::open(nsName_, RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE, true, error)
+       socket_ ? NetlinkSocket::open(
+                     nsName_, RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE | RTMGRP_IPV6_ROUTE, true, error)
                : nullptr;
    if (!routeWatch_) {
       TRACE(0, "cannot follow network namespace \"", nsName_, "\": ", error);
@@ -83,6 +84,7 @@ bool KernelTableFollower::start(std::string& error) {
    // 5.3 have no such group, and there routes carry their next hops themselves.
    std::string ignored;
    routeWatch_->netlinkOptionIs(NETLINK_ADD_MEMBERSHIP, RTNLGRP_NEXTHOP, ignored);
+   routeWatch_->netlinkOptionIs(NETLINK_ADD_MEMBERSHIP, RTNLGRP_IPV6_RULE, ignored);
    // Strict checking makes the kernel honour a dump's ifindex (Linux 4.20); before it, a
    // device's address dump lists every device and only that one is taken.
    socket_->netlinkOptionIs(NETLINK_GET_STRICT_CHK, 1, ignored);

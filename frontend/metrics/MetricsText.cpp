@@ -139,9 +139,11 @@ std::string metricsText(const MetricsAgent& agent, const std::vector<MetricsFami
           "Messages dropped, by reason (dhcp-relay-ctl show counters --drops); each is also in "
           "the requests or replies dropped.");
    for (const MetricsFamily& f : families)
-      f.status.forEachDrop([&](std::string_view reason, uint64_t n) {
-         w.sample({{"family", f.name}, {"reason", reason}}, n);
-      });
+      f.status.forEachDrop(
+          [&](std::string_view reason, uint64_t n) {
+             w.sample({{"family", f.name}, {"reason", reason}}, n);
+          },
+          f.dropFamilies);
    w.head("client_bindings", "gauge", "Client bindings kept for unicast renewals.");
    for (const MetricsFamily& f : families)
       w.sample({{"family", f.name}}, f.status.numClientBindings());

@@ -11,8 +11,9 @@ namespace Frontend {
 // One relay family's status as the metrics show it: its samples carry family="<name>", so
 // DHCPv6 adds samples to the same metric names rather than names of its own.
 struct MetricsFamily {
-   std::string_view name;  // "dhcpv4"
+   std::string_view name;  // "dhcpv4", "dhcpv6"
    const Ip::Helper::DhcpRelay::Status& status;
+   uint8_t dropFamilies;  // the family's drop reasons: kDropV4 or kDropV6
 };
 
 struct MetricsAgent {

@@ -66,7 +66,7 @@ class KernelIntf : public Platform::Entity {
 // Kernel devices by ifindex: packets arrive with an ifindex, and this is how the
 // relay finds the device, and from it the interface, they came in on.
 //
-// routeGeneration changes whenever the namespace's IPv4 routes, rules or nexthops, its
+// routeGeneration changes whenever the namespace's routes, rules or nexthops (either family), its
 // devices or their addresses may have changed (or notifications of them were lost): an
 // answer the kernel gave about routing holds while it stays the same. Routes themselves
 // are not kept.

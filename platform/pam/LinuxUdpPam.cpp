@@ -58,6 +58,17 @@ bool LinuxUdpPam::doOpen(std::string& error) {
       return false;
    if (!doSetTos(fd.get(), error))
       return false;
+   if (ipv6()) {
+      // Our own multicast sends must not come back to us as if a client had sent them, and
+      // a copy to a site-scope group (All_DHCP_Servers) must get past the link's router.
+      const int loop = 0;
+      const int hops = kMulticastHops;
+      if (::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_MULTICAST_LOOP, &loop, sizeof loop) < 0 ||
+          ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops) < 0) {
+         error = errnoText("IPV6_MULTICAST_LOOP/HOPS");
+         return false;
+      }
+   }
    sockaddr_in6 addr;
    const socklen_t len = toSockaddr(ipv6(), rxAddr(), rxPort(), 0, addr);
    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&addr), len) < 0) {

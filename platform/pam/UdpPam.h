@@ -41,6 +41,9 @@ class UdpPam : public ReadablePam<UdpDatagram> {
    PLATFORM_ENTITY_TYPE("Platform::UdpPam")
 
    static constexpr size_t kDefaultMaxRxPayload = 1500;
+   // IPv6 multicast sends leave with this hop limit (the DHCPv6 relay hop-count limit) and
+   // never loop back to the sending host.
+   static constexpr int kMulticastHops = 32;
 
    class Reactor : public ReactorOf<const UdpPam> {
     public:

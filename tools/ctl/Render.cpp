@@ -269,8 +269,66 @@ Table dropsTable(const json& data) {
 
 std::string renderDrops(const json& data) {
    const Table t = dropsTable(data);
-   return t.empty() ? "No message dropped.\n" : t.text();
+   std::string out = t.empty() ? "No message dropped.\n" : t.text();
+   if (data.contains("dhcpv6") && data["dhcpv6"].is_object()) {
+      const Table t6 = dropsTable(data["dhcpv6"]);
+      out += "\nDHCPv6\n" + (t6.empty() ? std::string("No message dropped.\n") : t6.text());
+   }
+   return out;
 }
+
+namespace {
+
+// One family's counters, drops and interfaces.
+void relayInto(const json& data, std::string& out) {
+   if (data.contains("counters")) {
+      out += "\nCounters\n";
+      countersInto(data["counters"], kGlobalCounters, out, 2);
+   }
+   if (const Table drops = dropsTable(data); !drops.empty())
+      out += "\nDropped, by reason\n" + drops.text();
+   if (!data.contains("interfaces"))
+      return;
+   for (const auto& [name, intf] : data["interfaces"].items()) {
+      out += "\nInterface " + name;
+      if (intf.contains("lastResetTime"))
+         out += "  (counters cleared " + timeText(intf["lastResetTime"]) + ")";
+      out += "\n";
+      if (intf.contains("counters"))
+         countersInto(intf["counters"], kIntfCounters, out, 2);
+      for (const auto& [key, value] : intf.items()) {
+         if (key == "counters" || key == "lastResetTime" || key == "prefixBindings")
+            continue;
+         if (key == "servers") {
+            for (const auto& server : value)
+               out += "  Server: " + server.get<std::string>() + "\n";
+            continue;
+         }
+         if (key == "warnings") {
+            for (const auto& w : value)
+               out += "  Warning: " + w.get<std::string>() + "\n";
+            continue;
+         }
+         out += "  " + humanized(key) + ": " +
+                (isScalar(value) ? scalarText(value) : value.dump()) + "\n";
+      }
+      const json bindings = intf.value("prefixBindings", json::array());
+      if (bindings.empty())
+         continue;
+      out += "  Delegated prefixes\n";
+      Table t({"Prefix", "Next hop", "VRF", "Preferred", "Valid"});
+      t.rightAlignedIs(3);
+      t.rightAlignedIs(4);
+      for (const auto& b : bindings)
+         t.rowAdd({scalarText(b.value("prefix", json())), scalarText(b.value("nextHop", json())),
+                   scalarText(b.value("vrf", json())),
+                   scalarText(b.value("preferredLifetime", json())),
+                   scalarText(b.value("validLifetime", json()))});
+      out += t.text(4);
+   }
+}
+
+}  // namespace
 
 std::string renderStatus(const json& data) {
    std::string out;
@@ -310,50 +368,10 @@ std::string renderStatus(const json& data) {
    out += summary.text();
    for (const auto& w : data.value("warnings", json::array()))
       out += "Warning: " + w.get<std::string>() + "\n";
-   if (data.contains("counters")) {
-      out += "\nCounters\n";
-      countersInto(data["counters"], kGlobalCounters, out, 2);
-   }
-   if (const Table drops = dropsTable(data); !drops.empty())
-      out += "\nDropped, by reason\n" + drops.text();
-   if (!data.contains("interfaces"))
-      return out;
-   for (const auto& [name, intf] : data["interfaces"].items()) {
-      out += "\nInterface " + name;
-      if (intf.contains("lastResetTime"))
-         out += "  (counters cleared " + timeText(intf["lastResetTime"]) + ")";
-      out += "\n";
-      if (intf.contains("counters"))
-         countersInto(intf["counters"], kIntfCounters, out, 2);
-      for (const auto& [key, value] : intf.items()) {
-         if (key == "counters" || key == "lastResetTime" || key == "prefixBindings")
-            continue;
-         if (key == "servers") {
-            for (const auto& server : value)
-               out += "  Server: " + server.get<std::string>() + "\n";
-            continue;
-         }
-         if (key == "warnings") {
-            for (const auto& w : value)
-               out += "  Warning: " + w.get<std::string>() + "\n";
-            continue;
-         }
-         out += "  " + humanized(key) + ": " +
-                (isScalar(value) ? scalarText(value) : value.dump()) + "\n";
-      }
-      const json bindings = intf.value("prefixBindings", json::array());
-      if (bindings.empty())
-         continue;
-      out += "  Delegated prefixes\n";
-      Table t({"Prefix", "Next hop", "VRF", "Preferred", "Valid"});
-      t.rightAlignedIs(3);
-      t.rightAlignedIs(4);
-      for (const auto& b : bindings)
-         t.rowAdd({scalarText(b.value("prefix", json())), scalarText(b.value("nextHop", json())),
-                   scalarText(b.value("vrf", json())),
-                   scalarText(b.value("preferredLifetime", json())),
-                   scalarText(b.value("validLifetime", json()))});
-      out += t.text(4);
+   relayInto(data, out);
+   if (data.contains("dhcpv6") && data["dhcpv6"].is_object()) {
+      out += "\nDHCPv6\n";
+      relayInto(data["dhcpv6"], out);
    }
    return out;
 }

@@ -1,0 +1,158 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "model/Config.h"
+#include "model/DropReason.h"
+#include "model/Status.h"
+#include "model/VrfIpSrcIntfSrcIp.h"
+#include "model/VrfWithCountDir.h"
+#include "model/switch/IntfStatusDir.h"
+#include "model/switch/Ip6Status.h"
+#include "model/switch/SystemStatus.h"
+#include "model/switch/VrfStatus.h"
+#include "platform/addr/IntfId.h"
+#include "platform/addr/Ip6Addr.h"
+#include "platform/packet/Pkt.h"
+#include "platform/store/StateStore.h"
+#include "relay/DhcpPamFactory.h"
+#include "relay/IntfLookupTable.h"
+#include "relay/RelayVrfSet.h"
+#include "relay6/Dhcp6PacketSink.h"
+#include "relay6/DhcpVrfSmv6.h"
+
+namespace Ip::Helper::DhcpRelay {
+
+struct Dhcp6RelayReply;
+
+// The DHCPv6 relay's central machine, the IPv6 counterpart of DhcpRelaySm on the same core:
+// it follows the relay configuration and the interfaces' IPv6 status, keeps one
+// DhcpVrfSmv6 per VRF the relay needs (RelayVrfSet over activeVrfDirv6), the relaying
+// interfaces of each VRF (which join the relay multicast group there), the (VRF, address)
+// lookup table, and one IntfStatus per relaying interface in its own Status. An interface
+// relays DHCPv6 from its first configured serverIp6 entry to its last.
+//
+// Every datagram the VRF sockets receive comes back through doProcessPacket: client
+// messages and Relay-Forw go up wrapped in a Relay-Forw per server (the forward path),
+// Relay-Repl come down unwrapped (the reply path). Every drop goes through doDropped.
+class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
+ public:
+   // A Relay-Forw already this many hops up is not relayed further (RFC 8415 HOP_COUNT_LIMIT).
+   static constexpr uint8_t kHopCountLimit = 32;
+
+   struct Inputs {
+      Ptr<const Config> config;
+      // The agent-local DHCPv6 status the packet paths count into.
+      Ptr<Status> status;
+      Ptr<const Ip6::Status> ip6Status;
+      Ptr<const Ip::AllVrfStatusLocal> vrfStatus;
+      Ptr<const Interface::DeviceNameConfig> deviceIntfStatusDir;
+      Ptr<const VrfWithCountDir> activeVrfDir;
+      // The system MAC for the relay's Remote-Id.
+      Ptr<const EntityMib::Status> entityMib;
+      // The "dhcprelay" entry of the IPv6 multicast groups applications want joined.
+      Ptr<Ip6::MulticastGroupsForApplications> mcGroups;
+      Platform::StateStore* entityManager = nullptr;
+      Interface::IntfStatusSource* intfStatusManagerRoot = nullptr;
+      DhcpPamFactory* pamFactory = nullptr;
+   };
+
+   explicit DhcpRelaySmv6(Inputs inputs);
+   virtual ~DhcpRelaySmv6();
+   DhcpRelaySmv6(const DhcpRelaySmv6&) = delete;
+   DhcpRelaySmv6& operator=(const DhcpRelaySmv6&) = delete;
+
+   void handleInitialized();
+
+   // Reactor entry points.
+   void handleRelayConfig(const Platform::IntfId& intf);
+   void handleServerIp6(const Platform::IntfId& intf);
+   void handleCcapCores(const Platform::IntfId& intf);
+   void handleIp6IntfStatus(const Platform::IntfId& intf);
+   void handleAlwaysOn();
+   void handleVrfAdd(const Platform::VrfName& vrf) override;
+   void handleVrfDel(const Platform::VrfName& vrf) override;
+
+   void doProcessPacket(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp,
+                        const Platform::Ip6Addr& dstIp, const Platform::IntfId& intf,
+                        const Platform::VrfName& vrf) override;
+
+   // Queries.
+   const Ptr<Status>& status() const { return in_.status; }
+   DhcpVrfSmv6* dhcpVrfSmv6(const Platform::VrfName& vrf) const;
+   const std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSmv6>>& dhcpVrfSmv6() const {
+      return dhcpVrfSmv6_;
+   }
+   const std::map<Platform::VrfName, std::set<Platform::IntfId>>& intfsInVrf() const {
+      return intfsInVrf_;
+   }
+   const IntfLookupTable& intfLookupTbl() const { return lookup_; }
+   bool relaying(const Platform::IntfId& intf) const;
+   // The first link-local (true) or global unicast (false) address of a relaying interface;
+   // :: when it has none.
+   Platform::Ip6Addr getIntfIpAddr(const Platform::IntfId& intf, bool linkLocal) const;
+
+ protected:
+   // Where the kernel of a VRF's namespace sends a packet to `server`. Virtual so that
+   // tests without namespaces can answer for the kernel.
+   virtual std::optional<Platform::EgressRoute> egressRoute(DhcpVrfSmv6& sm,
+                                                            const Platform::Ip6Addr& server);
+
+ private:
+   // Per interface with relay configuration: its configuration and, while it relays, its
+   // IPv6 status and what the packet paths read of them.
+   struct Intf {
+      Platform::Watch<const IntfConfig> config;
+      Platform::Watch<const Ip6::IntfStatus> ip6;
+      bool relaying = false;
+      Platform::VrfName vrf;  // the VRF its rows and intfsInVrf entry are under
+      bool inVrf = false;
+      Platform::Ip6Addr linkAddress;  // first global unicast address
+      Platform::Ip6Addr linkLocal;    // first link-local address
+      std::vector<Platform::Ip6Prefix> prefixes;
+      std::vector<Platform::Ip6Addr> ccapCores;
+   };
+   struct Forward;
+
+   // --- interfaces
+   Intf* intf(const Platform::IntfId& intf) const;
+   void doUpdateStatusIntf(const Platform::IntfId& intf, Intf& state);
+   void doIntfsInVrf(const Platform::IntfId& intf, Intf& state);
+   void doRunControl();
+
+   // --- forward path (ForwardPath.cpp)
+   void handleForwardReq(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp, uint8_t msgType,
+                         const Platform::IntfId& intf, const Platform::VrfName& vrf);
+   void forwardReqHelper(Forward& fwd);
+   bool forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& server);
+   // Whether the address lies in one of the interface's IPv6 subnets.
+   static bool inSubnets(const Intf& state, const Platform::Ip6Addr& addr);
+
+   // --- reply path (ReplyPath.cpp)
+   void handleRelayReply(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp,
+                         const Platform::VrfName& vrf);
+   bool isServerOf(const IntfConfig& config, const Platform::VrfName& vrf,
+                   const Platform::Ip6Addr& srcIp) const;
+
+   // Every drop: counted by reason under the received message's type, and one line for an
+   // operator following clients.
+   void doDropped(uint8_t msgType, const Platform::IntfId& intf, DropReason reason);
+
+   Inputs in_;
+   bool initialized_ = false;
+   IntfLookupTable lookup_;
+   RelayVrfSet vrfs_;
+   std::map<Platform::VrfName, std::set<Platform::IntfId>> intfsInVrf_;
+   std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSmv6>> dhcpVrfSmv6_;
+   std::map<Platform::IntfId, std::unique_ptr<Intf>> intfs_;
+   size_t relayingCount_ = 0;
+   // Cross-VRF servers of the message being forwarded: kept so that its capacity is reused.
+   std::vector<const VrfIpSrcIntfSrcIp*> crossVrf_;
+   Platform::Watch<const Config> config_;
+   Platform::Watch<const Ip6::Status> ip6Status_;
+};
+
+}  // namespace Ip::Helper::DhcpRelay

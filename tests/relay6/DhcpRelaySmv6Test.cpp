@@ -1,0 +1,313 @@
+#include <gtest/gtest.h>
+
+#include "codec/Dhcp6Codec.h"
+#include "model/switch/Ip6Status.h"
+#include "model/switch/SystemStatus.h"
+#include "relay6/DhcpRelaySmv6.h"
+#include "tests/relay4/RelayTestBed.h"
+
+namespace Ip::Helper::DhcpRelay::Test {
+namespace {
+
+using Platform::Ip6Addr;
+using Platform::Ip6Prefix;
+
+Ip6Addr ip6(const char* text) {
+   return *Ip6Addr::parse(text);
+}
+
+void put(Bytes& b, std::initializer_list<uint8_t> bytes) {
+   b.insert(b.end(), bytes);
+}
+void putAddr(Bytes& b, const Ip6Addr& a) {
+   b.insert(b.end(), a.bytes().begin(), a.bytes().end());
+}
+void putOption(Bytes& b, uint16_t code, const Bytes& data) {
+   put(b, {uint8_t(code >> 8), uint8_t(code), uint8_t(data.size() >> 8), uint8_t(data.size())});
+   b.insert(b.end(), data.begin(), data.end());
+}
+Bytes text(std::string_view s) {
+   return Bytes(s.begin(), s.end());
+}
+// A Solicit with a client identifier.
+Bytes solicit(uint8_t type = dhcp6Solicit) {
+   Bytes b{type, 0x12, 0x34, 0x56};
+   putOption(b, dhcp6OptClientId, {0, 3, 0, 1, 2, 0, 0, 0, 0, 0x42});
+   return b;
+}
+Bytes relayMsg(uint8_t type, uint8_t hops, const Ip6Addr& link, const Ip6Addr& peer,
+               const Bytes& inner, std::optional<std::string_view> interfaceId = {}) {
+   Bytes b{type, hops};
+   putAddr(b, link);
+   putAddr(b, peer);
+   if (interfaceId)
+      putOption(b, dhcp6OptInterfaceId, text(*interfaceId));
+   putOption(b, dhcp6OptRelayMsg, inner);
+   return b;
+}
+// The options of a relay message, code by code, in order.
+std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& msg) {
+   std::vector<std::pair<uint16_t, Bytes>> out;
+   for (size_t at = Dhcp6Layout::relayHeader; at + 4 <= msg.size();) {
+      const uint16_t code = uint16_t(msg[at] << 8 | msg[at + 1]);
+      const size_t len = size_t(msg[at + 2] << 8 | msg[at + 3]);
+      out.emplace_back(code, Bytes(msg.begin() + long(at + 4), msg.begin() + long(at + 4 + len)));
+      at += 4 + len;
+   }
+   return out;
+}
+
+const Ip6Addr kClientLl = ip6("fe80::42");
+const Ip6Addr kRelayLl = ip6("fe80::1");
+const Ip6Addr kRelayGlobal = ip6("2001:db8:1::1");
+
+class DhcpRelaySmv6Test : public testing::Test {
+ protected:
+   DhcpRelaySmv6Test() {
+      bed.vrfIs("red", "ns-red", true);
+      entityMib->systemMacAddrIs(mac(0x99));
+   }
+   // A relaying interface with its IPv6 addresses and kernel device in its VRF.
+   Ptr<Ip6::IntfStatus> intfIs(const char* intf, const char* vrf, std::vector<const char*> addrs,
+                               uint32_t ifindex) {
+      auto status = ip6Status->intfIs(IntfId(intf));
+      status->vrfIs(VrfName(vrf));
+      for (const char* a : addrs)
+         status->addrIs(*Ip6Prefix::parse(a));
+      bed.device(bed.vrfs->vrf(VrfName(vrf))->nsName().str(), ifindex, intf)->upIs(true);
+      return status;
+   }
+   void serverIs(const char* intf, const char* vrf, const char* addr, const char* src = "") {
+      auto config = bed.config->intfConfigIs(IntfId(intf));
+      config->serverIp6Is({VrfName(vrf), ip6(addr), IntfId(), src[0] ? ip6(src) : Ip6Addr()}, true);
+      bed.activeVrfIs(vrf, 1);
+   }
+   void start() {
+      sm = std::make_unique<DhcpRelaySmv6>(DhcpRelaySmv6::Inputs{
+          bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
+          mcGroups, &bed.store, bed.managers.get(), &bed.pams});
+      sm->handleInitialized();
+   }
+   Platform::UdpTestPam& udp(const char* vrf) {
+      return *bed.pams.udp.at(std::string("UdpSocket-") + vrf);
+   }
+   void receive(const char* vrf, const Bytes& payload, const Ip6Addr& src, uint32_t ifindex,
+                const Ip6Addr& dst = DhcpVrfSmv6::kAllRelayAgentsAndServers) {
+      ASSERT_TRUE(udp(vrf).inject({Platform::Pkt::copyOf(payload), src, 547, dst, ifindex}));
+   }
+   uint64_t drops(DropReason r) const { return bed.status->drops(r); }
+
+   RelayTestBed bed;
+   Ptr<Ip6::Status> ip6Status = make<Ip6::Status>("ip6");
+   Ptr<EntityMib::Status> entityMib = make<EntityMib::Status>("entmib");
+   Ptr<Ip6::MulticastGroupsForApplications> mcGroups =
+       make<Ip6::MulticastGroupsForApplications>("dhcprelay");
+   std::unique_ptr<DhcpRelaySmv6> sm;
+};
+
+// The wire form of a Relay-Forw: header, the message in option 9, our Remote-Id right behind
+// it, Interface-Id, and option 68 only on copies to servers in another VRF, which go last.
+TEST_F(DhcpRelaySmv6Test, ClientMessageGoesUpWrappedToEveryServer) {
+   intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
+   intfIs("Ethernet2", "default", {"2001:db8:2::1/64"}, 12);
+   intfIs("Ethernet3", "red", {"2001:db8:3::1/64"}, 13);
+   serverIs("Ethernet1", "red", "2001:db8:3::2");
+   serverIs("Ethernet1", "default", "2001:db8:2::2", "2001:db8:2::1");
+   serverIs("Ethernet1", "default", "ff05::1:3", "2001:db8:2::1");
+   start();
+   EXPECT_EQ(udp("default").mcastGroups().count({11, DhcpVrfSmv6::kAllRelayAgentsAndServers}), 1u);
+   EXPECT_TRUE(bed.status->runControl());
+
+   receive("default", solicit(), kClientLl, 11);
+   const auto& same = udp("default").sent();
+   const auto& cross = udp("red").sent();
+   ASSERT_EQ(same.size(), 2u);
+   ASSERT_EQ(cross.size(), 0u) << "no route socket in unit tests: no egress in red";
+   EXPECT_EQ(drops(DropReason::noEgressRoute), 1u);
+   // Source addresses name the link when configured; a multicast server gets the hop limit.
+   for (const auto& [copy, dst, hops] :
+        {std::tuple{same[0], ip6("2001:db8:2::2"), 0}, {same[1], ip6("ff05::1:3"), 32}}) {
+      EXPECT_EQ(copy.dst, Platform::IpGenAddr(dst));
+      EXPECT_EQ(copy.port, 547);
+      EXPECT_EQ(copy.src, Platform::IpGenAddr(ip6("2001:db8:2::1")));
+      Bytes expected{dhcp6RelayForw, uint8_t(hops)};
+      putAddr(expected, ip6("2001:db8:2::1"));
+      putAddr(expected, kClientLl);
+      putOption(expected, dhcp6OptRelayMsg, solicit());
+      Bytes remoteId{0, 0, 0x7e, 0xd9, 0, 3, 0, 1};
+      remoteId.insert(remoteId.end(), mac(0x99).bytes().begin(), mac(0x99).bytes().end());
+      putOption(expected, dhcp6OptRemoteId, remoteId);
+      expected.resize(expected.size() + 8);  // the interface identifier, checked below
+      putOption(expected, dhcp6OptInterfaceId, text("Ethernet1:default"));
+      ASSERT_EQ(copy.bytes.size(), expected.size());
+      std::copy_n(copy.bytes.begin() + 38 + 14 + 4 + 14, 8, expected.begin() + 38 + 14 + 4 + 14);
+      EXPECT_EQ(copy.bytes, expected);
+   }
+   EXPECT_EQ(bed.status->totalRequestsReceived(), 1u);
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), 2u);
+}
+
+TEST_F(DhcpRelaySmv6Test, CrossVrfCopyCarriesTheClientVrfLast) {
+   intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
+   intfIs("Ethernet3", "red", {"2001:db8:3::1/64"}, 13);
+   serverIs("Ethernet1", "red", "2001:db8:3::2", "2001:db8:3::1");
+   serverIs("Ethernet1", "default", "2001:db8:1::2", "2001:db8:1::1");
+   start();
+   receive("default", solicit(), kClientLl, 11);
+   ASSERT_EQ(udp("default").sent().size(), 1u);
+   ASSERT_EQ(udp("red").sent().size(), 1u);
+   const auto own = options(udp("default").sent()[0].bytes);
+   const auto crossed = options(udp("red").sent()[0].bytes);
+   ASSERT_EQ(crossed.size(), own.size() + 1);
+   EXPECT_EQ(own.back().first, dhcp6OptInterfaceId);
+   Bytes vss{0};
+   put(vss, {'d', 'e', 'f', 'a', 'u', 'l', 't'});
+   EXPECT_EQ(crossed.back(), (std::pair<uint16_t, Bytes>{dhcp6OptVss, vss}));
+   EXPECT_EQ(bed.status->totalRequestsForwardedWithCrossVrfIp(), 1u);
+}
+
+// What is dropped on the way up, each for its reason, and the hop counts that pass.
+TEST_F(DhcpRelaySmv6Test, ForwardPathDropsAndHopCounts) {
+   intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
+   intfIs("Ethernet2", "default", {"fe80::2/64"}, 12);        // no global address
+   intfIs("Ethernet4", "default", {"2001:db8:4::1/64"}, 14);  // does not relay
+   serverIs("Ethernet1", "default", "2001:db8:2::2", "2001:db8:1::1");
+   serverIs("Ethernet2", "default", "2001:db8:2::2", "2001:db8:1::1");
+   start();
+   struct Case {
+      Bytes msg;
+      Ip6Addr src;
+      uint32_t ifindex;
+      std::optional<DropReason> dropped;
+      uint8_t hops = 0;
+      Ip6Addr linkAddr = kRelayGlobal;
+   } cases[] = {
+       {solicit(), kClientLl, 12, DropReason::noGlobalAddress},
+       {solicit(), kClientLl, 14, DropReason::notConfigured},
+       {{dhcp6Reply, 1, 2, 3}, kClientLl, 11, DropReason::serverMessage},
+       {{1, 2}, kClientLl, 11, DropReason::tooShort},
+       {relayMsg(dhcp6RelayForw, 32, Ip6Addr(), kClientLl, solicit()), kClientLl, 11,
+        DropReason::hopLimit},
+       {relayMsg(dhcp6RelayForw, 31, Ip6Addr(), kClientLl, solicit()), kClientLl, 11, {}, 32},
+       // A downstream relay with a global address names the link itself.
+       {relayMsg(dhcp6RelayForw, 0, ip6("2001:db8:9::1"), kClientLl, solicit()),
+        ip6("2001:db8:1::9"),
+        11,
+        {},
+        1,
+        Ip6Addr()},
+   };
+   for (const Case& c : cases) {
+      udp("default").clearSent();
+      const uint64_t before = c.dropped ? drops(*c.dropped) : 0;
+      receive("default", c.msg, c.src, c.ifindex);
+      if (c.dropped) {
+         EXPECT_EQ(drops(*c.dropped), before + 1) << dropReasonName(*c.dropped);
+         EXPECT_TRUE(udp("default").sent().empty());
+         continue;
+      }
+      ASSERT_EQ(udp("default").sent().size(), 1u);
+      const Bytes& up = udp("default").sent()[0].bytes;
+      EXPECT_EQ(up[1], c.hops);
+      EXPECT_EQ(Bytes(up.begin() + 2, up.begin() + 18),
+                Bytes(c.linkAddr.bytes().begin(), c.linkAddr.bytes().end()));
+   }
+}
+
+// A Relay-Repl goes down unwrapped: to the client on 546 from the interface's link-local
+// address, or to the next relay on 547; what cannot be delivered is dropped for its reason.
+TEST_F(DhcpRelaySmv6Test, ReplyPathDeliversOrDrops) {
+   intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
+   intfIs("Ethernet3", "red", {"2001:db8:3::1/64"}, 13);
+   serverIs("Ethernet1", "default", "2001:db8:2::2", "2001:db8:1::1");
+   serverIs("Ethernet1", "red", "2001:db8:3::2", "2001:db8:3::1");
+   start();
+   const Bytes reply = {dhcp6Reply, 0x12, 0x34, 0x56};
+   const Bytes inner = relayMsg(dhcp6RelayRepl, 0, Ip6Addr(), ip6("fe80::77"), reply);
+   struct Case {
+      const char* vrf;
+      Bytes msg;
+      Ip6Addr src = ip6("2001:db8:2::2");
+      std::optional<DropReason> dropped = {};
+      uint16_t port = 546;
+      Bytes delivered = {};
+   } cases[] = {
+       {"default",
+        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
+        ip6("2001:db8:2::2"),
+        {},
+        546,
+        reply},
+       {"default",
+        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, inner, "Ethernet1:default"),
+        ip6("2001:db8:2::2"),
+        {},
+        547,
+        inner},
+       // Our cross-VRF server answers in its own VRF; any other host there may not.
+       {"red",
+        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
+        ip6("2001:db8:3::2"),
+        {},
+        546,
+        reply},
+       {"red", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
+        ip6("2001:db8:3::66"), DropReason::unknownServer},
+       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:red"),
+        ip6("2001:db8:2::2"), DropReason::intfChangedVrf},
+       {"default", relayMsg(dhcp6RelayRepl, 0, Ip6Addr(), kClientLl, reply, "Ethernet1:default"),
+        ip6("2001:db8:2::2"), DropReason::zeroLinkAddress},
+       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply),
+        ip6("2001:db8:2::2"), DropReason::noInterfaceId},
+       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1"),
+        ip6("2001:db8:2::2"), DropReason::badInterfaceId},
+       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet9:default"),
+        ip6("2001:db8:2::2"), DropReason::unknownInterface},
+       {"default", Bytes(20, dhcp6RelayRepl), ip6("2001:db8:2::2"), DropReason::tooShort},
+   };
+   for (const Case& c : cases) {
+      udp("default").clearSent();
+      const uint64_t before = c.dropped ? drops(*c.dropped) : 0;
+      receive(c.vrf, c.msg, c.src, c.vrf == std::string_view("red") ? 13 : 11);
+      if (c.dropped) {
+         EXPECT_EQ(drops(*c.dropped), before + 1) << dropReasonName(*c.dropped);
+         EXPECT_TRUE(udp("default").sent().empty());
+         continue;
+      }
+      ASSERT_EQ(udp("default").sent().size(), 1u) << c.vrf;
+      const auto& out = udp("default").sent()[0];
+      EXPECT_EQ(out.bytes, c.delivered);
+      EXPECT_EQ(out.port, c.port);
+      EXPECT_EQ(out.ifindex, 11u);
+      EXPECT_EQ(out.dst, Platform::IpGenAddr(kClientLl));
+      if (c.port == 546)
+         EXPECT_EQ(out.src, Platform::IpGenAddr(kRelayLl));
+   }
+   EXPECT_EQ(bed.status->totalRepliesForwarded(), 3u);
+}
+
+// The relay group is joined on each relaying interface's device, again when the device comes
+// back under another index, and left when the interface stops relaying.
+TEST_F(DhcpRelaySmv6Test, MulticastMembershipFollowsDevicesAndRelaying) {
+   const auto group = DhcpVrfSmv6::kAllRelayAgentsAndServers;
+   intfIs("Ethernet1", "default", {"2001:db8:1::1/64"}, 11);
+   serverIs("Ethernet1", "default", "2001:db8:2::2");
+   start();
+   using Groups = std::set<std::pair<uint32_t, Ip6Addr>>;
+   EXPECT_EQ(udp("default").mcastGroups(), (Groups{{11, group}}));
+   EXPECT_EQ(mcGroups->mcaddr(), std::set<Ip6Addr>{group});
+
+   auto table = KernelNetInfo::kernelTableOf(bed.store, "default");
+   table->interfaceByIndexDel(11);
+   bed.device("default", 21, "Ethernet1")->upIs(true);
+   EXPECT_EQ(udp("default").mcastGroups(), (Groups{{21, group}}));
+
+   bed.config->intfConfig(IntfId("Ethernet1"))->serverIp6DelAll();
+   EXPECT_EQ(udp("default").mcastGroups(), Groups{});
+   EXPECT_TRUE(mcGroups->mcaddr().empty());
+   EXPECT_FALSE(bed.status->intfStatus(IntfId("Ethernet1")));
+   EXPECT_FALSE(bed.status->runControl());
+}
+
+}  // namespace
+}  // namespace Ip::Helper::DhcpRelay::Test
