@@ -18,6 +18,8 @@ packages=(
    python3 python3-pytest iproute2 procps
    # real DHCP peers and packet tools for the namespace lab (tools/lab/lab.py)
    isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
+   # a DHCPv6 relay that is no part of this project: the lab's downstream relay
+   isc-dhcp-relay
    # a DNS server for the host-name resolution tests (the -base package has no service)
    dnsmasq-base
    # the metrics test's scraper (tests/e2e/test_metrics.py runs its own, in a namespace)
@@ -31,8 +33,9 @@ done
 if [ "${#missing[@]}" -gt 0 ]; then
    echo "installing: ${missing[*]}"
    export DEBIAN_FRONTEND=noninteractive
-   # The DHCP server and Prometheus packages would start their services on the host; the
-   # tests run their own inside network namespaces, so no service starts during the install.
+   # The DHCP server, DHCP relay and Prometheus packages would start their services on the
+   # host; the tests run their own inside network namespaces, so no service starts during
+   # the install.
    if [ ! -e /usr/sbin/policy-rc.d ]; then
       printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
       chmod +x /usr/sbin/policy-rc.d
@@ -40,9 +43,11 @@ if [ "${#missing[@]}" -gt 0 ]; then
    fi
    apt-get update -qq
    apt-get install -y -qq --no-install-recommends "${missing[@]}"
-   # Nor at the next boot: a Prometheus installed here is only the tests' program.
-   if [[ " ${missing[*]} " == *" prometheus "* ]]; then
-      systemctl disable prometheus.service >/dev/null 2>&1 || true
-      update-rc.d prometheus disable >/dev/null 2>&1 || true
-   fi
+   # Nor at the next boot: a Prometheus or dhcrelay installed here is only the tests' program.
+   for service in prometheus isc-dhcp-relay; do
+      if [[ " ${missing[*]} " == *" $service "* ]]; then
+         systemctl disable "$service.service" >/dev/null 2>&1 || true
+         update-rc.d "$service" disable >/dev/null 2>&1 || true
+      fi
+   done
 fi

@@ -1,4 +1,5 @@
-"""A DHCP lab in network namespaces, with ISC dhcpd and dhclient as real peers.
+"""A DHCP lab in network namespaces, with ISC dhcpd and dhclient as real peers, for
+DHCPv4 and DHCPv6 alike.
 
     client --veth-- relay --veth-- server (bridge) --veth-- server2
                       |
@@ -13,7 +14,14 @@ A dnsmasq in the server namespace (start_dns) can be the relay namespace's DNS
 server, for servers the agent knows by host name.
 
 Lab.insert_switch() puts an access switch (a namespace of its own) between the
-client and the relay, for option 82 that a first hop put in.
+client and the relay, for option 82 that a first hop put in;
+Lab.insert_downstream_relay() puts another DHCPv6 relay (ISC dhcrelay, namespace
+"hop") there, for Relay-Forw messages that reach the agent already relayed.
+
+Every link has an IPv4 subnet and a global IPv6 /64 (documentation prefixes) with
+an address at both ends, and link-local addresses; duplicate address detection is
+off in every lab namespace, so addresses are usable the moment they exist (a
+DHCPv6 client sends from its link-local address, which must not be tentative).
 
 The server side is one bridged link (the bridge lives in the server namespace),
 so both servers are one hop from the relay's Ethernet2 and the relay's view stays
@@ -23,8 +31,8 @@ a plain veth.
 it is safe to call twice and after a half-built lab.
 
 Run as a program, this module drives a lab from a shell (scripts/lab.sh):
-    lab.py --prefix P --dir D up | dhcpd ROLE | client [--timeout S] | agent-config
-                                 | names | down
+    lab.py --prefix P --dir D up | dhcpd ROLE | dhcpd6 ROLE | client [--timeout S]
+                                 | client6 [--timeout S] | agent-config | names | down
 """
 
 import argparse
@@ -42,6 +50,8 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
+import dhcp6
+
 HERE = Path(__file__).resolve().parent
 CLIENT_SCRIPT = HERE / "dhclient-script"
 PYTHON = "/usr/bin/python3"  # the Debian one: it has scapy
@@ -58,6 +68,8 @@ SERVER2_DEV = "s2"
 RED_DEV = "e0"
 SWITCH_DOWN_DEV = "w0"     # switch -> client     (Lab.insert_switch)
 SWITCH_UP_DEV = "w1"       # switch -> relay
+HOP_DOWN_DEV = "h0"        # downstream relay -> client   (Lab.insert_downstream_relay)
+HOP_UP_DEV = "h1"          # downstream relay -> relay
 
 # Documentation ranges (RFC 5737); the relay's secondary client subnet is from the
 # benchmark range (RFC 2544), which is reserved for tests like this one too.
@@ -73,6 +85,25 @@ RED_NET = "203.0.113.0/24"
 RELAY_RED_IP = "203.0.113.1"
 RED_IP = "203.0.113.2"
 
+# IPv6 (RFC 3849), one /64 per link, the relay's end ::1 as in IPv4.
+CLIENT_NET6 = "2001:db8:1::/64"
+RELAY_CLIENT_IP6 = "2001:db8:1::1"
+CLIENT_IP6 = "2001:db8:1::c"       # the client's own, beside any address it leases
+SERVER_NET6 = "2001:db8:2::/64"
+RELAY_SERVER_IP6 = "2001:db8:2::1"
+SERVER_IP6 = "2001:db8:2::2"
+SERVER2_IP6 = "2001:db8:2::3"
+RED_NET6 = "2001:db8:3::/64"
+RELAY_RED_IP6 = "2001:db8:3::1"
+RED_IP6 = "2001:db8:3::2"
+# Behind a downstream relay (Lab.insert_downstream_relay): the client's link is another
+# one, and the downstream relay's upstream side is a second host on the relay's
+# client link.
+DOWNSTREAM_NET6 = "2001:db8:4::/64"
+HOP_DOWN_IP6 = "2001:db8:4::1"
+DOWNSTREAM_CLIENT_IP6 = "2001:db8:4::c"
+HOP_UP_IP6 = "2001:db8:1::2"
+
 # Each server leases from its own part of the pool, so a lease names its server.
 POOLS = {
     "server": {CLIENT_NET: ("192.0.2.100", "192.0.2.149"),
@@ -83,7 +114,22 @@ POOLS = {
     "red": {CLIENT_NET: ("192.0.2.50", "192.0.2.99")},
 }
 
+# DHCPv6 the same way: each server's addresses from its own part of each client link,
+# and its delegated prefixes (/56) from its own /48 of 2001:db8:ff00::/40.
+POOLS6 = {
+    "server": {CLIENT_NET6: ("2001:db8:1::100", "2001:db8:1::1ff"),
+               DOWNSTREAM_NET6: ("2001:db8:4::100", "2001:db8:4::1ff")},
+    "server2": {CLIENT_NET6: ("2001:db8:1::200", "2001:db8:1::2ff"),
+                DOWNSTREAM_NET6: ("2001:db8:4::200", "2001:db8:4::2ff")},
+    "red": {CLIENT_NET6: ("2001:db8:1::300", "2001:db8:1::3ff"),
+            DOWNSTREAM_NET6: ("2001:db8:4::300", "2001:db8:4::3ff")},
+}
+PD_POOLS = {"server": "2001:db8:ff00::/48", "server2": "2001:db8:ff01::/48",
+            "red": "2001:db8:ff02::/48"}
+DELEGATED_LEN = 56
+
 ROLES = ("client", "relay", "server", "server2", "red")
+SERVER_DEVS = {"server": SERVER_BRIDGE, "server2": SERVER2_DEV, "red": RED_DEV}
 
 # `ip netns exec NS` bind-mounts every file of /etc/netns/NS over its namesake in
 # /etc, so a resolv.conf there is the resolver configuration of whatever the lab runs
@@ -120,6 +166,17 @@ def _router(cidr):
 def _subnet(cidr, body=""):
     net = ipaddress.ip_network(cidr)
     return f"subnet {net.network_address} netmask {net.netmask} {{{body}}}\n"
+
+
+def server_of6(leased):
+    """The role whose pool an IPv6 address or delegated prefix came from, or None."""
+    if "/" in leased:
+        net = ipaddress.ip_network(leased)
+        return next((role for role, pool in PD_POOLS.items()
+                     if net.subnet_of(ipaddress.ip_network(pool))), None)
+    addr = ipaddress.ip_address(leased)
+    return next((role for role, nets in POOLS6.items() for lo, hi in nets.values()
+                 if ipaddress.ip_address(lo) <= addr <= ipaddress.ip_address(hi)), None)
 
 
 def _hex_bytes(text):
@@ -166,29 +223,20 @@ class Seen:
     vss: bytes = None  # type byte, then the VPN identifier
 
 
-class Dhcpd:
-    # Without a declaration for a giaddr's subnet dhcpd ignores the request ("unknown
-    # network segment"); `subnets` chooses which ones it knows.
-    ALL_SUBNETS = (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET)
+class _DhcpdProcess:
+    """ISC dhcpd in the foreground in one namespace, with its files in the lab directory
+    under `name`."""
 
-    def __init__(self, lab, role, ns, dev, pools, extra="", subnets=ALL_SUBNETS):
+    def _start(self, lab, ns, dev, name, family, conf_text):
         self.ns = ns
-        base = lab.dir / f"dhcpd-{role}"
+        base = lab.dir / name
         conf, leases = base.with_suffix(".conf"), base.with_suffix(".leases")
         self.log = base.with_suffix(".log")
-        text = ("authoritative;\nddns-update-style none;\n"
-                "default-lease-time 600;\nmax-lease-time 600;\n" + extra + DHCPD_LOG)
-        for cidr in subnets:
-            body = ""
-            if cidr in pools:
-                lo, hi = pools[cidr]
-                body = f" range {lo} {hi}; option routers {_router(cidr)}; "
-            text += _subnet(cidr, body)
-        conf.write_text(text)
+        conf.write_text(conf_text)
         leases.write_text("")
-        self.proc = lab.spawn(ns, [lab.binary("/usr/sbin/dhcpd"), "-4", "-f", "-d", "-cf", conf,
+        self.proc = lab.spawn(ns, [lab.binary("/usr/sbin/dhcpd"), family, "-f", "-d", "-cf", conf,
                                    "-lf", leases, "-pf", base.with_suffix(".pid"), dev], self.log)
-        wait_for(self._ready, 10, f"dhcpd in {ns}")
+        wait_for(self._ready, 10, f"dhcpd {family} in {ns}")
 
     def _ready(self):
         if self.proc.poll() is not None:
@@ -197,6 +245,23 @@ class Dhcpd:
 
     def log_text(self):
         return self.log.read_text(errors="replace") if self.log.exists() else ""
+
+
+class Dhcpd(_DhcpdProcess):
+    # Without a declaration for a giaddr's subnet dhcpd ignores the request ("unknown
+    # network segment"); `subnets` chooses which ones it knows.
+    ALL_SUBNETS = (SERVER_NET, CLIENT_NET, SECONDARY_NET, RED_NET)
+
+    def __init__(self, lab, role, ns, dev, pools, extra="", subnets=ALL_SUBNETS):
+        text = ("authoritative;\nddns-update-style none;\n"
+                "default-lease-time 600;\nmax-lease-time 600;\n" + extra + DHCPD_LOG)
+        for cidr in subnets:
+            body = ""
+            if cidr in pools:
+                lo, hi = pools[cidr]
+                body = f" range {lo} {hi}; option routers {_router(cidr)}; "
+            text += _subnet(cidr, body)
+        self._start(lab, ns, dev, f"dhcpd-{role}", "-4", text)
 
     def seen(self):
         """What dhcpd logged per packet, in order."""
@@ -215,6 +280,29 @@ class Dhcpd:
         return re.findall(r"DHCPACK on (\S+) to \S+ .*?via (\S+)", self.log_text())
 
 
+class Dhcpd6(_DhcpdProcess):
+    """dhcpd -6: addresses (IA_NA) and delegated prefixes (IA_PD) of `role`'s pools. A
+    relayed request is served from the subnet6 that holds the link-address of the relay
+    nearest the client; the server answers the relay that sent it the Relay-Forw. Its
+    log names each Relay-Forw's addresses; the options show in captures only
+    (dhcp6.captured)."""
+    SUBNETS = (SERVER_NET6, RED_NET6, CLIENT_NET6, DOWNSTREAM_NET6)
+
+    def __init__(self, lab, role, ns, dev, extra=""):
+        net = ipaddress.ip_network(PD_POOLS[role])
+        last = net.network_address + net.num_addresses - (1 << (128 - DELEGATED_LEN))
+        text = ("ddns-update-style none;\ndefault-lease-time 600;\nmax-lease-time 600;\n"
+                "preferred-lifetime 300;\n" + extra)
+        for cidr in self.SUBNETS:
+            body = ""
+            if cidr in POOLS6[role]:
+                body = " range6 {} {}; ".format(*POOLS6[role][cidr])
+            if cidr == CLIENT_NET6:
+                body += f"prefix6 {net.network_address} {last} /{DELEGATED_LEN}; "
+            text += f"subnet6 {cidr} {{{body}}}\n"
+        self._start(lab, ns, dev, f"dhcpd6-{role}", "-6", text)
+
+
 @dataclass
 class Lease:
     ip: str
@@ -224,11 +312,24 @@ class Lease:
     vars: dict = field(default_factory=dict)
 
 
+@dataclass
+class Lease6:
+    """What dhclient -6 bound: an address (IA_NA) and/or a delegated prefix (IA_PD,
+    "ADDRESS/LEN")."""
+    address: str = None
+    prefix: str = None
+    vars: dict = field(default_factory=dict)
+
+
+DHCP4_PORTS = (67, 68)
+DHCP6_PORTS = (dhcp6.PORT_CLIENT, dhcp6.PORT_AGENT)
+
+
 class Capture:
     """tcpdump on one device of one namespace, written to a pcap file and read back
-    with scapy once stopped."""
+    with scapy once stopped: DHCPv4 or, with DHCP6_PORTS, DHCPv6."""
 
-    def __init__(self, lab, ns, dev):
+    def __init__(self, lab, ns, dev, ports=DHCP4_PORTS):
         self.pcap = lab.dir / f"cap-{ns}-{dev}-{len(lab.procs)}.pcap"
         self.log = self.pcap.with_suffix(".log")
         # -U and --immediate-mode write each packet as it comes (without the latter,
@@ -237,7 +338,7 @@ class Capture:
         # dhcpd's packet socket would answer packets meant for others.
         self.proc = lab.spawn(ns, [lab.binary("/usr/bin/tcpdump"), "-i", dev, "-n", "-U",
                                    "--immediate-mode", "-p", "-w", self.pcap,
-                                   "udp", "port", "67", "or", "udp", "port", "68"], self.log)
+                                   f"udp port {ports[0]} or udp port {ports[1]}"], self.log)
         wait_for(self._ready, 10, f"tcpdump on {ns}/{dev}")
 
     def _ready(self):
@@ -305,14 +406,14 @@ class Lab:
                 run("ip", "netns", "add", name)
                 run("ip", "-n", name, "link", "set", "lo", "up")
                 return name
-        self._make_ns = make_ns
+        self._make_ns = lambda role: self._without_dad(make_ns(role))
         if not build:
             self.ns = {r: f"{prefix}-{r}" for r in ROLES}
             return
         self.ns = {}
         try:
             for role in ROLES:
-                self.ns[role] = make_ns(role)
+                self.ns[role] = self._make_ns(role)
             self._wire()
         except BaseException:
             self.close()
@@ -322,6 +423,27 @@ class Lab:
 
     def ip(self, role, *args):
         return run("ip", "-n", self.ns[role], *args)
+
+    @staticmethod
+    def _without_dad(ns):
+        """Devices take these defaults when they are created in (or moved into) the
+        namespace, so the lab's addresses are never tentative."""
+        run("ip", "netns", "exec", ns, "sysctl", "-qw", "net.ipv6.conf.all.accept_dad=0",
+            "net.ipv6.conf.default.accept_dad=0")
+        return ns
+
+    def _addr6(self, role, dev, address):
+        self.ip(role, "-6", "addr", "add", f"{address}/64", "dev", dev, "nodad")
+
+    def addr6(self, role, dev, scope="link"):
+        """The first IPv6 address of `scope` ("link" or "global") on `dev`. The kernel
+        makes a link-local address once the link has carrier, which a veth reports a
+        moment after it is up: this waits for it."""
+        def first():
+            shown = json.loads(self.ip(role, "-j", "-6", "addr", "show", "dev", dev, "scope",
+                                       scope).stdout)
+            return next((a["local"] for a in shown[0]["addr_info"] if "local" in a), None)
+        return wait_for(first, 10, f"an IPv6 {scope} address on {role}/{dev}")
 
     def _veth(self, a, a_dev, b, b_dev):
         # Created inside `a` with its peer moved straight to `b`: the pair never
@@ -360,7 +482,21 @@ class Lab:
             for net in (CLIENT_NET, SECONDARY_NET):
                 self.ip(role, "route", "add", net, "via", RELAY_SERVER_IP)
         self.ip("red", "route", "add", "default", "via", RELAY_RED_IP)
-        run("ip", "netns", "exec", self.ns["relay"], "sysctl", "-qw", "net.ipv4.ip_forward=1")
+        ends6 = (("relay", RELAY_CLIENT_DEV, RELAY_CLIENT_IP6), ("client", CLIENT_DEV, CLIENT_IP6),
+                 ("relay", RELAY_SERVER_DEV, RELAY_SERVER_IP6),
+                 ("server", SERVER_BRIDGE, SERVER_IP6), ("server2", SERVER2_DEV, SERVER2_IP6),
+                 ("relay", RELAY_RED_DEV, RELAY_RED_IP6), ("red", RED_DEV, RED_IP6))
+        for role, dev, address in ends6:
+            self._addr6(role, dev, address)
+        for role in ("server", "server2"):
+            for net in (CLIENT_NET6, DOWNSTREAM_NET6):
+                self.ip(role, "-6", "route", "add", net, "via", RELAY_SERVER_IP6)
+        self.ip("red", "-6", "route", "add", "default", "via", RELAY_RED_IP6)
+        run("ip", "netns", "exec", self.ns["relay"], "sysctl", "-qw", "net.ipv4.ip_forward=1",
+            "net.ipv6.conf.all.forwarding=1")
+        # DHCPv6 peers bind to link-local addresses: every end has one before the lab is.
+        for role, dev, _ in ends6:
+            self.addr6(role, dev)
 
     def add_secondary(self):
         """The relay's secondary address on the client link (smart relay, giaddr
@@ -379,6 +515,7 @@ class Lab:
         # A device moved to another namespace loses its addresses and goes down.
         self.ip("relay", "link", "set", RELAY_RED_DEV, "netns", self.ns["redvrf"])
         self.ip("redvrf", "addr", "add", f"{RELAY_RED_IP}/24", "dev", RELAY_RED_DEV)
+        self._addr6("redvrf", RELAY_RED_DEV, RELAY_RED_IP6)
         self.ip("redvrf", "link", "set", RELAY_RED_DEV, "up")
 
     def insert_switch(self, option82):
@@ -402,14 +539,32 @@ class Lab:
             return "forwarding" in log.read_text()
         wait_for(ready, 20, "the switch")
 
+    def insert_downstream_relay(self):
+        """Puts another DHCPv6 relay between the client and the relay: ISC dhcrelay -6 in
+        namespace "hop", relaying the client's link (DOWNSTREAM_NET6, the client's device
+        keeps its name) to the relay's Ethernet1 address. Its upstream side is a host on
+        the relay's client link with a global address (HOP_UP_IP6)."""
+        self.ns["hop"] = self._make_ns("hop")
+        # The device keeps its peer (the relay's r0) when it moves, and goes down.
+        self.ip("client", "link", "set", CLIENT_DEV, "netns", self.ns["hop"])
+        self.ip("hop", "link", "set", CLIENT_DEV, "name", HOP_UP_DEV)
+        self.ip("hop", "link", "set", HOP_UP_DEV, "up")
+        self._addr6("hop", HOP_UP_DEV, HOP_UP_IP6)
+        self._veth("client", CLIENT_DEV, "hop", HOP_DOWN_DEV)
+        self._addr6("hop", HOP_DOWN_DEV, HOP_DOWN_IP6)
+        self._addr6("client", CLIENT_DEV, DOWNSTREAM_CLIENT_IP6)
+        return self.start_dhcrelay6("hop", HOP_DOWN_DEV, RELAY_CLIENT_IP6, HOP_UP_DEV)
+
     def agent_config(self, path=None, global_relay=None, **relay_settings):
         """Writes the agent's YAML for this lab: Ethernet1 faces the client with
-        `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-"; by
-        default the server is `server`), Ethernet2 the servers, Ethernet3 red. VRF
-        red is the red namespace, or "redvrf" after split_red_vrf(). `global_relay`
-        is the file's `relay:` section, keyed as in the file."""
-        settings = {"servers": [{"address": SERVER_IP}]}
-        settings.update({k.replace("_", "-"): v for k, v in relay_settings.items()})
+        `relay_settings` (keys as in examples/dhcp-relay.yaml, "_" for "-": servers,
+        servers_v6, ccap_cores, ...; without servers or servers_v6 the one server is
+        `server`'s DHCPv4), Ethernet2 the servers, Ethernet3 red. VRF red is the red
+        namespace, or "redvrf" after split_red_vrf(). `global_relay` is the file's
+        `relay:` section, keyed as in the file (dscp-v6, remote-id, ...)."""
+        settings = {k.replace("_", "-"): v for k, v in relay_settings.items()}
+        if "servers" not in settings and "servers-v6" not in settings:
+            settings = {"servers": [{"address": SERVER_IP}], **settings}
         path = Path(path or self.dir / "relay.yaml")
         lines = [f"vrfs:\n  red: {self.ns.get('redvrf', self.ns['red'])}\n",
                  "system:\n  hostname: lab-relay\n  bridge-mac: 02:00:00:00:01:00\n",
@@ -468,9 +623,27 @@ class Lab:
         else:
             pools = {cidr: r for cidr, r in POOLS[role].items()
                      if cidr == CLIENT_NET or (second_pool and cidr == SECONDARY_NET)}
-        ns, dev = {"server": ("server", SERVER_BRIDGE), "server2": ("server2", SERVER2_DEV),
-                   "red": ("red", RED_DEV)}[role]
-        return Dhcpd(self, role, self.ns[ns], dev, pools, extra, subnets)
+        return Dhcpd(self, role, self.ns[role], SERVER_DEVS[role], pools, extra, subnets)
+
+    def start_dhcpd6(self, role="server", extra=""):
+        """dhcpd -6 in `role`'s namespace (as start_dhcpd), serving POOLS6 and PD_POOLS."""
+        return Dhcpd6(self, role, self.ns[role], SERVER_DEVS[role], extra)
+
+    def start_dhcrelay6(self, role, downstream, upstream, upstream_dev):
+        """ISC dhcrelay -6 in `role`'s namespace: a relay that is no part of this project,
+        relaying the clients on device `downstream` to address `upstream` out of
+        `upstream_dev`, and the replies back."""
+        log = self.dir / f"dhcrelay6-{role}.log"
+        proc = self.spawn(role, [self.binary("/usr/sbin/dhcrelay"), "-6", "-d",
+                                 "-pf", self.dir / f"dhcrelay6-{role}.pid", "-l", downstream,
+                                 "-u", f"{upstream}%{upstream_dev}"], log)
+
+        def ready():
+            if proc.poll() is not None:
+                raise RuntimeError(f"dhcrelay exited ({proc.returncode}): {log.read_text()}")
+            return "Sending on" in log.read_text()
+        wait_for(ready, 10, f"dhcrelay -6 in {role}")
+        return proc
 
     def start_dns(self, records, ttl=5):
         """A DNS server (dnsmasq, DNS only) in the server namespace, on the server's
@@ -524,16 +697,37 @@ class Lab:
         dhclient runs on past BOUND until its first renewal (at the T1 the server
         gave) and the Lease is the renewed one. `extra` goes into dhclient.conf as
         it is (e.g. "reject ADDRESS;" turns down the offers sent from ADDRESS)."""
+        # dhclient gives up after `timeout`; retry 1 keeps the DISCOVERs coming.
+        record = self._dhclient(["-4", "-1"], until, timeout,
+                                f"timeout {max(1, int(timeout))};\nretry 1;\ninitial-interval 1;\n"
+                                "request subnet-mask, routers, domain-name-servers;\n" + extra)
+        if record is None:
+            return None
+        return Lease(ip=record["new_ip_address"], server=record.get("new_dhcp_server_identifier"),
+                     mask=record.get("new_subnet_mask"), routers=record.get("new_routers"),
+                     vars=record)
+
+    def dhclient6(self, timeout=10, prefix=False, until="BOUND6"):
+        """dhclient -6 once in the client namespace, as dhclient(): an address (IA_NA), or
+        with `prefix` a delegated prefix alone (IA_PD, -P). Returns the Lease6 or None.
+        The client's DUID is its link-layer address, so that a server's log names it."""
+        record = self._dhclient(["-6", "-D", "LL", *(["-P"] if prefix else [])], until, timeout)
+        if record is None:
+            return None
+        return Lease6(address=record.get("new_ip6_address"), prefix=record.get("new_ip6_prefix"),
+                      vars=record)
+
+    def _dhclient(self, flags, until, timeout, conf_text=""):
+        """Runs dhclient with `flags` until dhclient-script is called with `until`, at
+        most `timeout` (+5) seconds; returns what the script was told then, or None."""
         n = len(self.procs)
         result = self.dir / f"dhclient-{n}.result"
         conf = self.dir / f"dhclient-{n}.conf"
-        # dhclient gives up after `timeout`; retry 1 keeps the DISCOVERs coming.
-        conf.write_text(f"timeout {max(1, int(timeout))};\nretry 1;\ninitial-interval 1;\n"
-                        "request subnet-mask, routers, domain-name-servers;\n" + extra)
+        conf.write_text(conf_text)
         if not os.access(CLIENT_SCRIPT, os.X_OK):
             raise RuntimeError(f"{CLIENT_SCRIPT} is not executable")
         proc = self.spawn("client", [
-            self.binary("/usr/sbin/dhclient"), "-4", "-1", "-d", "-v", "-cf", conf,
+            self.binary("/usr/sbin/dhclient"), *flags, "-d", "-v", "-cf", conf,
             "-lf", self.dir / f"dhclient-{n}.leases", "-pf", self.dir / f"dhclient-{n}.pid",
             "-sf", CLIENT_SCRIPT, "-e", f"LAB_RESULT={result}", CLIENT_DEV],
             self.dir / f"dhclient-{n}.log")
@@ -553,21 +747,48 @@ class Lab:
         for call in reversed(calls):
             record = dict(line.split("=", 1) for line in call.splitlines() if "=" in line)
             if record.get("reason") == until:
-                return Lease(ip=record["new_ip_address"],
-                             server=record.get("new_dhcp_server_identifier"),
-                             mask=record.get("new_subnet_mask"),
-                             routers=record.get("new_routers"), vars=record)
+                return record
         return None
 
     def scapy(self, role, code, timeout=20):
         """Runs a scapy snippet inside `role`'s namespace (`from scapy.all import *`
         done); returns its stdout."""
-        prog = "from scapy.all import *\nconf.verb = 0\n" + textwrap.dedent(code)
-        res = run("ip", "netns", "exec", self.ns[role], PYTHON, "-c", prog, check=False,
-                  timeout=timeout)
+        return self.python(role, "from scapy.all import *\nconf.verb = 0\n"
+                           + textwrap.dedent(code), timeout)
+
+    def python(self, role, code, timeout=20):
+        """Runs Python code inside `role`'s namespace; returns its stdout."""
+        res = run("ip", "netns", "exec", self.ns[role], PYTHON, "-c", textwrap.dedent(code),
+                  check=False, timeout=timeout)
         if res.returncode != 0:
-            raise RuntimeError(f"scapy in {role} failed:\n{res.stderr}")
+            raise RuntimeError(f"python in {role} failed:\n{res.stderr}")
         return res.stdout
+
+    def send6(self, role, dev, payloads, dst=dhcp6.ALL_RELAYS_AND_SERVERS,
+              sport=dhcp6.PORT_CLIENT, src=None, inter=0, timeout=20):
+        """Sends each payload (bytes) as one UDP datagram from `role`'s namespace to `dst`
+        port 547 out of `dev`, in order, `inter` seconds apart, from port `sport` and
+        address `src` (by default the one the kernel picks: a multicast leaves from the
+        link-local address)."""
+        path = self.dir / f"send6-{role}-{len(list(self.dir.glob('send6-*')))}.bin"
+        path.write_bytes(b"".join(struct.pack("!H", len(p)) + p for p in payloads))
+        scope = "ifindex" if src and src.startswith("fe80") else 0
+        self.python(role, f"""
+            import socket, struct, time
+            ifindex = socket.if_nametoindex({dev!r})
+            s = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+            s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_MULTICAST_IF, ifindex)
+            s.bind(({src or "::"!r}, {sport}, 0, {scope}))
+            data = open({str(path)!r}, "rb").read()
+            at = 0
+            while at < len(data):
+                (size,) = struct.unpack_from("!H", data, at)
+                s.sendto(data[at + 2:at + 2 + size], ({dst!r}, {dhcp6.PORT_AGENT}, 0, ifindex))
+                at += 2 + size
+                if {inter}:
+                    time.sleep({inter})
+            """, timeout)
 
     def send_discover(self, mac="02:00:00:00:0c:01", xid=0x1234, count=1):
         """`count` broadcast DHCPDISCOVERs from the client namespace, one after the
@@ -580,10 +801,11 @@ class Lab:
             sendp(p, iface={CLIENT_DEV!r}, count={count})
             """)
 
-    def capture(self, role, dev):
-        """Starts capturing the DHCP that `dev` receives and sends;
-        `with lab.capture(...) as cap: ...; pkts = cap.stop()` (or cap.wait(...))."""
-        return Capture(self, self.ns[role], dev)
+    def capture(self, role, dev, ports=DHCP4_PORTS):
+        """Starts capturing the DHCP that `dev` receives and sends (DHCPv6 with
+        DHCP6_PORTS); `with lab.capture(...) as cap: ...; pkts = cap.stop()` (or
+        cap.wait(...))."""
+        return Capture(self, self.ns[role], dev, ports)
 
     def _stop(self, proc):
         if proc.poll() is None:
@@ -643,8 +865,10 @@ def main(argv):
     sub.add_parser("up")
     d = sub.add_parser("dhcpd")
     d.add_argument("role", choices=sorted(POOLS))
-    c = sub.add_parser("client")
-    c.add_argument("--timeout", type=int, default=10)
+    d = sub.add_parser("dhcpd6")
+    d.add_argument("role", choices=sorted(POOLS6))
+    for step in ("client", "client6"):
+        sub.add_parser(step).add_argument("--timeout", type=int, default=10)
     sub.add_parser("agent-config")
     sub.add_parser("names")
     sub.add_parser("down")
@@ -655,6 +879,9 @@ def main(argv):
         # Outlives this process; `down` stops it with everything else in the lab.
         d = lab.start_dhcpd(args.role)
         print(f"dhcpd ({args.role}) serving in {d.ns}; log {d.log}")
+    elif args.step == "dhcpd6":
+        d = lab.start_dhcpd6(args.role)
+        print(f"dhcpd -6 ({args.role}) serving in {d.ns}; log {d.log}")
     elif args.step == "client":
         lease = lab.dhclient(args.timeout)
         if lease is None:
@@ -665,8 +892,19 @@ def main(argv):
             for line in d.read_text(errors="replace").splitlines():
                 if "lab:" in line or "DHCPACK" in line:
                     print(f"  {d.stem}: {line}")
+    elif args.step == "client6":
+        lease = lab.dhclient6(args.timeout)
+        if lease is None:
+            print("no DHCPv6 lease", file=sys.stderr)
+            return 1
+        print(f"lease6 {lease.address} from {server_of6(lease.address)}")
+        for d in sorted(lab.dir.glob("dhcpd6-*.log")):
+            for line in d.read_text(errors="replace").splitlines():
+                if line.startswith(("Relay-forward", "Reply NA")):
+                    print(f"  {d.stem}: {line}")
     elif args.step == "agent-config":
-        print(lab.agent_config())
+        print(lab.agent_config(servers=[{"address": SERVER_IP}],
+                               servers_v6=[{"address": SERVER_IP6}]))
     elif args.step == "names":
         for role, name in lab.ns.items():
             print(f"{role}={name}")
