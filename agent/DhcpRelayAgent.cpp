@@ -28,6 +28,8 @@ Agent::Agent(Platform::AgentContext& ctx, std::unique_ptr<DhcpPamFactory> pamFac
 Agent::~Agent() {
    // The roots' machines were built after the directories they watch, so they go
    // first; the remaining members are then released in reverse build order.
+   if (dhcp6Root_)
+      dhcp6Root_->dhcpVrfSelectSmv6Del();
    if (dhcpRoot_) {
       dhcpRoot_->dhcpRelaySmDel();
       dhcpRoot_->dhcpVrfSelectSmDel();
@@ -140,6 +142,8 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    });
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
+   dhcp6Root_->dhcpVrfSelectSmv6Is(config, entityManager.entityConst<Ip6::Status>("ip6/status"),
+                                   activeVrfDirv6_);
    dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");
 }
 

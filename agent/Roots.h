@@ -6,6 +6,7 @@
 #include "platform/store/Entity.h"
 #include "relay4/DhcpRelaySm.h"
 #include "servers/DhcpVrfSelectSmv4.h"
+#include "servers/DhcpVrfSelectSmv6.h"
 
 // The roots own the state machines of their subsystem: deleting a root deletes
 // its machines first. Each subsystem adds its machines to its root as it is
@@ -50,6 +51,20 @@ class Rootv6 : public Platform::Entity {
  public:
    PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Rootv6")
    using Entity::Entity;
+
+   DhcpVrfSelectSmv6* dhcpVrfSelectSmv6() const { return dhcpVrfSelectSmv6_.get(); }
+   template <class... Args>
+   DhcpVrfSelectSmv6* dhcpVrfSelectSmv6Is(Args&&... args) {
+      dhcpVrfSelectSmv6_ = std::make_unique<DhcpVrfSelectSmv6>(std::forward<Args>(args)...);
+      dhcpVrfSelectSmv6_->handleInitialized();
+      return dhcpVrfSelectSmv6_.get();
+   }
+   void dhcpVrfSelectSmv6Del() { dhcpVrfSelectSmv6_.reset(); }
+
+   ~Rootv6() override { dhcpVrfSelectSmv6Del(); }
+
+ private:
+   std::unique_ptr<DhcpVrfSelectSmv6> dhcpVrfSelectSmv6_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay
