@@ -29,7 +29,10 @@ Agent::~Agent() {
    // The roots' machines were built after the directories they watch, so they go
    // first; the remaining members are then released in reverse build order.
    if (dhcp6Root_)
+   if (dhcp6Root_) {
       dhcp6Root_->dhcpRelaySmv6Del();
+      dhcp6Root_->dhcpVrfSelectSmv6Del();
+   }
    if (dhcpRoot_) {
       dhcpRoot_->dhcpRelaySmDel();
       dhcpRoot_->dhcpVrfSelectSmDel();
@@ -150,6 +153,8 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
    });
    dhcp6Root_ = Platform::make<Rootv6>("Dhcp6Root");
    activeVrfDirv6_ = Platform::make<VrfWithCountDir>("ActiveVrfDirv6");
+   dhcp6Root_->dhcpVrfSelectSmv6Is(config, entityManager.entityConst<Ip6::Status>("ip6/status"),
+                                   activeVrfDirv6_);
    dhcp6Root_->dhcpRelaySmv6Is({
        .config = config,
        .status = localDhcp6RelayStatus_,

@@ -7,6 +7,7 @@
 #include "relay4/DhcpRelaySm.h"
 #include "relay6/DhcpRelaySmv6.h"
 #include "servers/DhcpVrfSelectSmv4.h"
+#include "servers/DhcpVrfSelectSmv6.h"
 
 // The roots own the state machines of their subsystem: deleting a root deletes
 // its machines first. Each subsystem adds its machines to its root as it is
@@ -52,6 +53,15 @@ class Rootv6 : public Platform::Entity {
    PLATFORM_ENTITY_TYPE("Ip::Helper::DhcpRelay::Rootv6")
    using Entity::Entity;
 
+   DhcpVrfSelectSmv6* dhcpVrfSelectSmv6() const { return dhcpVrfSelectSmv6_.get(); }
+   template <class... Args>
+   DhcpVrfSelectSmv6* dhcpVrfSelectSmv6Is(Args&&... args) {
+      dhcpVrfSelectSmv6_ = std::make_unique<DhcpVrfSelectSmv6>(std::forward<Args>(args)...);
+      dhcpVrfSelectSmv6_->handleInitialized();
+      return dhcpVrfSelectSmv6_.get();
+   }
+   void dhcpVrfSelectSmv6Del() { dhcpVrfSelectSmv6_.reset(); }
+
    DhcpRelaySmv6* dhcpRelaySmv6() const { return dhcpRelaySmv6_.get(); }
    DhcpRelaySmv6* dhcpRelaySmv6Is(DhcpRelaySmv6::Inputs inputs) {
       dhcpRelaySmv6_ = std::make_unique<DhcpRelaySmv6>(std::move(inputs));
@@ -60,9 +70,14 @@ class Rootv6 : public Platform::Entity {
    }
    void dhcpRelaySmv6Del() { dhcpRelaySmv6_.reset(); }
 
-   ~Rootv6() override { dhcpRelaySmv6Del(); }
+   // The relay machine watches what the VRF selection derives, so it goes first.
+   ~Rootv6() override {
+      dhcpRelaySmv6Del();
+      dhcpVrfSelectSmv6Del();
+   }
 
  private:
+   std::unique_ptr<DhcpVrfSelectSmv6> dhcpVrfSelectSmv6_;
    std::unique_ptr<DhcpRelaySmv6> dhcpRelaySmv6_;
 };
 

@@ -27,6 +27,7 @@ using Platform::netlinkAddr;
 using Platform::netlinkErrorText;
 using Platform::NetlinkSocket;
 using Platform::netlinkString;
+using Platform::netlinkU32;
 using Platform::Ptr;
 
 using KernelNetInfo::KernelIntf;
@@ -46,6 +47,14 @@ constexpr size_t kDeviceDumpsMax = 32;
 
 const char* dumpName(bool links) {
    return links ? "link" : "address";
+}
+
+// An IPv6 address may be used once duplicate address detection has passed: until then it
+// may still turn out to be another node's, and a duplicate one is. IFA_FLAGS carries all 32
+// bits; kernels before 3.14 send only the low 8 in the header, which hold these two.
+bool usableIpv6(const ifaddrmsg& ifa, const nlattr* flagsAttr) {
+   const uint32_t flags = netlinkU32(flagsAttr).value_or(ifa.ifa_flags);
+   return !(flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED));
 }
 
 }  // namespace
@@ -302,7 +311,7 @@ void KernelTableFollower::doAddress(const nlmsghdr* nlh, bool fromDump) {
    const int family = ifa->ifa_family;
    if (family != AF_INET && family != AF_INET6)
       return;
-   auto attrs = netlinkAttrs<IFA_LOCAL + 1>(nlh, sizeof(ifaddrmsg));
+   auto attrs = netlinkAttrs<IFA_FLAGS + 1>(nlh, sizeof(ifaddrmsg));
    // IFA_LOCAL is the device's own address; IFA_ADDRESS is the peer's on a
    // point-to-point link and the same address otherwise (IPv6 often sends only it).
    auto addr = netlinkAddr(attrs[IFA_LOCAL], family);
@@ -317,7 +326,7 @@ void KernelTableFollower::doAddress(const nlmsghdr* nlh, bool fromDump) {
       DumpedAddresses& seen = addressesSeen_[ifindex];
       if (family == AF_INET)
          seen.ipv4.emplace_back(addr->v4(), ifa->ifa_prefixlen);
-      else
+      else if (usableIpv6(*ifa, attrs[IFA_FLAGS]))
          seen.ipv6.emplace(addr->v6(), ifa->ifa_prefixlen);
       return;
    }
@@ -331,9 +340,15 @@ void KernelTableFollower::doAddress(const nlmsghdr* nlh, bool fromDump) {
    if (!intf)
       return;
    const Ip6Prefix prefix(addr->v6(), ifa->ifa_prefixlen);
-   const bool added = nlh->nlmsg_type == RTM_NEWADDR;
-   TRACE(4, added ? "added " : "deleted ", prefix, " on ", intf->deviceName(), " in \"", nsName_,
-         "\"");
+   // The kernel notifies again when detection ends: without the flag once it passed, with
+   // IFA_F_DADFAILED when it failed.
+   const bool deleted = nlh->nlmsg_type == RTM_DELADDR;
+   const bool added = !deleted && usableIpv6(*ifa, attrs[IFA_FLAGS]);
+   TRACE(4,
+         added     ? "added "
+         : deleted ? "deleted "
+                   : "not usable (duplicate address detection) ",
+         prefix, " on ", intf->deviceName(), " in \"", nsName_, "\"");
    if (added)
       intf->ipv6Is(prefix);
    else

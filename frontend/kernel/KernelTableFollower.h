@@ -41,7 +41,10 @@ using Platform::TimerWheel;
 //   notification is answered with a dump of that device's addresses (the kernel filters
 //   by ifindex on a strictly checked socket), and the device's list is replaced whole
 //   from it. Many devices waiting at once get one dump of everything instead.
-// - ipv6: the address notifications are applied as they come.
+// - ipv6: the address notifications are applied as they come, and only addresses that
+//   passed duplicate address detection are kept: a tentative one (detection running) or a
+//   duplicate one (detection failed) is left out, or taken out if it was kept. The kernel
+//   notifies the address again when detection passes, and it appears then.
 // - A device moved to another namespace is a deletion here (RTM_DELLINK).
 // - Lost notifications (ENOBUFS, a truncated datagram) start a full dump whose result
 //   is applied as a difference.

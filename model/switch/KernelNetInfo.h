@@ -48,7 +48,9 @@ class KernelIntf : public Platform::Entity {
    void ipv4Is(const std::vector<Platform::IpAddrWithMask>& v) {
       attrIs(ipv4_, v, &Reactor::handleIpv4);
    }
-   // IPv6 addresses with their prefix length.
+   // The IPv6 addresses that may be used, with their prefix length: those still in
+   // duplicate address detection (tentative) or found duplicate are not listed, so whatever
+   // reads these may take any of them as a source or link address.
    const std::set<Platform::Ip6Prefix>& ipv6() const { return ipv6_; }
    void ipv6Is(const Platform::Ip6Prefix& a) { setEntryIs(ipv6_, a, &Reactor::handleIpv6); }
    void ipv6Del(const Platform::Ip6Prefix& a) { setEntryDel(ipv6_, a, &Reactor::handleIpv6); }

@@ -101,6 +101,7 @@ TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
                       "interfaces:\n"
                       "  Ethernet1:\n"
                       "    servers: [{address: 192.0.2.10}, {address: 198.51.100.7, vrf: red}]\n"
+                      "    servers-v6: [{address: 2001:db8::10, vrf: red}]\n"
                       "    information-option: true\n");
    runPosted();
    ASSERT_TRUE(agent->objectGraphBuilt());
@@ -112,6 +113,9 @@ TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
    ASSERT_EQ(vrfs.size(), 2u);
    EXPECT_EQ(vrfs.at(Platform::VrfName("default"))->count(), 0u);
    EXPECT_EQ(vrfs.at(Platform::VrfName("red"))->count(), 1u);
+   const auto& vrfs6 = agent->activeVrfDirv6()->vrfCount();
+   ASSERT_EQ(vrfs6.size(), 2u);
+   EXPECT_EQ(vrfs6.at(Platform::VrfName("red"))->count(), 1u);
 
    // Destroying the agent tears the graph down without tripping a count check.
    agent.reset();

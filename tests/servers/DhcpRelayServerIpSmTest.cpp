@@ -8,20 +8,15 @@
 #include <string>
 
 #include "servers/IntfServerIpCount.h"
+#include "tests/support/ServerKeys.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
 
 using Platform::IntfId;
-using Platform::IpGenAddr;
 using Platform::make;
 using Platform::VrfName;
-
-VrfIpSrcIntfSrcIp server(const char* vrf, const char* ip, const char* srcIntf = "",
-                         const char* srcIp = "") {
-   return {VrfName(vrf), *IpGenAddr::parse(ip), *srcIntf ? IntfId(srcIntf) : IntfId(),
-           *IpGenAddr::parse(srcIp)};
-}
+using TestKeys::server;
 
 VrfHostnameSrcIntfSrcIp named(const char* vrf, const char* srcIntf = "") {
    return {VrfName(vrf), "dhcp.example", *srcIntf ? IntfId(srcIntf) : IntfId(), {}};

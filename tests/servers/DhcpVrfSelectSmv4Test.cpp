@@ -10,6 +10,7 @@
 #include "platform/trace/Trace.h"
 #include "servers/ActiveVrfCount.h"
 #include "servers/IntfServerIpCount.h"
+#include "tests/support/ServerKeys.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
@@ -17,23 +18,13 @@ namespace {
 using Platform::IntfId;
 using Platform::make;
 using Platform::VrfName;
-
-VrfIpSrcIntfSrcIp server(const char* vrf, const char* ip, const char* srcIntf = "") {
-   return {
-       VrfName(vrf), *Platform::IpGenAddr::parse(ip), *srcIntf ? IntfId(srcIntf) : IntfId(), {}};
-}
+using TestKeys::server;
 
 class DhcpVrfSelectSmv4Test : public testing::Test {
  protected:
    void SetUp() override { sm_->handleInitialized(); }
 
-   // "vrf:count" of every active VRF, in name order.
-   std::string counts() const {
-      std::string out;
-      for (const auto& [vrf, entry] : active_->vrfCount())
-         out += (out.empty() ? "" : " ") + vrf.str() + ":" + std::to_string(entry->count());
-      return out;
-   }
+   std::string counts() const { return TestKeys::vrfCounts(*active_); }
    Ptr<Ip::IpIntfStatus> statusIs(const IntfId& intf, const char* vrf) {
       Ptr<Ip::IpIntfStatus> status = ipStatus_->ipIntfStatusIs(intf);
       status->vrfIs(VrfName(vrf));

@@ -86,7 +86,8 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
       return *followers_.back();
    }
 
-   // What `ip` reads, with running as "up, and the operational state up or unknown".
+   // What `ip` reads, with running as "up, and the operational state up or unknown", and
+   // only the IPv6 addresses that passed duplicate address detection.
    static Texts kernelView(const std::string& ns) {
       const std::string text = TestNet::output("ip -j -n " + ns + " addr show 2>/dev/null");
       auto doc = nlohmann::json::parse(text, nullptr, false);
@@ -99,6 +100,8 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
          const std::string oper = d.value("operstate", "");
          Texts ipv4, ipv6;
          for (const auto& a : d["addr_info"]) {
+            if (a.value("tentative", false) || a.value("dadfailed", false))
+               continue;
             std::string addr = a.value("local", "") + "/" + std::to_string(a.value("prefixlen", 0));
             (a.value("family", "") == "inet" ? ipv4 : ipv6).push_back(addr);
          }
@@ -122,6 +125,41 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
             return k;
       return nullptr;
    }
+
+   // The flags `ip` shows for an address of a device ("tentative", "dadfailed"), in its
+   // order; "absent" when the device does not have it.
+   static std::string kernelFlags(const std::string& ns, const std::string& device,
+                                  const std::string& addr) {
+      const std::string text =
+          TestNet::output("ip -j -n " + ns + " addr show dev " + device + " 2>/dev/null");
+      auto doc = nlohmann::json::parse(text, nullptr, false);
+      if (!doc.is_array() || doc.size() != 1)
+         return "unreadable: " + text;
+      for (const auto& a : doc[0]["addr_info"]) {
+         if (a.value("local", "") != addr)
+            continue;
+         std::string flags;
+         for (const char* flag : {"dadfailed", "tentative"})
+            if (a.value(flag, false))
+               flags += (flags.empty() ? "" : " ") + std::string(flag);
+         return flags;
+      }
+      return "absent";
+   }
+
+   // Notifications arrive in the order the kernel sent them: once an address added now is
+   // in the table, the follower has read everything sent before it.
+   bool caughtUp(const std::string& ns, const Status& table, const std::string& device) {
+      const std::string marker = "2001:db8:ffff::" + std::to_string(++markers_);
+      const Ip6Prefix prefix = *Ip6Prefix::parse(marker + "/128");
+      EXPECT_EQ(ipIn(ns, "addr add " + marker + "/128 dev " + device + " nodad"), 0);
+      return turnUntil([&] {
+         const Ptr<KernelIntf> k = byName(table, device);
+         return k && k->ipv6().contains(prefix);
+      });
+   }
+
+   int markers_ = 0;
 
    std::vector<std::unique_ptr<KernelTableFollower>> followers_;
 };
@@ -201,6 +239,67 @@ TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
    EXPECT_EQ(log.running, 2);
    EXPECT_EQ(log.name, 0);
    EXPECT_TRUE(turnUntil([&] { return matchesKernel(ns, *table); }));
+}
+
+// The DHCPv6 relay takes link and source addresses from the table, so an address appears
+// only once duplicate address detection has passed, whether notified or dumped.
+TEST_F(KernelTableFollowerTest, Ipv6AddressesAppearOnlyOnceDuplicateDetectionPassed) {
+   const std::string ns = nsAdd("dad");
+   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   // No link-local addresses: only the test's own change.
+   for (const char* device : {"v0", "v1"})
+      ASSERT_EQ(ipIn(ns, std::string("link set ") + device + " addrgenmode none"), 0);
+   // One probe, sent at once, and a tenth of a second without an answer passes.
+   ASSERT_EQ(TestNet::shell("ip netns exec " + ns +
+                            " sysctl -qw net.ipv6.conf.v0.accept_dad=1"
+                            " net.ipv6.conf.v0.dad_transmits=1"
+                            " net.ipv6.conf.v0.router_solicitation_delay=0"
+                            " net.ipv6.neigh.v0.retrans_time_ms=100"),
+             0);
+   // With its peer down v0 has no carrier, and detection waits for one.
+   ASSERT_EQ(ipIn(ns, "link set v0 up"), 0);
+   auto table = make<Status>();
+   KernelTableFollower& follower = follow(ns, table);
+   Ptr<KernelIntf> v0 = byName(*table, "v0");
+   ASSERT_TRUE(v0);
+   IntfLog log;
+   log.notifierIs(v0);
+   const Ip6Prefix unchecked = *Ip6Prefix::parse("2001:db8::9/64");
+   const Ip6Prefix checked = *Ip6Prefix::parse("2001:db8::1/64");
+   const Ip6Prefix duplicate = *Ip6Prefix::parse("2001:db8::2/64");
+
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::9/64 dev v0 nodad"), 0);
+   EXPECT_TRUE(turnUntil([&] { return v0->ipv6().contains(unchecked); }));
+
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::1/64 dev v0"), 0);
+   ASSERT_TRUE(caughtUp(ns, *table, "v1"));
+   auto dumped = make<Status>();
+   follow(ns, dumped);
+   ASSERT_EQ(kernelFlags(ns, "v0", "2001:db8::1"), "tentative");
+   EXPECT_EQ(texts(v0->ipv6()), (Texts{"2001:db8::9/64"}));
+   EXPECT_EQ(texts(byName(*dumped, "v0")->ipv6()), (Texts{"2001:db8::9/64"}));
+   // The kernel notifies the address again when detection passes.
+   ASSERT_EQ(ipIn(ns, "link set v1 up"), 0);
+   EXPECT_TRUE(turnUntil([&] {
+      return v0->ipv6().contains(checked) && byName(*dumped, "v0")->ipv6().contains(checked);
+   }));
+
+   // Detection fails on an address the peer holds already.
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::2/64 dev v1 nodad"), 0);
+   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::2/64 dev v0"), 0);
+   EXPECT_TRUE(turnUntil([&] { return kernelFlags(ns, "v0", "2001:db8::2") != "tentative"; }));
+   ASSERT_EQ(kernelFlags(ns, "v0", "2001:db8::2"), "dadfailed tentative");
+   ASSERT_TRUE(caughtUp(ns, *table, "v1"));
+   EXPECT_FALSE(v0->ipv6().contains(duplicate));
+   followers_.pop_back();
+   dumped = make<Status>();
+   follow(ns, dumped);
+   EXPECT_FALSE(byName(*dumped, "v0")->ipv6().contains(duplicate));
+
+   EXPECT_EQ(log.ipv6, 2);
+   EXPECT_TRUE(follower.inSync());
+   EXPECT_TRUE(matchesKernel(ns, *table));
+   EXPECT_TRUE(matchesKernel(ns, *dumped));
 }
 
 TEST_F(KernelTableFollowerTest, DeviceMovedToAnotherNamespaceChangesTables) {
