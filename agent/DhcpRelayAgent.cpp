@@ -28,7 +28,6 @@ Agent::Agent(Platform::AgentContext& ctx, std::unique_ptr<DhcpPamFactory> pamFac
 Agent::~Agent() {
    // The roots' machines were built after the directories they watch, so they go
    // first; the remaining members are then released in reverse build order.
-   if (dhcp6Root_)
    if (dhcp6Root_) {
       dhcp6Root_->dhcpRelaySmv6Del();
       dhcp6Root_->dhcpVrfSelectSmv6Del();
