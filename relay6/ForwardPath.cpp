@@ -132,7 +132,7 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    Ip6Addr linkAddr = fwd.linkAddr;
    Ip6Addr txSrc;
    uint32_t txIfindex = 0;
-   if (!server.srcIp.isEmpty() && server.srcIp.isV6()) {
+   if (server.srcIp.isV6() && !server.srcIp.v6().isZero()) {
       txSrc = linkAddr = server.srcIp.v6();
    } else if (!server.srcIntf.empty()) {
       const Intf* src = intf(server.srcIntf);

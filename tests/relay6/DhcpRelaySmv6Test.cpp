@@ -57,6 +57,19 @@ std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& msg) {
    return out;
 }
 
+// The kernel's answers without a kernel: a route to each server it knows, from `source`.
+class TestRelay : public DhcpRelaySmv6 {
+ public:
+   using DhcpRelaySmv6::DhcpRelaySmv6;
+   std::map<Ip6Addr, Platform::EgressRoute> routes;
+
+ protected:
+   std::optional<Platform::EgressRoute> egressRoute(DhcpVrfSmv6&, const Ip6Addr& server) override {
+      auto it = routes.find(server);
+      return it == routes.end() ? std::nullopt : std::optional(it->second);
+   }
+};
+
 const Ip6Addr kClientLl = ip6("fe80::42");
 const Ip6Addr kRelayLl = ip6("fe80::1");
 const Ip6Addr kRelayGlobal = ip6("2001:db8:1::1");
@@ -83,7 +96,7 @@ class DhcpRelaySmv6Test : public testing::Test {
       bed.activeVrfIs(vrf, 1);
    }
    void start() {
-      sm = std::make_unique<DhcpRelaySmv6>(DhcpRelaySmv6::Inputs{
+      sm = std::make_unique<TestRelay>(DhcpRelaySmv6::Inputs{
           bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
           mcGroups, &bed.store, bed.managers.get(), &bed.pams});
       sm->handleInitialized();
@@ -102,7 +115,7 @@ class DhcpRelaySmv6Test : public testing::Test {
    Ptr<EntityMib::Status> entityMib = make<EntityMib::Status>("entmib");
    Ptr<Ip6::MulticastGroupsForApplications> mcGroups =
        make<Ip6::MulticastGroupsForApplications>("dhcprelay");
-   std::unique_ptr<DhcpRelaySmv6> sm;
+   std::unique_ptr<TestRelay> sm;
 };
 
 // The wire form of a Relay-Forw: header, the message in option 9, our Remote-Id right behind
@@ -280,8 +293,9 @@ TEST_F(DhcpRelaySmv6Test, ReplyPathDeliversOrDrops) {
       EXPECT_EQ(out.port, c.port);
       EXPECT_EQ(out.ifindex, 11u);
       EXPECT_EQ(out.dst, Platform::IpGenAddr(kClientLl));
-      if (c.port == 546)
+      if (c.port == 546) {
          EXPECT_EQ(out.src, Platform::IpGenAddr(kRelayLl));
+      }
    }
    EXPECT_EQ(bed.status->totalRepliesForwarded(), 3u);
 }
