@@ -67,8 +67,8 @@ constexpr size_t relayHeader = 34;  // options of a relay message start here
 constexpr size_t optionHeader = 4;
 // What wrapping a message in a Relay-Forw puts in front of it: the relay header and the
 // Relay Message option's code and length.
-constexpr size_t relayForwHead = relayHeader + optionHeader;  // 38
-constexpr size_t remoteIdOption = optionHeader + 22;          // 26
+constexpr size_t relayForwHead = relayHeader + optionHeader;    // 38
+constexpr size_t remoteIdOption = optionHeader + 22;            // 26
 constexpr size_t clientLinkLayerAddrOption = optionHeader + 8;  // 12
 constexpr uint32_t cableLabsEnterprise = 4491;
 constexpr uint16_t ccapCoresSubOption = 61;
@@ -128,7 +128,8 @@ enum class Dhcp6ReplyError : uint8_t {
    noRelayMessage,  // no option 9
    noInterfaceId,   // no option 18
 };
-// Reads a Relay-Repl at offset 0 of the packet; `error` says why not when it returns false.
+// Reads a Relay-Repl at offset 0 of the packet; `error` says why not when it returns false
+// (the first reason in the enum's order). The first option 9 and the first option 18 count.
 bool dhcp6ParseRelayReply(const Platform::Pkt& pkt, Dhcp6RelayReply& out, Dhcp6ReplyError& error);
 
 // Splits Interface-Id data into interface and VRF names at the first separator; nullopt
@@ -152,7 +153,8 @@ void dhcp6RelayLinkAddressIs(Platform::Pkt& pkt, const Platform::Ip6Addr& linkAd
 // Appends at the tail: Remote-Id (37; option-len 22: enterprise, DUID type 3, hardware type
 // 1, the MAC, the 8-byte interface identifier), Client Link-Layer Address (79; type 1 and
 // the MAC), Interface-Id (18; interface, separator, VRF), Virtual Subnet Selection (68;
-// type 0 and the VRF name).
+// type 0 and the VRF name). Interface-Id is refused, too, for an empty interface name or one
+// holding the separator: the reply could not be matched to it.
 bool dhcp6AppendRemoteId(Platform::Pkt& pkt, uint32_t enterprise, const Platform::EthAddr& mac,
                          uint64_t interfaceIdValue);
 bool addDhcp6LinkLayerAddressOpt(Platform::Pkt& pkt, const Platform::EthAddr& mac);
@@ -162,24 +164,31 @@ bool dhcp6AppendVss(Platform::Pkt& pkt, std::string_view vrf);
 // --- the reply path
 
 // Opens (delta > 0) or closes (delta < 0) a gap of |delta| bytes at `offset`: the bytes
-// from offset to the end move up (tail grows) or down (tail shrinks).
+// from offset to the end move up (tail grows; the gap still holds the old bytes) or down
+// (tail shrinks; the |delta| bytes before offset are gone).
 bool preparePktForCcap(Platform::Pkt& pkt, size_t offset, int delta);
 
 // Puts `cores` (CableLabs CCAP cores sub-option 61 of vendor option 17, enterprise 4491)
 // into the message at [start, end): recurses through Relay-Repl option 9 (fixing each
 // option 9 length on the way), edits the first option 17 of enterprise 4491 of an Advertise
 // or Reply, or inserts one at `end`. Returns the change in packet length; 0 when nothing
-// was done. `ok` turns false (packet unchanged) when the packet lacks room or a length
-// would overflow 16 bits. `intf` names the client interface in the trace lines.
+// was done: no cores, another message type, a Relay-Repl without option 9 or nested deeper
+// than 32 relays, or options that cannot be walked up to where the cores would go. `ok`
+// turns false (packet unchanged) when the packet lacks room or the message would outgrow a
+// UDP datagram (so no length inside it can overflow 16 bits). `intf` names the client
+// interface in the trace lines.
 int searchAndSetCcapCoresInPkt(Platform::Pkt& pkt, std::span<const Platform::Ip6Addr> cores,
                                std::string_view intf, size_t start, size_t end, bool& ok);
 
 // Makes the packet exactly the message that option 9 of the Relay-Repl at offset 0 carries:
-// drops the head up to its data and whatever follows it.
+// drops the head up to its data and whatever follows it (traced "deleteHeadData" and
+// "deleteTailData"). After searchAndSetCcapCoresInPkt the length is the parsed one plus its
+// delta; the offset stays. False, unchanged, when the range is not inside the packet.
 bool dhcp6UnwrapRelayMessage(Platform::Pkt& pkt, size_t relayMsgOffset, size_t relayMsgLength);
 
 // The options region [optStart, optEnd) of the innermost Reply or Release (through nested
-// Relay-Forw/Relay-Repl option 9s) that holds IA_PD or IA_NA; false when there is none.
+// Relay-Forw/Relay-Repl option 9s, at most 32) that holds IA_PD or IA_NA before any option
+// that cannot be walked; false when there is none.
 bool dhcpRelaySmv6ParseMsgForRouteInstall(const Platform::Pkt& pkt, size_t msgOffset,
                                           uint16_t& optStart, uint16_t& optEnd);
 

@@ -11,7 +11,9 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "codec/Dhcp6Codec.h"
 #include "codec/DhcpCodec.h"
 #include "codec/DhcpHdr.h"
 #include "codec/Frame.h"
@@ -31,6 +33,13 @@ inline Platform::Ptr<Platform::Pkt> packetOf(std::span<const uint8_t> data) {
 
 inline bool samePacket(const Platform::Pkt& a, std::span<const uint8_t> b) {
    return std::equal(a.span().begin(), a.span().end(), b.begin(), b.end());
+}
+
+// `part` lies in the packet's data behind `from` and an option header.
+inline bool within(const Platform::Pkt& pkt, std::span<const uint8_t> part, size_t from) {
+   const uint8_t* first = pkt.data() + from + 4;
+   return part.data() >= first && part.size() <= pkt.bytes() &&
+          part.data() + part.size() <= pkt.data() + pkt.bytes();
 }
 
 struct InfoValues {
@@ -179,6 +188,90 @@ inline bool frameLocator(std::span<const uint8_t> data) {
                      pkt->span().begin() + static_cast<ptrdiff_t>(at.payload));
 }
 
+// What a Relay-Repl reading reports lies inside the packet, the names split out of
+// Interface-Id lie inside the option, and unwrapping leaves exactly the relay message.
+inline bool dhcp6RelayReply(std::span<const uint8_t> data) {
+   using namespace Ip::Helper::DhcpRelay;
+   auto pkt = Detail::packetOf(data);
+   Dhcp6RelayReply reply;
+   Dhcp6ReplyError error;
+   const bool parsed = dhcp6ParseRelayReply(*pkt, reply, error);
+   if (parsed != (error == Dhcp6ReplyError::none) || !Detail::samePacket(*pkt, data))
+      return false;
+   if (!parsed)
+      return true;
+   const auto relayMsg = pkt->sub(reply.relayMsgOffset, reply.relayMsgLength);
+   if (relayMsg.size() != reply.relayMsgLength || !reply.hasInterfaceId ||
+       !Detail::within(*pkt, reply.interfaceId, Dhcp6Layout::relayHeader) ||
+       reply.relayMsgOffset < Dhcp6Layout::relayHeader + Dhcp6Layout::optionHeader)
+      return false;
+   const auto names = dhcp6SplitInterfaceId(reply.interfaceId);
+   if (names && (names->intf.empty() ||
+                 names->intf.size() + 1 + names->vrf.size() != reply.interfaceId.size() ||
+                 names->intf.data() != reinterpret_cast<const char*>(reply.interfaceId.data())))
+      return false;
+   const std::vector<uint8_t> inner(relayMsg.begin(), relayMsg.end());
+   return dhcp6UnwrapRelayMessage(*pkt, reply.relayMsgOffset, reply.relayMsgLength) &&
+          Detail::samePacket(*pkt, inner);
+}
+
+// CCAP cores on any bytes: the packet changes by exactly the reported delta, or not at all
+// when refused, and setting the same cores again changes nothing.
+inline bool dhcp6Ccap(std::span<const uint8_t> data) {
+   using namespace Ip::Helper::DhcpRelay;
+   static const Platform::Ip6Addr kCores[] = {*Platform::Ip6Addr::parse("2001:db8::1"),
+                                              *Platform::Ip6Addr::parse("2001:db8::2")};
+   auto pkt = Detail::packetOf(data);
+   bool ok = false;
+   const int delta = searchAndSetCcapCoresInPkt(*pkt, kCores, "Ethernet1", 0, data.size(), ok);
+   if (!ok)
+      return delta == 0 && Detail::samePacket(*pkt, data);
+   if (static_cast<long>(pkt->bytes()) != static_cast<long>(data.size()) + delta)
+      return false;
+   const std::vector<uint8_t> once(pkt->span().begin(), pkt->span().end());
+   const int again = searchAndSetCcapCoresInPkt(*pkt, kCores, "Ethernet1", 0, pkt->bytes(), ok);
+   return ok && again == 0 && Detail::samePacket(*pkt, once);
+}
+
+// The located region lies inside the packet, behind a message header, and holds IA_PD or IA_NA.
+inline bool dhcp6RouteInstall(std::span<const uint8_t> data) {
+   using namespace Ip::Helper::DhcpRelay;
+   auto pkt = Detail::packetOf(data);
+   uint16_t start = 0, end = 0;
+   if (!dhcpRelaySmv6ParseMsgForRouteInstall(*pkt, 0, start, end))
+      return true;
+   return start >= Dhcp6Layout::clientHeader && start <= end && end <= data.size() &&
+          (dhcp6FindOption(*pkt, dhcp6OptIaPd, start, end) ||
+           dhcp6FindOption(*pkt, dhcp6OptIaNa, start, end));
+}
+
+// Option look-ups report options that sit where they say, inside the region asked about.
+inline bool dhcp6Options(std::span<const uint8_t> data) {
+   using namespace Ip::Helper::DhcpRelay;
+   auto pkt = Detail::packetOf(data);
+   if (dhcp6RelayHdr(*pkt).has_value() != (data.size() >= Dhcp6Layout::relayHeader) ||
+       dhcp6MsgTypeName(dhcp6MsgType(*pkt).value_or(0)).empty())
+      return false;
+   (void)dhcp6TransactionId(*pkt);
+   const auto duid = dhcp6ClientDuid(*pkt);
+   if (!duid.empty() && !Detail::within(*pkt, duid, Dhcp6Layout::clientHeader))
+      return false;
+   for (const size_t start : {Dhcp6Layout::clientHeader, Dhcp6Layout::relayHeader}) {
+      for (const uint16_t code : {dhcp6OptClientId, dhcp6OptRelayMsg, dhcp6OptInterfaceId}) {
+         const auto opt = dhcp6FindOption(*pkt, code, start, data.size() - data.size() / 3);
+         if (!opt)
+            continue;
+         Platform::ByteReader header(pkt->sub(opt->offset, Dhcp6Layout::optionHeader));
+         if (opt->offset < start || header.read16() != code ||
+             header.read16() != opt->data.size() ||
+             opt->data.data() != pkt->data() + opt->dataOffset() ||
+             opt->dataOffset() + opt->data.size() > data.size() - data.size() / 3)
+            return false;
+      }
+   }
+   return Detail::samePacket(*pkt, data);
+}
+
 struct Target {
    std::string_view name;
    bool (*run)(std::span<const uint8_t>);
@@ -192,6 +285,10 @@ inline constexpr Target kTargets[] = {
     {"info_opt_parse", infoOptParse},
     {"info_opt_edit", infoOptEdit},
     {"frame_locator", frameLocator},
+    {"dhcp6_relay_reply", dhcp6RelayReply},
+    {"dhcp6_ccap", dhcp6Ccap},
+    {"dhcp6_route_install", dhcp6RouteInstall},
+    {"dhcp6_options", dhcp6Options},
 };
 
 }  // namespace Fuzz

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of the fuzz programs: DHCPv4 messages as clients, relays
 and servers send them, built field by field (RFC 2131, 2132, 3046, 3527, 5107, 6607),
-and the Ethernet frames around DHCP and DHCPv6 messages (RFC 768, 791, 8200).
+DHCPv6 messages and the relay messages around them (RFC 8415, 4649, 6939, 6607), and the
+Ethernet frames around DHCP and DHCPv6 messages (RFC 768, 791, 8200).
 Run from anywhere; files are rewritten in place."""
 
 import os
@@ -119,6 +120,47 @@ FRAMES = {
     "cut_short": (eth(0x0800) + DISCOVER4)[:100],
 }
 
+def opt6(code, value):
+    return struct.pack("!HH", code, len(value)) + value
+
+
+def msg6(msg_type, options):
+    return bytes([msg_type]) + b"\x12\x34\x56" + options
+
+
+def relay6(msg_type, inner, options=b"", hops=0, link=b"\0" * 16, peer=LINK_LOCAL):
+    return bytes([msg_type, hops]) + link + peer + opt6(9, inner) + options
+
+
+GLOBAL6 = bytes.fromhex("20010db8000000000000000000000001")
+CLIENT_ID = opt6(1, struct.pack("!HH", 3, 1) + MAC)
+IA_PD = opt6(25, struct.pack("!III", 1, 3600, 5400) +
+             opt6(26, struct.pack("!IIB", 7200, 7200, 56) + GLOBAL6))
+IA_NA = opt6(3, struct.pack("!III", 1, 3600, 5400) +
+             opt6(5, GLOBAL6 + struct.pack("!II", 7200, 7200)))
+CCAP_CORES = opt6(17, struct.pack("!I", 4491) + opt6(61, GLOBAL6 * 3) + opt6(62, b"x"))
+OTHER_VENDOR = opt6(17, struct.pack("!I", 9) + opt6(61, GLOBAL6))
+IFACE = opt6(18, b"Ethernet1:blue")
+REMOTE_ID = opt6(37, struct.pack("!IHH", 4491, 3, 1) + MAC + struct.pack("!Q", 7))
+
+SOLICIT = msg6(1, CLIENT_ID + opt6(8, b"\0\0") + IA_PD)
+REPLY = msg6(7, CLIENT_ID + IA_PD + IA_NA)
+ADVERTISE_CCAP = msg6(2, CLIENT_ID + OTHER_VENDOR + CCAP_CORES + IA_NA)
+
+DHCP6 = {
+    "solicit": SOLICIT,
+    "reply": REPLY,
+    "release": msg6(8, CLIENT_ID + IA_NA),
+    "advertise_ccap": ADVERTISE_CCAP,
+    "relay_forw": relay6(12, SOLICIT, REMOTE_ID + IFACE, hops=1, link=GLOBAL6),
+    "relay_repl": relay6(13, REPLY, IFACE + REMOTE_ID, link=GLOBAL6),
+    "relay_repl_nested": relay6(13, relay6(13, ADVERTISE_CCAP, IFACE), IFACE),
+    "relay_repl_without_relay_msg": bytes([13, 0]) + b"\0" * 32 + IFACE,
+    "relay_repl_iface_no_separator": relay6(13, REPLY, opt6(18, b"Ethernet1")),
+    "option_past_end": msg6(7, CLIENT_ID + struct.pack("!HH", 17, 40) + b"\0\0\x11\x8b"),
+    "cut_short": relay6(13, REPLY, IFACE)[:30],
+}
+
 CORPUS = {
     "dhcp_options": MESSAGES,
     "info_opt_parse": MESSAGES,
@@ -126,6 +168,10 @@ CORPUS = {
     "relay_agent_info": SUB_OPTIONS,
     "tlv_walker": TLV,
     "frame_locator": FRAMES,
+    "dhcp6_relay_reply": DHCP6,
+    "dhcp6_ccap": DHCP6,
+    "dhcp6_route_install": DHCP6,
+    "dhcp6_options": DHCP6,
 }
 
 for target, seeds in CORPUS.items():
