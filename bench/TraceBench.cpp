@@ -11,6 +11,8 @@
 #include <string>
 
 #include "bench/AllocationCounter.h"
+#include "platform/addr/Ip6Addr.h"
+#include "platform/addr/IpGenAddr.h"
 #include "platform/trace/Trace.h"
 
 namespace {
@@ -90,5 +92,21 @@ void BM_TraceRingOnly(benchmark::State& state) {
    reportAllocations(state, before);
 }
 BENCHMARK(BM_TraceRingOnly);
+
+// The DHCPv6 relay's pieces: addresses of either family and a DUID, stored as raw bytes.
+void BM_TraceRingOnlyIp6(benchmark::State& state) {
+   Sinks sinks(true);
+   const Platform::Ip6Addr peer = *Platform::Ip6Addr::parse("fe80::1");
+   const Platform::IpGenAddr server = *Platform::IpGenAddr::parse("2001:db8::1");
+   const uint8_t duid[] = {0, 1, 0, 1, 0x2a, 0x3b, 0x4c, 0x5d, 0x02, 0x0a, 0xb0, 0xff, 0, 1};
+   int count = 0;
+   const size_t before = Bench::allocations();
+   for (auto _ : state) {
+      TRACE(6, peer, server, Platform::TraceArg::ofHexBytes(duid), count);
+      benchmark::DoNotOptimize(++count);
+   }
+   reportAllocations(state, before);
+}
+BENCHMARK(BM_TraceRingOnlyIp6);
 
 }  // namespace

@@ -34,9 +34,9 @@ bool Ip6Addr::isLoopback() const {
 }
 
 std::string Ip6Addr::toString() const {
-   char buf[INET6_ADDRSTRLEN];
-   inet_ntop(AF_INET6, bytes_.data(), buf, sizeof(buf));
-   return buf;
+   std::string out;
+   appendIp6Text(out, bytes_.data());
+   return out;
 }
 
 Ip6Prefix::Ip6Prefix(Ip6Addr address, uint8_t len) : address_(address), len_(len) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/trace/TraceArg.h"
+
 namespace Platform {
 
 // IPv6 address as its 16 wire bytes, so it is copied straight in and out of packets
@@ -32,6 +34,8 @@ class Ip6Addr {
       return !isZero() && !isLoopback() && !isLinkLocal() && !isMulticast();
    }
    std::string toString() const;
+   // Points at the address's own bytes: the trace formats them only if a sink keeps the line.
+   TraceArg traceArg() const { return TraceArg::ofIp6(bytes_.data()); }
 
    constexpr auto operator<=>(const Ip6Addr&) const = default;
 
@@ -53,6 +57,7 @@ class Ip6Prefix {
    constexpr uint8_t len() const { return len_; }
    bool contains(Ip6Addr a) const;
    std::string toString() const;
+   TraceArg traceArg() const { return TraceArg::ofIp6WithLen(address_.bytes().data(), len_); }
 
    constexpr auto operator<=>(const Ip6Prefix&) const = default;
 

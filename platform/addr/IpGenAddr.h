@@ -32,6 +32,15 @@ class IpGenAddr {
    IpAddr v4() const;
    Ip6Addr v6() const;
    std::string toString() const;
+   // The family's own piece, pointing into this value; the empty address is an empty text, as
+   // toString prints it.
+   TraceArg traceArg() const {
+      if (const auto* a = std::get_if<IpAddr>(&addr_))
+         return a->traceArg();
+      if (const auto* a = std::get_if<Ip6Addr>(&addr_))
+         return a->traceArg();
+      return TraceArg::ofText("");
+   }
 
    auto operator<=>(const IpGenAddr&) const = default;
 

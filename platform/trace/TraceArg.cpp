@@ -1,5 +1,7 @@
 #include "platform/trace/TraceArg.h"
 
+#include <arpa/inet.h>
+
 namespace Platform {
 
 namespace {
@@ -34,6 +36,12 @@ void appendMacText(std::string& out, uint64_t bits48) {
       if (shift != 0)
          out += ':';
    }
+}
+
+void appendIp6Text(std::string& out, const uint8_t* bytes16) {
+   char text[INET6_ADDRSTRLEN];
+   inet_ntop(AF_INET6, bytes16, text, sizeof(text));
+   out += text;
 }
 
 }  // namespace Platform

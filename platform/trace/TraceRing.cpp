@@ -41,6 +41,11 @@ enum Tag : uint8_t {
    kTagMac = 9,
    kTagIp4WithMask = 10,
    kTagHex32 = 11,
+   // Since version 3.
+   kTagIp6 = 12,
+   kTagIp6WithLen = 13,
+   kTagHexBytes = 14,
+   kTagHexBytesCut = 15,
 };
 
 struct RecordHeader {
@@ -58,8 +63,34 @@ static_assert(sizeof(RecordHeader) == 24);
 constexpr uint32_t recordLimit(uint64_t ringSize) {
    return static_cast<uint32_t>(std::min<uint64_t>(kLargestRecord, ringSize / 4 / 8 * 8));
 }
-// Every piece a number must fit in the smallest file's records, so only text is ever cut.
-static_assert(sizeof(RecordHeader) + Trace::Detail::kMaxPieces * (1 + sizeof(uint64_t)) <=
+
+constexpr size_t kIp6Size = 16;
+
+// A piece's bytes in a record, its text or byte string aside.
+constexpr size_t encodedSize(TraceArg::Kind kind) {
+   switch (kind) {
+      case TraceArg::Kind::Bool:
+         return 1;
+      case TraceArg::Kind::Text:
+      case TraceArg::Kind::HexBytes:
+         return 1 + sizeof(uint32_t);
+      case TraceArg::Kind::Ip6:
+         return 1 + kIp6Size;
+      case TraceArg::Kind::Ip6WithLen:
+         return 1 + kIp6Size + 1;
+      default:
+         return 1 + sizeof(uint64_t);
+   }
+}
+
+constexpr bool isCuttable(TraceArg::Kind kind) {
+   return kind == TraceArg::Kind::Text || kind == TraceArg::Kind::HexBytes;
+}
+
+// Every piece of fixed size must fit in the smallest file's records, so only text and byte
+// strings are ever cut.
+static_assert(sizeof(RecordHeader) +
+                  Trace::Detail::kMaxPieces * encodedSize(TraceArg::Kind::Ip6WithLen) <=
               recordLimit(TraceRingWriter::kMinFileSize - TraceRingHeader::kSize - kPage));
 
 struct SiteHeader {
@@ -91,21 +122,21 @@ void orderStores() {
    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-size_t encodedSize(TraceArg::Kind kind) {
-   switch (kind) {
-      case TraceArg::Kind::Bool:
-         return 1;
-      case TraceArg::Kind::Text:
-         return 1 + sizeof(uint32_t);
-      default:
-         return 1 + sizeof(uint64_t);
-   }
-}
-
 template <class T>
 uint8_t* put(uint8_t* p, const T& value) {
    std::memcpy(p, &value, sizeof(value));
    return p + sizeof(value);
+}
+
+// Text and byte strings: as much as the record's budget still allows, tagged `cut` when short.
+uint8_t* putCuttable(uint8_t* p, Tag whole, Tag cut, const void* data, size_t size,
+                     size_t& budget) {
+   const size_t kept = std::min(size, budget);
+   budget -= kept;
+   p = put(p, kept < size ? cut : whole);
+   p = put(p, static_cast<uint32_t>(kept));
+   std::memcpy(p, data, kept);
+   return p + kept;
 }
 
 std::string errnoText(const char* what, const std::string& path, int err) {
@@ -251,8 +282,8 @@ void TraceRingWriter::append(TraceSite& site, int level, std::span<const TraceAr
    size_t textWanted = 0;
    for (const TraceArg& piece : pieces) {
       fixedSize += encodedSize(piece.kind);
-      if (piece.kind == TraceArg::Kind::Text)
-         textWanted += piece.textSize;
+      if (isCuttable(piece.kind))
+         textWanted += piece.size;
    }
    size_t textBudget = maxRecordSize_ - fixedSize;
    const size_t used = fixedSize + std::min(textWanted, textBudget);
@@ -293,15 +324,22 @@ void TraceRingWriter::append(TraceSite& site, int level, std::span<const TraceAr
          case TraceArg::Kind::Bool:
             p = put(p, piece.boolValue ? kTagTrue : kTagFalse);
             break;
-         case TraceArg::Kind::Text: {
-            const size_t kept = std::min(piece.textSize, textBudget);
-            textBudget -= kept;
-            p = put(p, kept < piece.textSize ? kTagTextCut : kTagText);
-            p = put(p, static_cast<uint32_t>(kept));
-            std::memcpy(p, piece.text, kept);
-            p += kept;
+         case TraceArg::Kind::Ip6:
+            p = put(p, kTagIp6);
+            std::memcpy(p, piece.bytes, kIp6Size);
+            p += kIp6Size;
             break;
-         }
+         case TraceArg::Kind::Ip6WithLen:
+            p = put(p, kTagIp6WithLen);
+            std::memcpy(p, piece.bytes, kIp6Size);
+            p = put(p + kIp6Size, piece.prefixLen);
+            break;
+         case TraceArg::Kind::Text:
+            p = putCuttable(p, kTagText, kTagTextCut, piece.text, piece.size, textBudget);
+            break;
+         case TraceArg::Kind::HexBytes:
+            p = putCuttable(p, kTagHexBytes, kTagHexBytesCut, piece.bytes, piece.size, textBudget);
+            break;
       }
    }
    std::memset(p, 0, static_cast<size_t>(record + size - p));
@@ -493,8 +531,25 @@ class Decoder {
             case kTagTrue:
                piece = TraceArg::ofBool(tag == kTagTrue);
                break;
+            case kTagIp6:
+            case kTagIp6WithLen: {
+               const size_t n = kIp6Size + (tag == kTagIp6WithLen ? 1 : 0);
+               if (static_cast<size_t>(end - p) < n)
+                  return false;
+               if (tag == kTagIp6) {
+                  piece = TraceArg::ofIp6(p);
+               } else {
+                  if (p[kIp6Size] > 128)
+                     return false;
+                  piece = TraceArg::ofIp6WithLen(p, p[kIp6Size]);
+               }
+               p += n;
+               break;
+            }
             case kTagText:
-            case kTagTextCut: {
+            case kTagTextCut:
+            case kTagHexBytes:
+            case kTagHexBytesCut: {
                uint32_t n;
                if (end - p < static_cast<ptrdiff_t>(sizeof(n)))
                   return false;
@@ -502,15 +557,22 @@ class Decoder {
                p += sizeof(n);
                if (static_cast<uint64_t>(end - p) < n)
                   return false;
-               piece = TraceArg::ofText({reinterpret_cast<const char*>(p), n});
+               if (tag == kTagText || tag == kTagTextCut) {
+                  piece = TraceArg::ofText({reinterpret_cast<const char*>(p), n});
+               } else {
+                  piece = TraceArg::ofHexBytes({p, n});
+               }
                p += n;
                break;
             }
             default:
                return false;
          }
-         TraceText::appendPiece(line, piece);
-         if (tag == kTagTextCut)
+         const bool cut = tag == kTagTextCut || tag == kTagHexBytesCut;
+         // A byte string cut down to nothing shows only the mark, not the "-" of an empty one.
+         if (!cut || piece.size != 0)
+            TraceText::appendPiece(line, piece);
+         if (cut)
             line += "...";
       }
       return p == end;

@@ -18,7 +18,13 @@
 //                A record with level 0xFF pads the rest of the ring; only its first 8 bytes count.
 //                Blob, per piece: a tag byte, then
 //                  1 signed, 2 unsigned, 3 double: 8 bytes;  4 false, 5 true: nothing;
-//                  6 text, 7 text cut short to fit the record: u32 size, bytes.
+//                  6 text, 7 text cut short to fit the record: u32 size, bytes;
+//                  since version 2: 8 IPv4 address (low 32 bits), 9 MAC address (low 48 bits),
+//                  10 IPv4 address with mask length (length in bits 32-39), 11 hex number:
+//                  8 bytes;
+//                  since version 3: 12 IPv6 address: 16 bytes; 13 IPv6 prefix: 16 bytes, u8
+//                  length; 14 byte string, 15 byte string cut short: u32 size, bytes.
+//                A reader reads every earlier version: each one only adds tags.
 //
 // head and tail in the header are byte positions counted from the file's creation (the offset in
 // the ring is position % ringSize); the records are those in [tail, head). The writer moves tail
@@ -39,7 +45,7 @@ namespace Platform {
 
 struct TraceRingHeader {
    static constexpr char kMagic[8] = {'B', 'L', 'I', 'P', 'J', 'E', 'T', '\0'};
-   static constexpr uint32_t kVersion = 2;
+   static constexpr uint32_t kVersion = 3;
    static constexpr uint32_t kSize = 4096;
 
    char magic[8];

@@ -3,12 +3,14 @@
 #include <charconv>
 #include <cstdio>
 #include <ctime>
+#include <span>
 
 namespace Platform::TraceText {
 
 namespace {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
+constexpr char kHexDigits[] = "0123456789abcdef";
 
 template <class T>
 void appendNumber(std::string& out, T value) {
@@ -18,18 +20,30 @@ void appendNumber(std::string& out, T value) {
 }
 
 void appendEscaped(std::string& out, std::string_view text) {
-   static constexpr char kHex[] = "0123456789abcdef";
    size_t clean = 0;
    for (size_t i = 0; i < text.size(); ++i) {
       const auto c = static_cast<unsigned char>(text[i]);
       if (c >= 0x20 && c != 0x7f)
          continue;
       out.append(text.substr(clean, i - clean));
-      const char escape[] = {'\\', 'x', kHex[c >> 4], kHex[c & 0xf]};
+      const char escape[] = {'\\', 'x', kHexDigits[c >> 4], kHexDigits[c & 0xf]};
       out.append(escape, sizeof(escape));
       clean = i + 1;
    }
    out.append(text.substr(clean));
+}
+
+void appendHexBytes(std::string& out, std::span<const uint8_t> bytes) {
+   if (bytes.empty()) {
+      out += '-';
+      return;
+   }
+   for (size_t i = 0; i < bytes.size(); ++i) {
+      if (i != 0)
+         out += ':';
+      out += kHexDigits[bytes[i] >> 4];
+      out += kHexDigits[bytes[i] & 0xf];
+   }
 }
 
 }  // namespace
@@ -63,13 +77,23 @@ void appendPiece(std::string& out, const TraceArg& piece) {
          appendMacText(out, piece.unsignedValue);
          return;
       case TraceArg::Kind::Hex32: {
-         static constexpr char kDigits[] = "0123456789abcdef";
          char text[10] = {'0', 'x'};
          for (int i = 0; i < 8; ++i)
-            text[2 + i] = kDigits[(piece.unsignedValue >> (28 - 4 * i)) & 0xf];
+            text[2 + i] = kHexDigits[(piece.unsignedValue >> (28 - 4 * i)) & 0xf];
          out.append(text, sizeof text);
          return;
       }
+      case TraceArg::Kind::Ip6:
+         appendIp6Text(out, piece.bytes);
+         return;
+      case TraceArg::Kind::Ip6WithLen:
+         appendIp6Text(out, piece.bytes);
+         out += '/';
+         appendNumber(out, piece.prefixLen);
+         return;
+      case TraceArg::Kind::HexBytes:
+         appendHexBytes(out, piece.byteView());
+         return;
    }
 }
 

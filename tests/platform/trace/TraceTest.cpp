@@ -24,7 +24,9 @@
 
 #include "platform/addr/EthAddr.h"
 #include "platform/addr/IntfId.h"
+#include "platform/addr/Ip6Addr.h"
 #include "platform/addr/IpAddr.h"
+#include "platform/addr/IpGenAddr.h"
 #include "platform/trace/TraceRing.h"
 
 namespace TraceTestSubjects {
@@ -90,6 +92,10 @@ std::vector<std::string> readLines(const std::string& path) {
    for (std::string line; std::getline(in, line);)
       lines.push_back(line);
    return lines;
+}
+
+Ip6Addr ip6(std::string_view text) {
+   return Ip6Addr::parse(text).value();
 }
 
 std::vector<std::string> linesOf(const TraceRingContents& contents) {
@@ -179,6 +185,16 @@ TEST_F(TraceTest, EveryKindOfPieceReadsBackFromTheRingAsTheTextLine) {
                "a\nb\tc\x7f\x01"
                "d\xc3\xa9");
    TRACE_PLAIN(0);
+   // IPv6 in RFC 5952 form: the longest zero run shortened, the first of equal ones, never a
+   // single group; IpGenAddr as its family's piece, the empty one as its (empty) toString.
+   const uint8_t duid[] = {0x00, 0x01, 0x00, 0x01, 0x2a, 0xff, 0x10, 0xab};
+   TRACE_PLAIN(8, ip6("2001:db8::1"), "|", ip6("2001:db8:0:0:1:0:0:1"), "|", ip6("1:0:0:2:0:0:0:3"),
+               "|", ip6("2001:db8:0:1:1:1:1:1"), "|", Ip6Addr(), "|", ip6("::ffff:10.0.0.1"), "|",
+               ip6("FE80::A:B"), "|", *Ip6Prefix::parse("2001:db8::/32"), "|",
+               Ip6Prefix(ip6("::1"), 128), "|", IpGenAddr(ip6("2001:db8::2")), "|",
+               IpGenAddr(*IpAddr::parse("10.0.0.2")), "|", IpGenAddr(), "|",
+               TraceArg::ofHexBytes(duid), "|", TraceArg::ofHexBytes({}), "|",
+               TraceArg::ofHexBytes({duid + 5, 1}));
    EXPECT_EQ(
        capture.lines(),
        (std::vector<std::string>{
@@ -186,8 +202,10 @@ TEST_F(TraceTest, EveryKindOfPieceReadsBackFromTheRingAsTheTextLine) {
            "lit|str|view||true|false|-42|200|-5|18446744073709551615|-9223372036854775808|"
            "600|-2.5|0.1|1e+21|0.25|c|(null)|7|port 67|10.0.0.1|0.0.0.0|255.255.255.255|"
            "198.18.0.1/15|0.0.0.0/32|02:0a:b0:ff:00:01|ff:ff:ff:ff:ff:fe|Ethernet7|0x3903f32a",
-           "a\\x0ab\\x09c\\x7f\\x01d\xc3\xa9", ""}));
-   EXPECT_EQ(capture.levels(), (std::vector<int>{5, 2, 9, 0, 0}));
+           "a\\x0ab\\x09c\\x7f\\x01d\xc3\xa9", "",
+           "2001:db8::1|2001:db8::1:0:0:1|1:0:0:2::3|2001:db8:0:1:1:1:1:1|::|::ffff:10.0.0.1|"
+           "fe80::a:b|2001:db8::/32|::1/128|2001:db8::2|10.0.0.2||00:01:00:01:2a:ff:10:ab|-|ff"}));
+   EXPECT_EQ(capture.levels(), (std::vector<int>{5, 2, 9, 0, 0, 8}));
 
    const TraceRingContents contents = closeAndDecode();
    EXPECT_TRUE(contents.problems.empty());
@@ -371,13 +389,43 @@ TEST_F(TraceTest, SitesBeyondAFullTableAndTextBeyondARecordStillDecode) {
    EXPECT_EQ(line.find_first_not_of('a'), line.size() - 4);
 }
 
+// Byte strings share the record's text budget, in the order of the pieces: the first takes what
+// it needs, a later one is cut (to nothing, which is not the "-" of an empty one).
+TEST_F(TraceTest, ByteStringsAreCutByTheTextBudget) {
+   initRing("65536");
+   const std::vector<uint8_t> bytes(100000, 0xab);
+   const std::string text(100000, 'a');
+   const std::span<const uint8_t> three(bytes.data(), 3);
+   TRACE_PLAIN(5, TraceArg::ofHexBytes(bytes), 7);
+   TRACE_PLAIN(5, TraceArg::ofHexBytes(three), text);
+   TRACE_PLAIN(5, text, TraceArg::ofHexBytes(three));
+   const TraceRingContents contents = closeAndDecode();
+
+   EXPECT_TRUE(contents.problems.empty());
+   ASSERT_EQ(contents.records.size(), 4u);
+   const std::string& hexCut = contents.records[1].line;
+   ASSERT_GT(hexCut.size(), 3 * 4096u);
+   EXPECT_LT(hexCut.size(), 3 * bytes.size());
+   EXPECT_EQ(hexCut.substr(hexCut.size() - 10), ":ab:ab...7");
+   EXPECT_EQ(hexCut.size() % 3, 0u) << "whole bytes, then \"...7\"";
+   const std::string& textCut = contents.records[2].line;
+   EXPECT_EQ(textCut.substr(0, 9), "ab:ab:aba");
+   EXPECT_EQ(textCut.substr(textCut.size() - 4), "a...");
+   const std::string& hexGone = contents.records[3].line;
+   EXPECT_EQ(hexGone, std::string(hexGone.size() - 6, 'a') + "......")
+       << "the text cut, then the bytes cut to nothing";
+}
+
 class TraceRingDamageTest : public TraceTest {
  protected:
    void SetUp() override {
       TraceTest::SetUp();
       initRing("65536");
+      // Text, numbers, an IPv6 prefix and a byte string: damage lands in every encoding.
+      const uint8_t duid[] = {0x00, 0x03, 0x00, 0x01, 0x02, 0x0a, 0xb0, 0xff, 0x00, 0x01};
+      const Ip6Prefix prefix = *Ip6Prefix::parse("2001:db8:1::/48");
       for (int i = 0; i < 3000; ++i)
-         TRACE_PLAIN(7, "record ", i, " ", Address{});
+         TRACE_PLAIN(7, "record ", i, " ", Address{}, prefix, TraceArg::ofHexBytes(duid));
       const std::string path = Trace::ringPath();
       Trace::shutdown();
       bytes_ = readBytes(path);
@@ -458,6 +506,24 @@ TEST_F(TraceRingDamageTest, DamageIsReportedAndTheWholeRecordsStillRead) {
          file.resize(random() % file.size());
       for (const TraceRingRecord& record : decodeTraceRing(file).records)
          ASSERT_LE(record.level, kTraceLevelMax);
+   }
+}
+
+// Each version only adds pieces: files of every earlier one still read, later ones do not.
+TEST_F(TraceRingDamageTest, EarlierVersionsReadAndLaterOnesAreRefused) {
+   for (const uint32_t version : {1u, 2u, 3u, 4u}) {
+      SCOPED_TRACE(version);
+      std::vector<uint8_t> file = bytes_;
+      std::memcpy(file.data() + offsetof(TraceRingHeader, version), &version, sizeof version);
+      const TraceRingContents contents = decodeTraceRing(file);
+      if (version <= TraceRingHeader::kVersion) {
+         EXPECT_TRUE(contents.problems.empty());
+         EXPECT_EQ(linesOf(contents), intact_);
+      } else {
+         EXPECT_TRUE(contents.records.empty());
+         ASSERT_EQ(contents.problems.size(), 1u);
+         EXPECT_EQ(contents.problems[0], "trace ring version 4, this reader knows 3");
+      }
    }
 }
 
