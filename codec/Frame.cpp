@@ -102,11 +102,25 @@ FrameError locateIpv6(std::span<const uint8_t> ip, FrameLayout& at) {
    return FrameError::none;
 }
 
-// Addresses, protocol and UDP length: RFC 768 for IPv4, RFC 8200 section 8.1 for IPv6.
-uint64_t pseudoHeaderSum(std::span<const uint8_t> frame, const FrameLayout& at, size_t udpBytes) {
-   const auto addresses = at.ipv6 ? frame.subspan(at.l3 + Ipv6Layout::src, 32)
-                                  : frame.subspan(at.l3 + Ipv4Layout::src, 8);
-   return inetSum(addresses, kIpProtoUdp + udpBytes);
+// Addresses, protocol and upper-layer length: RFC 768 for IPv4, RFC 8200 section 8.1 for
+// IPv6.
+uint64_t pseudoHeaderSum(std::span<const uint8_t> frame, size_t l3, bool ipv6, uint8_t protocol,
+                         size_t bytes) {
+   const auto addresses =
+       ipv6 ? frame.subspan(l3 + Ipv6Layout::src, 32) : frame.subspan(l3 + Ipv4Layout::src, 8);
+   return inetSum(addresses, protocol + bytes);
+}
+
+// The type after the Ethernet header and at most one tag; `l3` is where what it names starts.
+std::optional<uint16_t> etherType(std::span<const uint8_t> frame, size_t& l3) {
+   ByteReader r(frame);
+   std::optional<uint16_t> type;
+   if (!r.skip(EthLayout::type) || !(type = r.read16()))
+      return std::nullopt;
+   if (*type == EthLayout::typeVlan && (!r.skip(EthLayout::vlanTag - 2) || !(type = r.read16())))
+      return std::nullopt;
+   l3 = r.offset();
+   return type;
 }
 
 bool offsetsFit(size_t frameBytes, const FrameLayout& at) {
@@ -120,6 +134,17 @@ void writeEth(ByteWriter& out, const Platform::EthAddr& dst, const Platform::Eth
    out.bytes(dst.bytes());
    out.bytes(src.bytes());
    out.write16(type);
+}
+
+// The payload length is left 0 for fixUdpFrame when the payload is UDP.
+void writeIpv6(ByteWriter& out, uint8_t trafficClass, uint16_t payloadLength, uint8_t nextHeader,
+               uint8_t hopLimit, const Platform::Ip6Addr& src, const Platform::Ip6Addr& dst) {
+   out.write32(Ipv6Layout::version6 | uint32_t{trafficClass} << 20);
+   out.write16(payloadLength);
+   out.write8(nextHeader);
+   out.write8(hopLimit);
+   out.bytes(src.bytes());
+   out.bytes(dst.bytes());
 }
 
 void writeUdp(ByteWriter& out, uint16_t srcPort, uint16_t dstPort) {
@@ -165,13 +190,9 @@ std::string_view frameErrorText(FrameError error) {
 
 FrameLayout locateFrame(std::span<const uint8_t> frame) {
    FrameLayout at;
-   ByteReader r(frame);
-   std::optional<uint16_t> type;
-   if (!r.skip(EthLayout::type) || !(type = r.read16()))
+   const auto type = etherType(frame, at.l3);
+   if (!type)
       return at;
-   if (*type == EthLayout::typeVlan && (!r.skip(EthLayout::vlanTag - 2) || !(type = r.read16())))
-      return at;
-   at.l3 = r.offset();
    if (*type == EthLayout::typeIpv4)
       at.error = locateIpv4(frame.subspan(at.l3), at);
    else if (*type == EthLayout::typeIpv6)
@@ -194,7 +215,8 @@ bool frameChecksumsOk(std::span<const uint8_t> frame, const FrameLayout& at) {
    const auto udp = frame.subspan(at.udp, at.datagramEnd() - at.udp);
    if (!at.ipv6 && read16At(udp, UdpLayout::checksum) == 0)
       return true;
-   return inetChecksum(inetSum(udp, pseudoHeaderSum(frame, at, udp.size()))) == 0;
+   return inetChecksum(
+              inetSum(udp, pseudoHeaderSum(frame, at.l3, at.ipv6, kIpProtoUdp, udp.size()))) == 0;
 }
 
 bool fixUdpFrame(std::span<uint8_t> frame, const FrameLayout& at) {
@@ -214,8 +236,8 @@ bool fixUdpFrame(std::span<uint8_t> frame, const FrameLayout& at) {
    }
    write16At(frame, at.udp + UdpLayout::length, static_cast<uint16_t>(udpBytes));
    write16At(frame, at.udp + UdpLayout::checksum, 0);
-   const uint16_t sum =
-       inetChecksum(inetSum(frame.subspan(at.udp), pseudoHeaderSum(frame, at, udpBytes)));
+   const uint16_t sum = inetChecksum(inetSum(
+       frame.subspan(at.udp), pseudoHeaderSum(frame, at.l3, at.ipv6, kIpProtoUdp, udpBytes)));
    // 0 on the wire means "no checksum" (RFC 768); over IPv6 it is not allowed at all.
    write16At(frame, at.udp + UdpLayout::checksum, sum == 0 ? 0xffff : sum);
    return true;
@@ -245,14 +267,42 @@ bool prependUdp6Frame(Platform::Pkt& pkt, const Udp6Frame& f) {
       return false;
    ByteWriter out(pkt.span());
    writeEth(out, f.dstMac, f.srcMac, EthLayout::typeIpv6);
-   out.write32(Ipv6Layout::version6 | uint32_t{f.trafficClass} << 20);
-   out.write16(0);  // payload length: fixUdpFrame's
-   out.write8(kIpProtoUdp);
-   out.write8(f.hopLimit);
-   out.bytes(f.srcIp.bytes());
-   out.bytes(f.dstIp.bytes());
+   writeIpv6(out, f.trafficClass, 0, kIpProtoUdp, f.hopLimit, f.srcIp, f.dstIp);
    writeUdp(out, f.srcPort, f.dstPort);
    return fixUdpFrame(pkt.span(), builtLayout(true));
+}
+
+std::optional<Icmp6Location> locateIcmp6(std::span<const uint8_t> frame) {
+   size_t l3 = 0;
+   if (etherType(frame, l3) != EthLayout::typeIpv6)
+      return std::nullopt;
+   const auto ip = frame.subspan(l3);
+   const auto version = read8At(ip, Ipv6Layout::versionClassFlow);
+   const auto payloadLength = read16At(ip, Ipv6Layout::payloadLength);
+   if (ip.size() < Ipv6Layout::header || *version >> 4 != 6 ||
+       read8At(ip, Ipv6Layout::nextHeader) != kIpProtoIcmp6 ||
+       *payloadLength < Icmp6Layout::header || *payloadLength > ip.size() - Ipv6Layout::header)
+      return std::nullopt;
+   const Icmp6Location at{l3, l3 + Ipv6Layout::header, *payloadLength};
+   const uint64_t pseudo = pseudoHeaderSum(frame, l3, true, kIpProtoIcmp6, at.bytes);
+   if (inetChecksum(inetSum(frame.subspan(at.message, at.bytes), pseudo)) != 0)
+      return std::nullopt;
+   return at;
+}
+
+bool prependIcmp6Frame(Platform::Pkt& pkt, const Icmp6Frame& f) {
+   const size_t bytes = pkt.bytes();
+   if (bytes < Icmp6Layout::header || bytes > 0xffff || !pkt.growHead(kIcmp6FrameHeaders))
+      return false;
+   ByteWriter out(pkt.span());
+   writeEth(out, f.dstMac, f.srcMac, EthLayout::typeIpv6);
+   writeIpv6(out, 0, static_cast<uint16_t>(bytes), kIpProtoIcmp6, f.hopLimit, f.srcIp, f.dstIp);
+   const auto frame = pkt.span();
+   const size_t checksum = kIcmp6FrameHeaders + Icmp6Layout::checksum;
+   write16At(frame, checksum, 0);
+   const uint64_t pseudo = pseudoHeaderSum(frame, EthLayout::header, true, kIpProtoIcmp6, bytes);
+   write16At(frame, checksum, inetChecksum(inetSum(frame.subspan(kIcmp6FrameHeaders), pseudo)));
+   return true;
 }
 
 }  // namespace Codec

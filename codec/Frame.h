@@ -2,8 +2,9 @@
 
 // The Ethernet, IPv4, IPv6 and UDP headers around a DHCP message: where their fields are,
 // where the message is inside a captured frame, and the headers built or repaired around a
-// message in a packet's buffer. The relay's reply path, snooping, the load tools and the
-// tests all go through here; nothing else indexes frame bytes.
+// message in a packet's buffer, and the IPv6 frames of ICMPv6 (neighbour discovery, for the
+// load tool). The relay's reply path, snooping, the load tools and the tests all go through
+// here; nothing else indexes frame bytes.
 //
 // Received frames are read through the byte cursor and reported, never asserted on.
 // Building and repairing allocate nothing: headers go into a packet's head room, lengths
@@ -11,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -72,7 +74,15 @@ constexpr size_t checksum = 6;
 constexpr size_t header = 8;
 }  // namespace UdpLayout
 
+namespace Icmp6Layout {
+constexpr size_t type = 0;
+constexpr size_t code = 1;
+constexpr size_t checksum = 2;
+constexpr size_t header = 4;
+}  // namespace Icmp6Layout
+
 constexpr uint8_t kIpProtoUdp = 17;
+constexpr uint8_t kIpProtoIcmp6 = 58;
 
 // What the builders put in front of a payload: where the DHCP message of a frame they
 // built starts.
@@ -154,5 +164,35 @@ struct Udp6Frame {
 // long for one datagram.
 bool prependUdp4Frame(Platform::Pkt& pkt, const Udp4Frame& fields);
 bool prependUdp6Frame(Platform::Pkt& pkt, const Udp6Frame& fields);
+
+// ICMPv6 (RFC 4443) right after the IPv6 header: the neighbour discovery the DHCPv6 load tool
+// answers for the clients it plays, which have no stack of their own. The agent leaves
+// neighbour discovery to the kernel.
+constexpr size_t kIcmp6FrameHeaders = EthLayout::header + Ipv6Layout::header;
+
+// Where a frame's ICMPv6 message is; bytes after `message + bytes` are link padding.
+struct Icmp6Location {
+   size_t l3 = 0;
+   size_t message = 0;
+   size_t bytes = 0;
+};
+
+// Ethernet, optionally one 802.1Q tag, IPv6 with ICMPv6 as its next header, the message
+// inside the frame and its checksum sound; nullopt for anything else.
+std::optional<Icmp6Location> locateIcmp6(std::span<const uint8_t> frame);
+
+struct Icmp6Frame {
+   Platform::EthAddr dstMac{};
+   Platform::EthAddr srcMac{};
+   Platform::Ip6Addr srcIp{};
+   Platform::Ip6Addr dstIp{};
+   uint8_t hopLimit = 255;  // what neighbour discovery insists on (RFC 4861 section 7.1)
+};
+
+// Turn the packet's bytes, an ICMPv6 message, into a whole frame with the payload length and
+// the message's checksum written, in the head room. False, packet unchanged, when the head
+// room is short or the bytes are no ICMPv6 message (shorter than its header, longer than
+// one IPv6 payload).
+bool prependIcmp6Frame(Platform::Pkt& pkt, const Icmp6Frame& fields);
 
 }  // namespace Codec

@@ -161,11 +161,15 @@ inline bool infoOptEdit(std::span<const uint8_t> data) {
           Detail::samePacket(*pkt, data);
 }
 
-// The locator on any bytes: what it finds lies inside the frame, every shorter cut of a
-// located datagram is too short, and the datagram fixed in place reads back the same with
-// sound checksums.
+// The locators on any bytes: what they find lies inside the frame, an ICMPv6 message is no
+// UDP datagram, every shorter cut of a located datagram is too short, and the datagram fixed
+// in place reads back the same with sound checksums.
 inline bool frameLocator(std::span<const uint8_t> data) {
    const Codec::FrameLayout at = Codec::locateFrame(data);
+   if (const auto icmp = Codec::locateIcmp6(data);
+       icmp && (at || icmp->message != icmp->l3 + Codec::Ipv6Layout::header ||
+                icmp->message + icmp->bytes > data.size()))
+      return false;
    if (!at)
       return true;
    const size_t ipHeader = at.ipv6 ? Codec::Ipv6Layout::header : Codec::Ipv4Layout::header;

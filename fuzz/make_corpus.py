@@ -2,7 +2,8 @@
 """Writes the seed corpus of the fuzz programs: DHCPv4 messages as clients, relays
 and servers send them, built field by field (RFC 2131, 2132, 3046, 3527, 5107, 6607),
 DHCPv6 messages and the relay messages around them (RFC 8415, 4649, 6939, 6607), and the
-Ethernet frames around DHCP and DHCPv6 messages (RFC 768, 791, 8200).
+Ethernet frames around DHCP and DHCPv6 messages (RFC 768, 791, 8200) and around neighbour
+discovery (RFC 4443, 4861).
 Run from anywhere; files are rewritten in place."""
 
 import os
@@ -109,6 +110,19 @@ DISCOVER4 = ipv4("0.0.0.0", "255.255.255.255", 68, 67, MESSAGES["discover"])
 SOLICIT6 = ipv6(LINK_LOCAL, ALL_DHCP, 546, 547,
                 b"\x01\x00\x00\x01" + struct.pack("!HHHH", 1, 10, 3, 1) + MAC)
 
+
+
+def icmp6(src, dst, message):
+    pseudo = src + dst + struct.pack("!IxxxB", len(message), 58)
+    message = message[:2] + struct.pack("!H", inet_checksum(pseudo + message)) + message[4:]
+    return struct.pack("!IHBB", 0x60000000, len(message), 58, 255) + src + dst + message
+
+
+# A neighbour solicitation (RFC 4861) for LINK_LOCAL, with the source link-layer address.
+NEIGHBOR_SOLICIT6 = icmp6(bytes.fromhex("fe800000000000000000000000000002"),
+                          bytes.fromhex("ff0200000000000000000001ff000001"),
+                          struct.pack("!BBHI", 135, 0, 0, 0) + LINK_LOCAL + b"\x01\x01" + MAC)
+
 FRAMES = {
     "discover": eth(0x0800) + DISCOVER4,
     "discover_padded": eth(0x0800) + ipv4("0.0.0.0", "255.255.255.255", 68, 67, b"x") + b"\0" * 18,
@@ -116,6 +130,7 @@ FRAMES = {
                                                       MESSAGES["relayed_request"],
                                                       options=b"\x01" * 8),
     "solicit": eth(0x86DD) + SOLICIT6,
+    "neighbor_solicit": eth(0x86DD) + NEIGHBOR_SOLICIT6,
     "fragment": eth(0x0800) + ipv4("10.1.2.1", "10.9.9.9", 67, 67, b"x" * 16, frag=0x2000),
     "cut_short": (eth(0x0800) + DISCOVER4)[:100],
 }

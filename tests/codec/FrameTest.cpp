@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -161,6 +162,52 @@ TEST(FrameTest, JudgesBrokenFrames) {
       const FrameLayout at = locateFrame(c.frame);
       EXPECT_EQ(at.error, c.error) << c.name;
       EXPECT_EQ(frameChecksumsOk(c.frame, at), c.checksumsOk) << c.name;
+   }
+}
+
+// Neighbour discovery as the DHCPv6 load tool answers it, crafted with scapy: Ether()/
+// IPv6(hlim=255)/ICMPv6ND_NA(S=1, O=1)/ICMPv6NDOptDstLLAddr(), and a tagged ICMPv6ND_NS with
+// its source link-layer address option.
+const char kNeighborAdvert[] =
+    "02000000000a02000000000b86dd6000000000203afffe80000000000000004c47fffe000001fe800000000000"
+    "00000000000000000188008b7a60000000fe80000000000000004c47fffe000001020102000000000b";
+const char kTaggedNeighborSolicit[] =
+    "3333ff00000102000000000a8100000a86dd6000000000203afffe800000000000000000000000000001ff0200"
+    "000000000000000001ff0000018700344400000000fe80000000000000004c47fffe000001010102000000000a";
+
+TEST(FrameTest, Icmp6FramesLocateAndBuild) {
+   const Bytes na = hex(kNeighborAdvert), ns = hex(kTaggedNeighborSolicit);
+   constexpr size_t plen = EthLayout::header + Ipv6Layout::payloadLength;
+   using Where = std::optional<std::tuple<size_t, size_t, size_t>>;
+   const struct {
+      const char* name;
+      Bytes frame;
+      Where where;
+   } cases[] = {
+       {"advertisement", na, std::tuple(14, 54, 32)},
+       {"tagged solicitation, link padding", ns + Bytes(10, 0), std::tuple(18, 58, 32)},
+       {"UDP", hex(kKnownGood[2].frame), std::nullopt},
+       {"IPv4 type", with(na, EthLayout::type, EthLayout::typeIpv4), std::nullopt},
+       {"checksum damaged", with(na, na.size() - 1, 0x0c, false), std::nullopt},
+       {"payload past frame", with(na, plen, 33), std::nullopt},
+       {"cut in the IPv6 header", Bytes(na.begin(), na.begin() + 50), std::nullopt},
+   };
+   for (const auto& c : cases) {
+      const auto at = locateIcmp6(c.frame);
+      EXPECT_EQ(at ? Where(std::tuple(at->l3, at->message, at->bytes)) : std::nullopt, c.where)
+          << c.name;
+   }
+
+   // The builder computes the checksum whatever the message's field holds.
+   Bytes message(na.begin() + kIcmp6FrameHeaders, na.end());
+   message[Icmp6Layout::checksum] = message[Icmp6Layout::checksum + 1] = 0xee;
+   const Icmp6Frame fields{EthAddr({0x02, 0, 0, 0, 0, 0x0a}), EthAddr({0x02, 0, 0, 0, 0, 0x0b}),
+                           *Ip6Addr::parse("fe80::4c:47ff:fe00:1"), *Ip6Addr::parse("fe80::1")};
+   for (const Bytes& m : {message, Bytes(3, 0), Bytes(0x10000, 0)}) {
+      auto pkt = Pkt::copyOf(m, kIcmp6FrameHeaders);
+      const bool built = prependIcmp6Frame(*pkt, fields);
+      EXPECT_EQ(built, m.size() == message.size()) << m.size();
+      EXPECT_EQ(bytesOf(*pkt), built ? na : m);
    }
 }
 
