@@ -208,7 +208,9 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    TRACE(6, "   relaying DHCP request packet to ", serverAddr);
    if (Platform::Trace::keeps(5))
       TRACE_PLAIN(
-          5, dhcp6MsgTypeName(fwd.msgType), " xid ",
+          5, dhcp6MsgTypeName(fwd.msgType), " ",
+          Platform::TraceArg::ofHexBytes(dhcp6ClientDuid(fwd.pkt, Dhcp6Layout::relayForwHead)),
+          " xid ",
           Platform::TraceArg::ofHex32(dhcp6TransactionId(fwd.pkt, Dhcp6Layout::relayForwHead)),
           " on ", fwd.intf, " vrf ", fwd.vrf, ": relayed to ", serverAddr, " vrf ", server.vrf,
           " link-address ", linkAddr, " hop-count ", fwd.hopCount);

@@ -100,16 +100,12 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
       }
       reply.relayMsgLength = static_cast<size_t>(static_cast<int>(reply.relayMsgLength) + delta);
    }
-   const size_t head = reply.relayMsgOffset;
-   const size_t tail = pkt.bytes() - head - reply.relayMsgLength;
    if (!dhcp6UnwrapRelayMessage(pkt, reply.relayMsgOffset, reply.relayMsgLength) ||
        pkt.bytes() == 0) {
       TRACE(5, " empty relay message for ", *intf, ". Dropping Pkt.");
       doDropped(type, *intf, DropReason::tooShort);
       return;
    }
-   TRACE(7, "   deleteHeadData ", head, " bytes");
-   TRACE(7, "   deleteTailData ", tail, " bytes");
 
    const uint8_t inner = pkt.data()[0];
    Ip6Addr txSrc;
@@ -144,10 +140,10 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
    }
    TRACE(6, "   relaying DHCP reply packet to ", reply.hdr.peerAddress);
    if (Platform::Trace::keeps(5))
-      TRACE_PLAIN(5, dhcp6MsgTypeName(inner), " xid ",
-                  Platform::TraceArg::ofHex32(dhcp6TransactionId(pkt)), " from ", srcIp, " vrf ",
-                  vrf, ": delivered to ", reply.hdr.peerAddress, " on ", *intf, " vrf ",
-                  *clientVrf);
+      TRACE_PLAIN(
+          5, dhcp6MsgTypeName(inner), " ", Platform::TraceArg::ofHexBytes(dhcp6ClientDuid(pkt)),
+          " xid ", Platform::TraceArg::ofHex32(dhcp6TransactionId(pkt)), " from ", srcIp, " vrf ",
+          vrf, ": delivered to ", reply.hdr.peerAddress, " on ", *intf, " vrf ", *clientVrf);
    pkt6Forwarded(*in_.status, type, *intf);
 }
 

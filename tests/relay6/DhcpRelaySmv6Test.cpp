@@ -143,17 +143,20 @@ TEST_F(DhcpRelaySmv6Test, ClientMessageGoesUpWrappedToEveryServer) {
       EXPECT_EQ(copy.dst, Platform::IpGenAddr(dst));
       EXPECT_EQ(copy.port, 547);
       EXPECT_EQ(copy.src, Platform::IpGenAddr(ip6("2001:db8:2::1")));
-      Bytes expected{dhcp6RelayForw, uint8_t(hops)};
+      Bytes expected;
+      put(expected, {dhcp6RelayForw, uint8_t(hops)});
       putAddr(expected, ip6("2001:db8:2::1"));
       putAddr(expected, kClientLl);
       putOption(expected, dhcp6OptRelayMsg, solicit());
+      const Platform::EthAddr system = mac(0x99);
       Bytes remoteId{0, 0, 0x7e, 0xd9, 0, 3, 0, 1};
-      remoteId.insert(remoteId.end(), mac(0x99).bytes().begin(), mac(0x99).bytes().end());
+      remoteId.insert(remoteId.end(), system.bytes().begin(), system.bytes().end());
+      remoteId.resize(remoteId.size() + 8);  // the interface identifier, checked below
       putOption(expected, dhcp6OptRemoteId, remoteId);
-      expected.resize(expected.size() + 8);  // the interface identifier, checked below
       putOption(expected, dhcp6OptInterfaceId, text("Ethernet1:default"));
       ASSERT_EQ(copy.bytes.size(), expected.size());
-      std::copy_n(copy.bytes.begin() + 38 + 14 + 4 + 14, 8, expected.begin() + 38 + 14 + 4 + 14);
+      const long idAt = long(38 + solicit().size() + 4 + 14);  // the Remote-Id's identifier
+      std::copy_n(copy.bytes.begin() + idAt, 8, expected.begin() + idAt);
       EXPECT_EQ(copy.bytes, expected);
    }
    EXPECT_EQ(bed.status->totalRequestsReceived(), 1u);
@@ -184,9 +187,10 @@ TEST_F(DhcpRelaySmv6Test, ForwardPathDropsAndHopCounts) {
    intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
    intfIs("Ethernet2", "default", {"fe80::2/64"}, 12);        // no global address
    intfIs("Ethernet4", "default", {"2001:db8:4::1/64"}, 14);  // does not relay
-   serverIs("Ethernet1", "default", "2001:db8:2::2", "2001:db8:1::1");
-   serverIs("Ethernet2", "default", "2001:db8:2::2", "2001:db8:1::1");
+   serverIs("Ethernet1", "default", "2001:db8:2::2");
+   serverIs("Ethernet2", "default", "2001:db8:2::2");
    start();
+   sm->routes[ip6("2001:db8:2::2")] = {12, ip6("2001:db8:2::1"), {}};
    struct Case {
       Bytes msg;
       Ip6Addr src;
@@ -220,6 +224,7 @@ TEST_F(DhcpRelaySmv6Test, ForwardPathDropsAndHopCounts) {
          continue;
       }
       ASSERT_EQ(udp("default").sent().size(), 1u);
+      EXPECT_EQ(udp("default").sent()[0].src, Platform::IpGenAddr(ip6("2001:db8:2::1")));
       const Bytes& up = udp("default").sent()[0].bytes;
       EXPECT_EQ(up[1], c.hops);
       EXPECT_EQ(Bytes(up.begin() + 2, up.begin() + 18),
