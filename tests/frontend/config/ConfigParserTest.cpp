@@ -71,7 +71,7 @@ relay: {}
       "snooping, bridging, metrics",
       "r.yaml:4: relay.dscp-v4: duplicate key (first at line 3)",
       "r.yaml:5: relay.smartrelay: unknown key; allowed: smart-relay, dscp-v4, dscp-v6, "
-      "always-on, client-link-layer-address",
+      "always-on, client-link-layer-address, remote-id",
       "r.yaml:6: relay: duplicate key (first at line 2)"}},
     {"wrongTypes",
      R"(
@@ -213,6 +213,7 @@ vrfs:
   <v*101>: ns
   red: <n*151>
   blue: ../x
+  a:b: ns-ab
 devices:
   Ethernet1: a-very-long-name0
   Ethernet2: eth:0
@@ -236,22 +237,24 @@ system:
      {"r.yaml:2: vrfs.<v*101>: VRF name longer than 100 bytes",
       "r.yaml:3: vrfs.red: namespace name longer than 150 bytes",
       "r.yaml:4: vrfs.blue: not a namespace name: \"../x\"",
-      "r.yaml:6: devices.Ethernet1: not a kernel device name (1 to 15 bytes, no \"/\", \":\" or "
+      "r.yaml:5: vrfs.a:b: VRF name holds \":\", which separates interface and VRF in the "
+      "DHCPv6 Interface-Id: \"a:b\"",
+      "r.yaml:7: devices.Ethernet1: not a kernel device name (1 to 15 bytes, no \"/\", \":\" or "
       "space): \"a-very-long-name0\"",
-      "r.yaml:7: devices.Ethernet2: not a kernel device name (1 to 15 bytes, no \"/\", \":\" or "
+      "r.yaml:8: devices.Ethernet2: not a kernel device name (1 to 15 bytes, no \"/\", \":\" or "
       "space): \"eth:0\"",
-      "r.yaml:9: devices.Ethernet4: device \"eth0\" is already the device of Ethernet3",
-      "r.yaml:13: interfaces.Ethernet 2: not an interface name (letters, digits and \"/.-_\"): "
+      "r.yaml:10: devices.Ethernet4: device \"eth0\" is already the device of Ethernet3",
+      "r.yaml:14: interfaces.Ethernet 2: not an interface name (letters, digits and \"/.-_\"): "
       "\"Ethernet 2\"",
-      "r.yaml:14: interfaces.<i*65>: interface name longer than 64 bytes",
-      "r.yaml:18: interfaces.Ethernet3.servers[0].source-interface: not an interface name "
+      "r.yaml:15: interfaces.<i*65>: interface name longer than 64 bytes",
+      "r.yaml:19: interfaces.Ethernet3.servers[0].source-interface: not an interface name "
       "(letters, digits and \"/.-_\"): \"Loopback0\\x09\"",
-      "r.yaml:19: interfaces.Ethernet3.servers[1].hostname: not a host name: \"a..example.net\"",
-      "r.yaml:20: interfaces.Ethernet3.servers[2].hostname: not a host name: "
+      "r.yaml:20: interfaces.Ethernet3.servers[1].hostname: not a host name: \"a..example.net\"",
+      "r.yaml:21: interfaces.Ethernet3.servers[2].hostname: not a host name: "
       "\"a_b.example.net\"",
-      "r.yaml:21: interfaces.Ethernet3.servers[3].hostname: not a host name: "
+      "r.yaml:22: interfaces.Ethernet3.servers[3].hostname: not a host name: "
       "\"<h*64>.example.net\"",
-      "r.yaml:23: system.hostname: not a host name: \"host name\""}},
+      "r.yaml:24: system.hostname: not a host name: \"host name\""}},
     {"lengthLimits",
      R"(
 interfaces:
