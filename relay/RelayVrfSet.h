@@ -38,9 +38,9 @@ class RelayVrfSet {
    void handleVrfStatus(const Platform::VrfName& vrf);
    void handleActiveVrfDir(const Platform::VrfName& vrf);
 
-   // Whether "default" keeps its sockets with no server or interface counted in it: the
-   // DHCPv4 relay always listens there; the DHCPv6 relay only while told to (always-on), so
-   // that a host relaying no DHCPv6 leaves its port to others.
+   // Whether "default" has sockets (it is never counted in the active-VRF directory): the
+   // DHCPv4 relay always listens there; the DHCPv6 relay only while it runs, so that a host
+   // relaying no DHCPv6 leaves its port to others.
    void defaultPinnedIs(bool pinned);
 
    bool usable(const Platform::VrfName& vrf) const;

@@ -145,12 +145,14 @@ void DhcpRelaySmv6::doUpdateStatusIntf(const IntfId& id, Intf& state) {
 void DhcpRelaySmv6::handleAlwaysOn() {
    if (!initialized_)
       return;
-   vrfs_.defaultPinnedIs(in_.config->alwaysOn());
    doRunControl();
 }
 
+// The default VRF is never counted among the VRFs in use: it keeps its socket while the
+// relay runs.
 void DhcpRelaySmv6::doRunControl() {
    const bool run = relayingCount_ > 0 || in_.config->alwaysOn();
+   vrfs_.defaultPinnedIs(run);
    if (run == in_.status->runControl())
       return;
    TRACE(2, "   changed run control to ", run ? "true " : "false ");

@@ -70,7 +70,7 @@ class Agent:
         self.config = Path(config)
         self.socket = tmp_path / "ctl.sock"
         self.log = tmp_path / "agent.log"
-        env = dict(os.environ, BLIPJETDIR=str(tmp_path), DHCP_RELAY_TRACE="2", **(env or {}))
+        env = {**os.environ, "BLIPJETDIR": str(tmp_path), "DHCP_RELAY_TRACE": "2", **(env or {})}
         self.proc = subprocess.Popen(
             ["ip", "netns", "exec", namespace, *map(str, wrap),
              str(AGENT), "--config", str(self.config), "--socket", str(self.socket)],
