@@ -15,7 +15,7 @@ packages=(
    # man pages, the Debian package and its unit check (scripts/test-package.sh)
    scdoc dpkg-dev systemd
    # tests and the lab
-   python3 python3-pytest iproute2 procps
+   python3 python3-pytest iproute2 procps ethtool
    # real DHCP peers and packet tools for the namespace lab (tools/lab/lab.py)
    isc-dhcp-server isc-dhcp-client python3-scapy tcpdump
    # a DHCPv6 relay that is no part of this project: the lab's downstream relay
