@@ -81,23 +81,10 @@ ctl() { "$build/tools/dhcp-relay-ctl" --socket "$work/ctl.sock" "$@"; }
 # the command name, field 2, may hold spaces, so count from after its ")").
 cpu_ticks() { sed 's/^.*) //' "/proc/$1/stat" | awk '{ print $12 + $13 }'; }
 
-# The lab's client and server links get IPv6 addresses of their own. Addresses are usable at
-# once without duplicate address detection; the link-local ones the lab's devices made when
-# they came up finish theirs first.
-ipv6_lab() {
-   local ns dev
-   for ns in "$ns_client" "$ns_relay" "$ns_server"; do
-      ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.accept_dad=0 \
-         net.ipv6.conf.default.accept_dad=0
-      for dev in $(ip -n "$ns" -o link show | awk -F': ' '{ sub(/@.*/, "", $2); print $2 }'); do
-         ip netns exec "$ns" sysctl -qw "net.ipv6.conf.$dev.accept_dad=0"
-      done
-   done
-   ip -n "$ns_relay" addr add "$relay6/64" dev r0 nodad
-   ip -n "$ns_relay" addr add "$relay_up6/64" dev r1 nodad
-   ip -n "$ns_server" addr add "$server6/64" dev br0 nodad
-   ip -n "$ns_server" -6 route add 2001:db8:1::/64 via "$relay_up6"
-   local tentative
+# The lab gives every link IPv6 addresses with duplicate address detection off; the
+# link-local addresses the devices made when they came up may still finish theirs.
+ipv6_ready() {
+   local ns tentative
    for _ in $(seq 100); do
       tentative=
       for ns in "$ns_client" "$ns_relay" "$ns_server"; do
@@ -115,9 +102,12 @@ lab up >/dev/null
 eval "$(lab names | sed -n 's/^\(client\|relay\|server\)=/ns_\1=/p')"
 config="$(lab agent-config)"
 if [ "$proto" = 6 ]; then
-   ipv6_lab
-   sed -i "s/^    servers: .*/    servers-v6: [{address: \"$server6\"}]/" "$config"
-   grep -q servers-v6 "$config" || { echo "no servers line in $config" >&2; exit 1; }
+   ipv6_ready
+   sed -i "/^    servers: /d; s/^    servers-v6: .*/    servers-v6: [{address: \"$server6\"}]/" \
+      "$config"
+   grep -q servers-v6 "$config" || { echo "no servers-v6 line in $config" >&2; exit 1; }
+else
+   sed -i "/^    servers-v6: /d" "$config"
 fi
 
 echo "== reflector in $ns_server, $relay_name in $ns_relay on core $agent_cpu"

@@ -189,7 +189,10 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    } else {
       TRACE(6, "Same Vrf: Server ", serverAddr, " linkAddr ", linkAddr, " txSrcIp6Addr ", txSrc);
    }
-   if (!inSubnets(fwd.state, txSrc)) {
+   // The server leases from the link-address's subnet: a link-address (a configured source
+   // address) outside the client interface's subnets is worth an operator's eye. The
+   // datagram's own source is the server-side interface's and says nothing about it.
+   if (!linkAddr.isZero() && !inSubnets(fwd.state, linkAddr)) {
       status.totalRequestsForwardedWithNonSubnetIpInc();
       if (intfStatus)
          intfStatus->requestsForwardedWithNonSubnetIpInc();
