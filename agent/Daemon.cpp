@@ -133,14 +133,25 @@ bool Daemon::agentReady() const {
       return false;
    const auto vrfs = store_.publishedAs<const Ip::AllVrfStatusLocal>("ip/vrf/status/local");
    const Ptr<Status>& relay = agent->localDhcpRelayStatus();
-   if (!vrfs || !relay || !agent->activeVrfDirv4())
+   const Ptr<Status>& relay6 = agent->localDhcp6RelayStatus();
+   if (!vrfs || !relay || !relay6 || !agent->activeVrfDirv4() || !agent->activeVrfDirv6())
       return false;
-   for (const auto& [name, count] : agent->activeVrfDirv4()->vrfCount()) {
-      const auto vrf = vrfs->vrf(name);
-      if (vrf && vrf->state() == Ip::VrfStatusLocal::State::active && !relay->vrfSocketsTried(name))
-         return false;
-   }
-   return true;
+   const auto tried = [&](const VrfWithCountDir& active, const Status& status, bool withDefault) {
+      for (const auto& [name, count] : active.vrfCount()) {
+         if (name.isDefault() && !withDefault)
+            continue;
+         const auto vrf = vrfs->vrf(name);
+         if (vrf && vrf->state() == Ip::VrfStatusLocal::State::active &&
+             !status.vrfSocketsTried(name))
+            return false;
+      }
+      return true;
+   };
+   // The DHCPv6 relay has its default VRF socket only while it runs.
+   const bool default6 =
+       !relay6->runControl() || relay6->vrfSocketsTried(Platform::VrfName::defaultVrf());
+   return tried(*agent->activeVrfDirv4(), *relay, true) &&
+          tried(*agent->activeVrfDirv6(), *relay6, false) && default6;
 }
 
 void Daemon::doCheckReady() {
@@ -152,9 +163,12 @@ void Daemon::doCheckReady() {
    }
    ready_ = true;
    const Status& relay = *dynamic_cast<const Agent&>(*agent_).localDhcpRelayStatus();
+   const Status& relay6 = *dynamic_cast<const Agent&>(*agent_).localDhcp6RelayStatus();
    TRACE(1, " ready: relay sockets open in ",
          relay.vrfSocketsTried().size() - relay.vrfSocketError().size(), " VRFs, failed in ",
-         relay.vrfSocketError().size());
+         relay.vrfSocketError().size(), "; DHCPv6 relay sockets open in ",
+         relay6.vrfSocketsTried().size() - relay6.vrfSocketError().size(), " VRFs, failed in ",
+         relay6.vrfSocketError().size());
    sd_notify(0, "READY=1");
 }
 
