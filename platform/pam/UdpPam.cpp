@@ -77,9 +77,9 @@ std::string UdpPam::tracePlace() const {
           netNs_ + "\"";
 }
 
+// Datagrams received and sent are not traced one by one here: the relay traces each with
+// what it means, and the ring keeps every level, so a line here would cost every packet twice.
 bool UdpPam::doQueueRx(UdpDatagram&& datagram) {
-   TRACE(8, name(), " received ", datagram.pkt->bytes(), " bytes from ", datagram.src, ":",
-         datagram.srcPort, " to ", datagram.dst, " on ifindex ", datagram.ifindex);
    if (!doPushRx(std::move(datagram))) {
       rxDroppedInc();
       TRACE(5, name(), " receive queue full, dropped a datagram");
@@ -101,11 +101,7 @@ bool UdpPam::send(const Pkt& payload) {
       TRACE(5, name(), " cannot send to ", txDstAddr_, ":", txPort_, ": ", refusal);
       return doCountTx(SendResult::failed);
    }
-   if (!doCountTx(doSend(payload)))
-      return false;
-   TRACE(8, name(), " sent ", payload.bytes(), " bytes from ", txSrcAddr_, " to ", txDstAddr_, ":",
-         txPort_);
-   return true;
+   return doCountTx(doSend(payload));
 }
 
 bool UdpPam::mcastGroupIs(uint32_t ifindex, const Ip6Addr& group, bool join, std::string& error) {
