@@ -135,7 +135,8 @@ uint8_t* putCuttable(uint8_t* p, Tag whole, Tag cut, const void* data, size_t si
    budget -= kept;
    p = put(p, kept < size ? cut : whole);
    p = put(p, static_cast<uint32_t>(kept));
-   std::memcpy(p, data, kept);
+   if (kept)  // an empty view may have no data at all
+      std::memcpy(p, data, kept);
    return p + kept;
 }
 
