@@ -168,6 +168,7 @@ TEST_F(DhcpRelaySmTest, ChecksOnEveryMessage) {
       std::vector<uint64_t> before;
       bed.status->forEachDrop([&](std::string_view, uint64_t v) { before.push_back(v); });
       const size_t sent = udp->sent().size();
+      const uint64_t intfDropped = bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped();
       auto pkt = Platform::Pkt::create(c.bytes);
       std::fill(pkt->span().begin(), pkt->span().end(), 0);
       if (c.bytes > 3) {
@@ -177,6 +178,13 @@ TEST_F(DhcpRelaySmTest, ChecksOnEveryMessage) {
       sm->doProcessPacket(*pkt, ip(c.src), IpAddr::broadcast(), *c.intf ? IntfId(c.intf) : IntfId(),
                           VrfName::defaultVrf());
       EXPECT_EQ(udp->sent().size() - sent, c.dropped ? 0u : 1u);
+      if (!c.dropped) {
+         EXPECT_EQ(DhcpHdr::of(*Platform::Pkt::copyOf(udp->sent().back().bytes))->giaddr(),
+                   ip("10.0.0.1"));
+      }
+      // A request dropped on its interface counts there too.
+      EXPECT_EQ(bed.status->intfStatus(IntfId("Ethernet1"))->requestsDropped() - intfDropped,
+                c.dropped && c.op == bootRequest && c.bytes && c.intf == std::string("Ethernet1"));
       for (size_t r = 0; r < kDropReasonCount; ++r) {
          const auto reason = static_cast<DropReason>(r);
          EXPECT_EQ(bed.status->drops(reason) - before[r], c.dropped == reason ? 1u : 0u)
