@@ -65,35 +65,29 @@ LOCATED = (L.RELAY_CLIENT_IP, "192.0.2.0")  # override address and link selectio
 
 @dataclass
 class Case:
-    switch: bool
     settings: dict      # Ethernet1's, besides information-option: true
     server: tuple       # what dhcpd saw: circuit-id, remote-id, VRF, override, link; None: nothing
     down: bytes = None  # the option 82 the replies carry on the client link
 
 
 OPTION_82 = {
-    "own-option": Case(False, {"circuit_id": "rack4-port1"},
-                       (b"rack4-port1", None, None, None, None)),
-    "untrusted-first-hop": Case(True, {}, None),
-    "kept-across-vrfs": Case(True, {"information_option_policy": "keep", "servers": [AT_RED]},
+    "untrusted-first-hop": Case({}, None),
+    "kept-across-vrfs": Case({"information_option_policy": "keep", "servers": [AT_RED]},
                              (b"sw1-p07", b"sw1-id", b"\0default", *LOCATED), SWITCH_82),
     "kept-from-a-source-interface": Case(
-        True, {"information_option_policy": "keep", "servers": [FROM_ETHERNET3]},
+        {"information_option_policy": "keep", "servers": [FROM_ETHERNET3]},
         (b"sw1-p07", b"sw1-id", None, *LOCATED), SWITCH_82),
-    "replaced-across-vrfs": Case(
-        True, {"information_option_policy": "replace", "servers": [AT_RED]},
-        (b"Ethernet1", None, b"\0default", *LOCATED)),
 }
 
 
 @pytest.mark.parametrize("case", OPTION_82.values(), ids=OPTION_82.keys())
 def test_option_82_up_to_the_server_and_back(lab, tmp_path, case):  # noqa: F811
-    """The relay's own option 82, or an access switch's (giaddr zero, option present):
-    refused by default, kept (with the relay's locating sub-options merged in, and
-    only those taken out of the replies) or replaced. A cross-VRF server or a source
-    interface needs the locating sub-options on the copy."""
-    if case.switch:
-        lab.insert_switch(SWITCH_82)
+    """An access switch's option 82 (giaddr zero, option present): refused by default, or
+    kept with the relay's locating sub-options merged in (a cross-VRF server or a source
+    interface needs them), which a real server reads and only those are taken out of the
+    replies. The relay's own option and a replaced one are RelayPathsTest's; a real
+    server reads the relay's own sub-options in test_relay4_vrf."""
+    lab.insert_switch(SWITCH_82)
     servers = case.settings.get("servers", [])
     if AT_RED in servers:
         lab.split_red_vrf()
