@@ -15,6 +15,7 @@
 #include "platform/loop/EventLoop.h"
 #include "platform/store/Dir.h"
 #include "tests/relay4/RelayTestBed.h"
+#include "tests/support/ServerKeys.h"
 
 namespace Ip::Helper::DhcpRelay {
 namespace {
@@ -109,13 +110,8 @@ TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
    auto servers = agent->dhcpRelayIntfServerIp()->drIntfServerIp(Platform::IntfId("Ethernet1"));
    ASSERT_TRUE(servers);
    EXPECT_EQ(servers->serverIp().size(), 2u);
-   const auto& vrfs = agent->activeVrfDirv4()->vrfCount();
-   ASSERT_EQ(vrfs.size(), 2u);
-   EXPECT_EQ(vrfs.at(Platform::VrfName("default"))->count(), 0u);
-   EXPECT_EQ(vrfs.at(Platform::VrfName("red"))->count(), 1u);
-   const auto& vrfs6 = agent->activeVrfDirv6()->vrfCount();
-   ASSERT_EQ(vrfs6.size(), 2u);
-   EXPECT_EQ(vrfs6.at(Platform::VrfName("red"))->count(), 1u);
+   EXPECT_EQ(TestKeys::vrfCounts(*agent->activeVrfDirv4()), "default:0 red:1");
+   EXPECT_EQ(TestKeys::vrfCounts(*agent->activeVrfDirv6()), "default:0 red:1");
 
    // Destroying the agent tears the graph down without tripping a count check.
    agent.reset();
