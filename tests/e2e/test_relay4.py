@@ -1,22 +1,16 @@
 """DHCPv4 relayed by the agent between a real ISC dhclient and real ISC dhcpd servers,
 in the lab's namespaces (see tools/lab/lab.py)."""
 
-import json
 import re
 from dataclasses import dataclass
 
 import pytest
 
 import lab as L
-from conftest import Agent
-from test_relay4_vrf import NO_PING
+from test_relay4_vrf import NO_PING, client_mac, start_agent
 
 CLIENT_RANGE = "192.0.2."
 DHCPDISCOVER, OFFER, ACK = 1, 2, 5
-
-
-def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
-    return Agent(tmp_path, lab.agent_config(**relay_settings), lab.ns["relay"])
 
 
 def agent_info(frame):
@@ -36,7 +30,7 @@ def test_same_vrf_relay_to_two_servers(lab, tmp_path):  # noqa: F811
         assert a.ctl("trace", "5").stdout == "Text trace keeps levels 0-5.\n"
         lease = lab.dhclient(timeout=20)
         assert lease is not None, a.log_text()
-        mac = json.loads(lab.ip("client", "-j", "link", "show", L.CLIENT_DEV).stdout)[0]["address"]
+        mac = client_mac(lab)
         for line in (rf"DHCPDISCOVER {mac} xid 0x[0-9a-f]{{8}} on Ethernet1 vrf default: "
                      r"relayed to 198\.51\.100\.3 vrf default giaddr 192\.0\.2\.1$",
                      rf"DHCPACK {mac} xid 0x[0-9a-f]{{8}} from 198\.51\.100\.\d on Ethernet2 vrf default: "

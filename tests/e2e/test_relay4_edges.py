@@ -11,17 +11,13 @@ import struct
 
 from scapy.all import IP, UDP, Ether, mac2str, wrpcap
 
-from conftest import Agent
 from lab import (CLIENT_DEV, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP,
                  SERVER_BRIDGE, SERVER_IP, wait_for)
+from test_relay4_vrf import start_agent
 
 CLIENT_MAC = "02:00:00:00:0c:01"
 BOOTREQUEST = 1
 BOOTREPLY = 2
-
-
-def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
-    return Agent(tmp_path, lab.agent_config(**relay_settings), lab.ns["relay"])
 
 
 def mac_of(lab, role, dev):  # noqa: F811
