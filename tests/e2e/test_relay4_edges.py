@@ -7,16 +7,14 @@ RelayPathsTest), which see the same code paths message by message."""
 
 import json
 import random
-import struct
 
-from scapy.all import IP, UDP, Ether, mac2str, wrpcap
+from scapy.all import BOOTP, IP, UDP, Ether, mac2str, wrpcap
 
 from lab import (CLIENT_DEV, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP,
                  SERVER_BRIDGE, SERVER_IP, wait_for)
 from test_relay4_vrf import start_agent
 
 CLIENT_MAC = "02:00:00:00:0c:01"
-BOOTREQUEST = 1
 BOOTREPLY = 2
 
 
@@ -40,19 +38,13 @@ def send(lab, role, dev, frames, timeout=20):  # noqa: F811
     lab.scapy(role, f"sendp(rdpcap({str(path)!r}), iface={dev!r})", timeout=timeout)
 
 
-def bootp_header(op=BOOTREQUEST, hops=0, xid=0, flags=0x8000, giaddr="0.0.0.0",
-                 yiaddr="0.0.0.0", mac=CLIENT_MAC):
-    """The 236-byte fixed header, built by hand so lengths are exact."""
-    return (struct.pack("!BBBBIHH", op, 1, 6, hops, xid, 0, flags)
-            + bytes(4) + bytes(map(int, yiaddr.split("."))) + bytes(4)
-            + bytes(map(int, giaddr.split("."))) + mac2str(mac) + bytes(10) + bytes(64 + 128))
-
-
 MAGIC = bytes([99, 130, 83, 99])
 
 
 def dhcp_payload(msg_type=1, extra=b"", **header):
-    return bootp_header(**header) + MAGIC + bytes([53, 1, msg_type]) + extra + b"\xff"
+    """A DHCP message from CLIENT_MAC with the option bytes written verbatim."""
+    return (bytes(BOOTP(flags=0x8000, chaddr=mac2str(CLIENT_MAC), **header)) + MAGIC
+            + bytes([53, 1, msg_type]) + extra + b"\xff")
 
 
 def from_client(payload, dst_ip="255.255.255.255", dst_mac="ff:ff:ff:ff:ff:ff",
