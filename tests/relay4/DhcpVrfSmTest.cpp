@@ -2,7 +2,6 @@
 
 #include <tuple>
 
-#include "platform/trace/Trace.h"
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
@@ -107,9 +106,7 @@ TEST_F(DhcpVrfSmTest, DeletionClosesOnceAndStopsFollowingTheNamespace) {
    EXPECT_FALSE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
    EXPECT_FALSE(u->inject({Platform::Pkt::create(300), IpAddr(), 68, IpAddr(), 7}));
 
-   Platform::TraceCapture trace;
-   sm->handleDel();
-   EXPECT_EQ(trace.lines().size(), 1u);
+   sm->handleDel();  // a second time: nothing to do
    sm->handleReadableCount();
    EXPECT_TRUE(sink.received.empty());
    // Dropping the machine without handleDel closes just the same.
