@@ -16,8 +16,8 @@ RELAYING = "interfaces: {Ethernet1: {servers: [{address: 192.0.2.10}]}}\n"
 
 
 def test_a_reload_refuses_a_truncated_file_and_tells_a_warning(tmp_path, agent):
-    """What --check says of such files is ConfigParserTest's; here, that a reload says it
-    too and keeps the running configuration."""
+    """A reload, like --check, refuses a truncated file (keeping the running configuration)
+    and tells a file's warnings; the texts themselves are ConfigParserTest's."""
     cfg = tmp_path / "relay.yaml"
     cfg.write_text(RELAYING)
     a = agent(cfg)
@@ -27,6 +27,8 @@ def test_a_reload_refuses_a_truncated_file_and_tells_a_warning(tmp_path, agent):
     assert "Ethernet1" in a.show("config")["interfaces"]
     cfg.write_text("interfaces: {Ethernet1: {}}\n")
     assert "no interface has servers" in a.ctl("reload").stdout
+    check = run(AGENT, "--config", cfg, "--check")
+    assert f"warning: {cfg}: no interface has servers" in check.stdout and "ok" in check.stdout
 
 
 def test_a_device_that_does_not_exist_is_told_until_it_appears(tmp_path, agent):
