@@ -121,7 +121,9 @@ class RelayPathsTest : public testing::Test {
          out.emplace_back("red", s);
       return out;
    }
-   uint64_t drops(DropReason r) const { return bed.status->drops(r); }
+   uint64_t drops(DropReason r) const {
+      return v4Drops(*bed.status)[std::string(dropReasonName(r))];
+   }
 
    RelayTestBed bed;
    Ptr<Ip::IpIntfStatus> eth1;
