@@ -38,12 +38,12 @@ class AgentStartup : public ::testing::Test {
 
    // The front ends publish (the IP status only when asked), the agent mounts, and the
    // posted completion runs.
-   std::unique_ptr<Agent> start(bool withIpStatus, const std::string& text = "vrfs: {}\n") {
+   std::unique_ptr<Agent> start(bool withIpStatus) {
       // ctest runs these tests in parallel processes: each writes a file of its own.
       const std::string path =
           ::testing::TempDir() + "/agent-startup-" + std::to_string(::getpid()) + ".yaml";
       configPath_ = path;
-      std::ofstream(path) << text;
+      std::ofstream(path) << "vrfs: {}\n";
       config_ = std::make_unique<Frontend::ConfigFrontEnd>(store_, path);
       EXPECT_TRUE(config_->load().empty());
       if (withIpStatus) {
@@ -91,34 +91,6 @@ TEST_F(AgentStartup, BuildsTheGraphOnceEveryFrontEndHasPublished) {
    auto mcGroups = store_.entity<Platform::Dir>("ip6/multicastGroups/application");
    ASSERT_TRUE(mcGroups);
    EXPECT_TRUE(mcGroups->entry("dhcprelay"));
-}
-
-// The derived state flows through the graph as built: configured servers become
-// counted server entries, and their VRFs become VRFs that need relay sockets.
-TEST_F(AgentStartup, ConfiguredServersReachTheServerSetsAndTheActiveVrfs) {
-   auto agent = start(true,
-                      "vrfs: {red: ns-red}\n"
-                      "interfaces:\n"
-                      "  Ethernet1:\n"
-                      "    servers: [{address: 192.0.2.10}, {address: 198.51.100.7, vrf: red}]\n"
-                      "    servers-v6: [{address: 2001:db8::10, vrf: red}]\n"
-                      "    information-option: true\n");
-   runPosted();
-   ASSERT_TRUE(agent->objectGraphBuilt());
-
-   auto servers = agent->dhcpRelayIntfServerIp()->drIntfServerIp(Platform::IntfId("Ethernet1"));
-   ASSERT_TRUE(servers);
-   EXPECT_EQ(servers->serverIp().size(), 2u);
-   const auto& vrfs = agent->activeVrfDirv4()->vrfCount();
-   ASSERT_EQ(vrfs.size(), 2u);
-   EXPECT_EQ(vrfs.at(Platform::VrfName("default"))->count(), 0u);
-   EXPECT_EQ(vrfs.at(Platform::VrfName("red"))->count(), 1u);
-   const auto& vrfs6 = agent->activeVrfDirv6()->vrfCount();
-   ASSERT_EQ(vrfs6.size(), 2u);
-   EXPECT_EQ(vrfs6.at(Platform::VrfName("red"))->count(), 1u);
-
-   // Destroying the agent tears the graph down without tripping a count check.
-   agent.reset();
 }
 
 TEST_F(AgentStartup, MissingReadOnlyStateIsAFailedMount) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace Ip::Helper::DhcpRelay {
@@ -63,14 +64,10 @@ TEST(DhcpHdrTest, FieldsAreReadFromTheirOffsetsOfAWholeHeader) {
    auto pkt = Pkt::copyOf(frame);
    const auto hdr = DhcpHdr::of(*pkt, 42);
    ASSERT_TRUE(hdr);
-   EXPECT_EQ(hdr->bootpOp(), 0);
-   EXPECT_EQ(hdr->hops(), 3);
-   EXPECT_EQ(hdr->xid(), 0x04050607u);
-   EXPECT_EQ(hdr->flags(), 0x0a0b);
-   EXPECT_EQ(hdr->ciaddr().toString(), "12.13.14.15");
-   EXPECT_EQ(hdr->yiaddr().toString(), "16.17.18.19");
-   EXPECT_EQ(hdr->giaddr().toString(), "24.25.26.27");
-   EXPECT_EQ(hdr->chaddr().toString(), "1c:1d:1e:1f:20:21");
+   EXPECT_EQ(std::tuple(hdr->bootpOp(), hdr->hops(), hdr->xid(), hdr->flags(), hdr->ciaddr(),
+                        hdr->yiaddr(), hdr->giaddr(), hdr->chaddr().toString()),
+             std::tuple(0, 3, 0x04050607u, 0x0a0b, IpAddr(0x0c0d0e0f), IpAddr(0x10111213),
+                        IpAddr(0x18191a1b), "1c:1d:1e:1f:20:21"));
 }
 
 // Hops saturate instead of wrapping: a looping request must stay at the limit.

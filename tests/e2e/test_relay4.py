@@ -1,22 +1,16 @@
 """DHCPv4 relayed by the agent between a real ISC dhclient and real ISC dhcpd servers,
 in the lab's namespaces (see tools/lab/lab.py)."""
 
-import json
 import re
 from dataclasses import dataclass
 
 import pytest
 
 import lab as L
-from conftest import Agent
-from test_relay4_vrf import NO_PING
+from test_relay4_vrf import NO_PING, client_mac, start_agent
 
 CLIENT_RANGE = "192.0.2."
 DHCPDISCOVER, OFFER, ACK = 1, 2, 5
-
-
-def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
-    return Agent(tmp_path, lab.agent_config(**relay_settings), lab.ns["relay"])
 
 
 def agent_info(frame):
@@ -36,7 +30,7 @@ def test_same_vrf_relay_to_two_servers(lab, tmp_path):  # noqa: F811
         assert a.ctl("trace", "5").stdout == "Text trace keeps levels 0-5.\n"
         lease = lab.dhclient(timeout=20)
         assert lease is not None, a.log_text()
-        mac = json.loads(lab.ip("client", "-j", "link", "show", L.CLIENT_DEV).stdout)[0]["address"]
+        mac = client_mac(lab)
         for line in (rf"DHCPDISCOVER {mac} xid 0x[0-9a-f]{{8}} on Ethernet1 vrf default: "
                      r"relayed to 198\.51\.100\.3 vrf default giaddr 192\.0\.2\.1$",
                      rf"DHCPACK {mac} xid 0x[0-9a-f]{{8}} from 198\.51\.100\.\d on Ethernet2 vrf default: "
@@ -65,35 +59,29 @@ LOCATED = (L.RELAY_CLIENT_IP, "192.0.2.0")  # override address and link selectio
 
 @dataclass
 class Case:
-    switch: bool
     settings: dict      # Ethernet1's, besides information-option: true
     server: tuple       # what dhcpd saw: circuit-id, remote-id, VRF, override, link; None: nothing
     down: bytes = None  # the option 82 the replies carry on the client link
 
 
 OPTION_82 = {
-    "own-option": Case(False, {"circuit_id": "rack4-port1"},
-                       (b"rack4-port1", None, None, None, None)),
-    "untrusted-first-hop": Case(True, {}, None),
-    "kept-across-vrfs": Case(True, {"information_option_policy": "keep", "servers": [AT_RED]},
+    "untrusted-first-hop": Case({}, None),
+    "kept-across-vrfs": Case({"information_option_policy": "keep", "servers": [AT_RED]},
                              (b"sw1-p07", b"sw1-id", b"\0default", *LOCATED), SWITCH_82),
     "kept-from-a-source-interface": Case(
-        True, {"information_option_policy": "keep", "servers": [FROM_ETHERNET3]},
+        {"information_option_policy": "keep", "servers": [FROM_ETHERNET3]},
         (b"sw1-p07", b"sw1-id", None, *LOCATED), SWITCH_82),
-    "replaced-across-vrfs": Case(
-        True, {"information_option_policy": "replace", "servers": [AT_RED]},
-        (b"Ethernet1", None, b"\0default", *LOCATED)),
 }
 
 
 @pytest.mark.parametrize("case", OPTION_82.values(), ids=OPTION_82.keys())
 def test_option_82_up_to_the_server_and_back(lab, tmp_path, case):  # noqa: F811
-    """The relay's own option 82, or an access switch's (giaddr zero, option present):
-    refused by default, kept (with the relay's locating sub-options merged in, and
-    only those taken out of the replies) or replaced. A cross-VRF server or a source
-    interface needs the locating sub-options on the copy."""
-    if case.switch:
-        lab.insert_switch(SWITCH_82)
+    """An access switch's option 82 (giaddr zero, option present): refused by default, or
+    kept with the relay's locating sub-options merged in (a cross-VRF server or a source
+    interface needs them), which a real server reads and only those are taken out of the
+    replies. The relay's own option and a replaced one are RelayPathsTest's; a real
+    server reads the relay's own sub-options in test_relay4_vrf."""
+    lab.insert_switch(SWITCH_82)
     servers = case.settings.get("servers", [])
     if AT_RED in servers:
         lab.split_red_vrf()

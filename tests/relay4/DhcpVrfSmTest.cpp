@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "platform/trace/Trace.h"
+#include <tuple>
+
 #include "tests/relay4/RelayTestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
@@ -54,17 +55,12 @@ TEST_F(DhcpVrfSmTest, SocketsInTheNamespaceWithTheConfiguredDscp) {
    bed.config->dscpV4Is(46);
    auto sm = open();
    Ptr<UdpTestPam> u = udp();
-   EXPECT_EQ(u->mode(), Platform::Pam::modeOpen);
-   EXPECT_EQ(u->txDstAddr(), Platform::IpGenAddr(IpAddr::broadcast()));
-   EXPECT_EQ(u->txPort(), 67);
-   EXPECT_EQ(u->rxAddr(), Platform::IpGenAddr(IpAddr::ipAddrZero()));
-   EXPECT_EQ(u->rxPort(), 67);
-   EXPECT_EQ(u->netNs(), "ns-red");
-   EXPECT_FALSE(u->ipv6());
-   EXPECT_EQ(u->txTos(), 184);
+   EXPECT_EQ(std::tuple(u->mode(), u->txDstAddr(), u->txPort(), u->rxAddr(), u->rxPort(),
+                        u->netNs(), u->ipv6(), u->txTos()),
+             std::tuple(Platform::Pam::modeOpen, Platform::IpGenAddr(IpAddr::broadcast()), 67,
+                        Platform::IpGenAddr(IpAddr()), 67, "ns-red", false, 184));
    Ptr<Platform::RawTxTestPam> raw = bed.pams.raw.at("RawTxPam-red");
-   EXPECT_EQ(raw->ethProtocol(), 0x0800);
-   EXPECT_EQ(raw->netNs(), "ns-red");
+   EXPECT_EQ(std::tuple(raw->ethProtocol(), raw->netNs()), std::tuple(0x0800, "ns-red"));
    // The DSCP follows the configuration; only the UDP socket carries it.
    bed.config->dscpV4Is(63);
    EXPECT_EQ(u->txTos(), 252);
@@ -110,9 +106,7 @@ TEST_F(DhcpVrfSmTest, DeletionClosesOnceAndStopsFollowingTheNamespace) {
    EXPECT_FALSE(bed.allIntfStatus->intfStatus(IntfId("Ethernet1")));
    EXPECT_FALSE(u->inject({Platform::Pkt::create(300), IpAddr(), 68, IpAddr(), 7}));
 
-   Platform::TraceCapture trace;
-   sm->handleDel();
-   EXPECT_EQ(trace.lines().size(), 1u);
+   sm->handleDel();  // a second time: nothing to do
    sm->handleReadableCount();
    EXPECT_TRUE(sink.received.empty());
    // Dropping the machine without handleDel closes just the same.

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "frontend/config/ConfigParser.h"
+#include "platform/store/Watch.h"
 
 namespace Frontend {
 namespace {
@@ -85,132 +87,75 @@ std::string dump(const Targets& t) {
    return o.str();
 }
 
-// --- reactors that log every notification -------------------------------------------
+// --- every notification, logged ----------------------------------------------------------
 
-// Adds "<prefix><what>" to the log for every notification of its record.
-template <class Record>
-class Logger : public Record::Reactor {
- public:
-   Logger(Log& log, const Ptr<Record>& r, std::string prefix)
-       : log_(log), prefix_(std::move(prefix)) {
-      this->notifierIs(r);
-   }
+std::string text(uint16_t v) {
+   return std::to_string(v);
+}
+template <class Key>
+std::string text(const Key& k) {
+   return k.toString();
+}
 
- protected:
-   void add(const std::string& s) { log_.push_back(prefix_ + s); }
+// Logs the handler's attribute (with a lower-case first letter) after `prefix`, then its key
+// if it has one.
+auto entry(Log& log, const std::string& prefix, std::string attr) {
+   attr[0] = static_cast<char>(std::tolower(attr[0]));
+   return [&log, line = prefix + attr](const auto&... key) {
+      log.push_back((line + ... + (" " + text(key))));
+   };
+}
 
- private:
-   Log& log_;
-   std::string prefix_;
-};
-
-struct RelayLog : Logger<Relay::Config> {
-   using Logger::Logger;
-   void handleIntfConfig(const IntfId& i) override { add("intfConfig " + i.toString()); }
-   void handleSmartRelayGlobal() override { add("smartRelayGlobal"); }
-   void handleDscpV4() override { add("dscpV4"); }
-   void handleDscpV6() override { add("dscpV6"); }
-   void handleAlwaysOn() override { add("alwaysOn"); }
-   void handleClientLinkLayerAddrOpt() override { add("clientLinkLayerAddrOpt"); }
-};
-
-struct IntfLog : Logger<Relay::IntfConfig> {
-   using Logger::Logger;
-   void handleServerIp(const Relay::VrfIpSrcIntfSrcIp& k) override {
-      add("serverIp " + k.toString());
-   }
-   void handleServerHostname(const Relay::VrfHostnameSrcIntfSrcIp& k) override {
-      add("serverHostname " + k.toString());
-   }
-   void handleServerIp6(const Relay::VrfIpSrcIntfSrcIp& k) override {
-      add("serverIp6 " + k.toString());
-   }
-   void handleCcapCores(const Platform::Ip6Addr& a) override { add("ccapCores " + a.toString()); }
-   void handleSmartRelay() override { add("smartRelay"); }
-   void handleInformationOption() override { add("informationOption"); }
-   void handleCircuitId() override { add("circuitId"); }
-   void handleVrf() override { add("vrf"); }
-   void handleRouteInstall() override { add("routeInstall"); }
-};
-
-struct SnoopingLog : Logger<Snooping::Config> {
-   using Logger::Logger;
-   void handleEnabled() override { add("enabled"); }
-   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
-   void handleInformationOption() override { add("informationOption"); }
-   void handleCircuitIdTypeValid() override { add("circuitIdTypeValid"); }
-   void handleCircuitIdType() override { add("circuitIdType"); }
-   void handleCircuitIdFormatString() override { add("circuitIdFormatString"); }
-};
-
-struct Snooping6Log : Logger<Snooping::Dhcp6Config> {
-   using Logger::Logger;
-   void handleEnabled() override { add("enabled"); }
-   void handleVlan(uint16_t v) override { add("vlan " + std::to_string(v)); }
-   void handleRemoteIdOption() override { add("remoteIdOption"); }
-};
-
-struct AllVrfLog : Logger<Ip::AllVrfStatusLocal> {
-   using Logger::Logger;
-   void handleVrf(const VrfName& v) override { add("vrf " + v.str()); }
-};
-
-struct VrfLog : Logger<Ip::VrfStatusLocal> {
-   using Logger::Logger;
-   void handleNsName() override { add("nsName"); }
-   void handleState() override { add("state"); }
-};
-
-struct HostnameLog : Logger<System::NetStatus> {
-   using Logger::Logger;
-   void handleHostname() override { add("hostname"); }
-   void handleDomainName() override { add("domainName"); }
-};
-
-struct MacLog : Logger<EntityMib::Status> {
-   using Logger::Logger;
-   void handleSystemMacAddr() override { add("systemMacAddr"); }
-};
-
-struct BridgingLog : Logger<Bridging::Config> {
-   using Logger::Logger;
-   void handleSwitchIntfConfig(const IntfId& i) override {
-      add("switchIntfConfig " + i.toString());
-   }
-};
-
-struct PortLog : Logger<Bridging::SwitchIntfConfig> {
-   using Logger::Logger;
-   void handleSwitchportMode() override { add("switchportMode"); }
-   void handleAccessVlan() override { add("accessVlan"); }
-   void handleNativeVlan() override { add("nativeVlan"); }
-   void handleAllowedVlans(uint16_t v) override { add("allowedVlans " + std::to_string(v)); }
-};
-
-// Watches every record the targets hold at construction time.
+// Logs "<prefix><attribute>[ <key>]" for every notification of a record the targets hold at
+// construction time, for each handler its record's Reactor has.
 class Watch {
  public:
+#define ON(R, Attr) std::pair(#Attr, &R::Reactor::handle##Attr)
    explicit Watch(const Targets& t) {
-      keep(std::make_unique<RelayLog>(log, t.relay, "relay."));
-      for (const auto& [id, c] : t.relay->intfConfig())
-         keep(std::make_unique<IntfLog>(log, c, id.toString() + "."));
-      keep(std::make_unique<SnoopingLog>(log, t.snooping, "snooping."));
-      keep(std::make_unique<Snooping6Log>(log, t.snooping6, "snooping6."));
-      keep(std::make_unique<AllVrfLog>(log, t.vrfs, "vrfs."));
-      for (const auto& [vrf, s] : t.vrfs->vrf())
-         keep(std::make_unique<VrfLog>(log, s, "vrf " + vrf.str() + "."));
-      keep(std::make_unique<HostnameLog>(log, t.netStatus, "netStatus."));
-      keep(std::make_unique<MacLog>(log, t.entityMib, "entityMib."));
-      keep(std::make_unique<BridgingLog>(log, t.bridging, "bridging."));
-      for (const auto& [id, p] : t.bridging->switchIntfConfig())
-         keep(std::make_unique<PortLog>(log, p, id.toString() + "."));
+      using RC = Relay::Config;
+      using IC = Relay::IntfConfig;
+      using SC = Snooping::Config;
+      using S6 = Snooping::Dhcp6Config;
+      using PC = Bridging::SwitchIntfConfig;
+      watch(t.relay, "relay.", ON(RC, IntfConfig), ON(RC, SmartRelayGlobal), ON(RC, DscpV4),
+            ON(RC, DscpV6), ON(RC, AlwaysOn), ON(RC, ClientLinkLayerAddrOpt));
+      for (const auto& [id, c] : t.relay->intfConfig()) {
+         watch(c, id.toString() + ".", ON(IC, ServerIp), ON(IC, ServerHostname), ON(IC, ServerIp6),
+               ON(IC, CcapCores), ON(IC, SmartRelay), ON(IC, InformationOption), ON(IC, CircuitId),
+               ON(IC, Vrf), ON(IC, RouteInstall));
+      }
+      watch(t.snooping, "snooping.", ON(SC, Enabled), ON(SC, Vlan), ON(SC, InformationOption),
+            ON(SC, CircuitIdTypeValid), ON(SC, CircuitIdType), ON(SC, CircuitIdFormatString));
+      watch(t.snooping6, "snooping6.", ON(S6, Enabled), ON(S6, Vlan), ON(S6, RemoteIdOption));
+      watch(t.vrfs, "vrfs.", ON(Ip::AllVrfStatusLocal, Vrf));
+      for (const auto& [vrf, s] : t.vrfs->vrf()) {
+         watch(s, "vrf " + vrf.str() + ".", ON(Ip::VrfStatusLocal, NsName),
+               ON(Ip::VrfStatusLocal, State));
+      }
+      watch(t.netStatus, "netStatus.", ON(System::NetStatus, Hostname),
+            ON(System::NetStatus, DomainName));
+      watch(t.entityMib, "entityMib.", ON(EntityMib::Status, SystemMacAddr));
+      watch(t.bridging, "bridging.", ON(Bridging::Config, SwitchIntfConfig));
+      for (const auto& [id, p] : t.bridging->switchIntfConfig()) {
+         watch(p, id.toString() + ".", ON(PC, SwitchportMode), ON(PC, AccessVlan),
+               ON(PC, NativeVlan), ON(PC, AllowedVlans));
+      }
    }
+#undef ON
 
    Log log;
 
  private:
-   void keep(std::unique_ptr<Platform::ReactorBase> r) { reactors_.push_back(std::move(r)); }
-   std::vector<std::unique_ptr<Platform::ReactorBase>> reactors_;
+   template <class Record, class... Handler>
+   void watch(const Ptr<Record>& record, const std::string& prefix,
+              std::pair<const char*, Handler>... handlers) {
+      auto w = std::make_unique<Platform::Watch<const Record>>();
+      (w->on(handlers.second, entry(log, prefix, handlers.first)), ...);
+      w->notifierIs(record);
+      watches_.push_back(std::move(w));
+   }
+
+   std::vector<std::unique_ptr<Platform::ReactorBase>> watches_;
 };
 
 // --- reload -----------------------------------------------------------------------------
@@ -389,12 +334,9 @@ TEST(ConfigApply, ShippedExampleIsValidAndASecondApplyNotifiesNothing) {
    const ParsedConfig r = parseConfigFile(repoRoot() + "/examples/dhcp-relay.yaml");
    ASSERT_EQ(r.errors, std::vector<std::string>{});
    // The example is documentation: every section must really be read.
-   EXPECT_FALSE(r.document.vrfs.empty());
-   EXPECT_FALSE(r.document.devices.empty());
-   EXPECT_FALSE(r.document.interfaces.empty());
-   EXPECT_FALSE(r.document.ports.empty());
-   EXPECT_TRUE(r.document.system.bridgeMac.has_value());
-   EXPECT_FALSE(r.document.snooping.vlans.empty());
+   const ConfigDocument& d = r.document;
+   EXPECT_TRUE(!d.vrfs.empty() && !d.devices.empty() && !d.interfaces.empty() && !d.ports.empty() &&
+               d.system.bridgeMac && !d.snooping.vlans.empty());
    Targets t = freshTargets();
    applyConfig(r.document, t);
    Watch watch(t);

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace Frontend {
@@ -399,10 +400,10 @@ snooping: {circuit-id-type: 255, vlans: [1, 4094]}
 devices: {Ethernet1: <d*15>}
 )");
    ASSERT_EQ(r.errors, std::vector<std::string>{});
-   EXPECT_EQ(r.document.interfaces.begin()->second.circuitId.size(), 255u);
-   EXPECT_EQ(r.document.relay.dscpV4, 63);
-   EXPECT_EQ(r.document.snooping.circuitIdType, 255);
-   EXPECT_EQ(r.document.snooping.vlans, (std::set<uint16_t>{1, 4094}));
+   const ConfigDocument& d = r.document;
+   EXPECT_EQ(std::tuple(d.interfaces.begin()->second.circuitId.size(), d.relay.dscpV4,
+                        d.snooping.circuitIdType, d.snooping.vlans),
+             std::tuple(255u, 63, 255, std::set<uint16_t>{1, 4094}));
 }
 
 // A truncated file must not stop all relaying: a file without configuration is refused,
@@ -476,12 +477,6 @@ TEST(ConfigParser, OnlyRegularFilesOfBoundedSizeAreRead) {
       EXPECT_EQ(parseConfigFile(path).errors, std::vector<std::string>{path + ": " + why});
    std::filesystem::remove_all(dir);
 }
-
-}  // namespace
-}  // namespace Frontend
-
-namespace Frontend {
-namespace {
 
 TEST(ConfigParser, MetricsListenIsAnAddressAndAPort) {
    struct Case {

@@ -170,17 +170,9 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
    ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
    auto table = make<Status>();
    follow(ns, table);
-
-   Ptr<KernelIntf> lo = table->interfaceByIndex(1);
-   ASSERT_TRUE(lo);
-   EXPECT_EQ(lo->deviceName(), "lo");
-   EXPECT_TRUE(lo->up() && lo->running());
-   EXPECT_EQ(texts(lo->ipv4()), (Texts{"127.0.0.1/8"}));
+   EXPECT_TRUE(matchesKernel(ns, *table));
    Ptr<KernelIntf> v0 = byName(*table, "v0");
    ASSERT_TRUE(v0);
-   EXPECT_EQ(v0->mac().toString(), "02:00:00:00:00:01");
-   EXPECT_FALSE(v0->up());
-   EXPECT_EQ(texts(v0->ipv4()), (Texts{"192.0.2.1/24"}));
 
    // Secondaries stay behind every primary, whatever order they came in.
    ASSERT_EQ(TestNet::shell("ip netns exec " + ns +

@@ -17,7 +17,6 @@
 #include "platform/pam/LinuxUdpPam.h"
 #include "platform/pam/UdpTestPam.h"
 #include "tests/support/PacketTestNet.h"
-#include "tests/support/TestFrames.h"
 
 namespace Platform {
 namespace {
@@ -196,29 +195,6 @@ class LinuxUdpPamTest : public PacketTest::VethTest {
    std::vector<std::unique_ptr<Consumer>> consumers_;
    std::vector<Ptr<LinuxUdpPam>> pams_;
 };
-
-TEST_F(LinuxUdpPamTest, ReceivesAClientBroadcastFromAddressZero) {
-   sh("-n " + nsA_ + " addr add 10.77.0.1/24 dev a0");
-   pam(false, 67);
-   Bytes discover = numbered(0, 300);
-   discover[0] = 1;
-   PacketTest::PeerSocket client(loop_, nsB_, "b0");
-   ASSERT_TRUE(client.ok());
-   // As it leaves the client: without an address of its own, so the frame is built by hand (a
-   // socket would put an address of the namespace there).
-   using namespace TestFrames;
-   ASSERT_TRUE(client.send(eth(kIpv4) + ipv4(kUdp, 68, 67, discover)));
-
-   ASSERT_TRUE(turnUntil([&] { return !consumer(0).got.empty(); }));
-   const UdpDatagram& d = consumer(0).got[0];
-   EXPECT_EQ(bytesOf(*d.pkt), discover);
-   EXPECT_EQ(d.src.toString() + ":" + std::to_string(d.srcPort), "0.0.0.0:68");
-   EXPECT_EQ(d.dst.toString(), "255.255.255.255");
-   EXPECT_EQ(d.ifindex, ifindexA_);
-   // Room for the relay to add headers and options in place.
-   EXPECT_GE(d.pkt->headroom(), 64u);
-   EXPECT_GE(d.pkt->tailroom(), 512u);
-}
 
 // Each send as the far end's devices saw it, the kernel's word and not the agent's.
 TEST_F(LinuxUdpPamTest, SendsFromTheChosenAddressWithTheChosenTosAndDevice) {
