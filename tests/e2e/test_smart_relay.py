@@ -2,7 +2,8 @@
 on the client link: a client whose DISCOVERs go unanswered is moved on to the next of
 the interface's subnets every three DISCOVERs, an answer puts it back on the primary,
 and a request for an address goes out from the subnet that holds it. How the rotation
-follows addresses that come and go is SmartRelayTest's."""
+follows addresses that come and go is the unit tests' (SmartRelayTest) and
+test_relay4_edges'."""
 
 from scapy.layers.dhcp import BOOTP
 
