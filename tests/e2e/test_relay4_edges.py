@@ -17,7 +17,7 @@ from scapy.all import BOOTP, IP, UDP, Ether, mac2str, wrpcap
 from conftest import Agent
 from lab import (CLIENT_DEV, RED_DEV, RED_IP, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_RED_DEV,
                  RELAY_RED_IP, RELAY_SECONDARY_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP, SERVER_BRIDGE,
-                 SERVER_IP, run, wait_for)
+                 SERVER_IP, wait_for)
 
 CLIENT_MAC = "02:00:00:00:0c:01"
 BOOTREQUEST = 1
