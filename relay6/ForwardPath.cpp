@@ -131,6 +131,7 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    }
    Ip6Addr linkAddr = fwd.linkAddr;
    Ip6Addr txSrc;
+   bool kernelSource = false;  // the kernel picks txSrc itself for this destination
    uint32_t txIfindex = 0;
    if (server.srcIp.isV6() && !server.srcIp.v6().isZero()) {
       txSrc = linkAddr = server.srcIp.v6();
@@ -168,6 +169,7 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
          return false;
       }
       txSrc = route->preferredSource.v6();
+      kernelSource = true;
       // A multicast destination leaves by the device the route names; a unicast one follows
       // the routing table.
       if (serverAddr.isMulticast())
@@ -201,7 +203,9 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    Platform::UdpPam& udp = *sm->udpPam();
    udp.txDstAddrIs(serverAddr);
    udp.txPortIs(DhcpVrfSmv6::kServerPort);
-   udp.txSrcAddrIs(txSrc);
+   // The route's preferred source is what the kernel chooses anyway: left to it, a send
+   // needs no control message.
+   udp.txSrcAddrIs(kernelSource ? Platform::IpGenAddr() : Platform::IpGenAddr(txSrc));
    udp.txIfindexIs(txIfindex);
    if (!udp.send(fwd.pkt)) {
       TRACE(5, " send to ", serverAddr, " in vrf ", server.vrf, " failed");

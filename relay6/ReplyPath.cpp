@@ -131,7 +131,10 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
    Platform::UdpPam& udp = *sm->udpPam();
    udp.txDstAddrIs(reply.hdr.peerAddress);
    udp.txPortIs(port);
-   udp.txSrcAddrIs(txSrc);
+   // To a link-local client the kernel answers from the link-local address of the device it
+   // is told, which is this one: naming it again would cost a control message per send.
+   udp.txSrcAddrIs(reply.hdr.peerAddress.isLinkLocal() ? Platform::IpGenAddr()
+                                                       : Platform::IpGenAddr(txSrc));
    udp.txIfindexIs(device->ifindex());
    if (!udp.send(pkt)) {
       TRACE(5, " send to ", reply.hdr.peerAddress, " on ", *intf, " failed");

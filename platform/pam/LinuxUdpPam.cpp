@@ -218,8 +218,14 @@ LinuxUdpPam::SendResult LinuxUdpPam::doSend(const Pkt& payload) {
    Control control{};
    // The source goes with each send (ipi_spec_dst / ipi6_addr, ip(7), ipv6(7)), so one
    // socket sends from whichever of the namespace's addresses the relay picks, and the
-   // device (ipi_ifindex) steers broadcasts and link-scoped sends to their link.
-   if (!txSrcAddr().isEmpty() || txIfindex() != 0) {
+   // device (ipi_ifindex) steers broadcasts and link-scoped sends to their link. An IPv6
+   // destination that takes a scope id (link-local, link-scope multicast) has its device in
+   // the address already, which spares the kernel a control message per send.
+   const bool scoped =
+       ipv6() && txDstAddr().isV6() &&
+       (txDstAddr().v6().isLinkLocal() ||
+        (txDstAddr().v6().isMulticast() && (txDstAddr().v6().bytes()[1] & 0xf) <= 2));
+   if (!txSrcAddr().isEmpty() || (txIfindex() != 0 && !scoped)) {
       msg.msg_control = control.bytes.data();
       cmsghdr* c;
       if (ipv6()) {
