@@ -7,11 +7,23 @@
 
 namespace Ip::Helper::DhcpRelay {
 
+namespace {
+
+// The DSCP sits in the upper six bits of the TOS byte or traffic class; ECN stays zero.
+uint8_t tosOf(uint8_t dscp) {
+   return static_cast<uint8_t>((dscp * 4) & 255);
+}
+
+}  // namespace
+
 VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
-                       const Platform::NamespaceName& nsName, const Deps& deps, uint8_t tos)
-    : vrf_(vrf),
+                       const Platform::NamespaceName& nsName, const Deps& deps, uint8_t dscp,
+                       Status& status)
+    : family_(family),
+      vrf_(vrf),
       nsName_(nsName),
       deps_(deps),
+      status_(status),
       kernelTable_(KernelNetInfo::kernelTableOf(deps.store, nsName.str())),
       ownAddresses_(kernelTable_) {
    deps_.intfStatus.namespaceFollowIs(nsName_.str());
@@ -30,7 +42,7 @@ VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
    udp->txPortIs(family.serverPort);
    udp->rxPortIs(family.serverPort);
    udp->netNsIs(nsName_.str());
-   udp->txTosIs(tos);
+   udp->txTosIs(tosOf(dscp));
    udp->modeIs(Platform::Pam::modeOpen);
    udpPam_ = udp;
 
@@ -48,6 +60,36 @@ VrfSockets::VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
       TRACE(0, " no netlink socket for vrf:", vrf_, " namespace ", nsName_, ": ", error);
       routeSocketError_ = std::move(error);
    }
+   udpPamWatch_.on(&Platform::UdpPam::Reactor::handleActive, [this] { doPublishError(); });
+   if (rawTxPam_) {
+      rawTxPamWatch_.on(&Platform::RawTxPam::Reactor::handleActive, [this] { doPublishError(); });
+      rawTxPamWatch_.notifierIs(rawTxPam_);
+   }
+   doPublishError();
+   status_.vrfSocketsTriedIs(vrf_);
+}
+
+void VrfSockets::doPublishError() {
+   const std::string error = this->error();
+   if (error.empty()) {
+      status_.vrfSocketErrorDel(vrf_);
+   } else if (status_.vrfSocketError(vrf_) != error) {
+      TRACE(0, " ", family_.name, " sockets of VRF ", vrf_, " are not open: ", error);
+      status_.vrfSocketErrorIs(vrf_, error);
+   }
+   if (onStateChange_)
+      onStateChange_();
+}
+
+void VrfSockets::dscpIs(uint8_t dscp) {
+   udpPam_->txTosIs(tosOf(dscp));
+   doPublishError();
+}
+
+const EgressRouteCache::Answer* VrfSockets::egressRoute(const Platform::IpGenAddr& server) {
+   if (!routeSocket_)
+      return nullptr;
+   return &egressRoutes_.egressRoute(*routeSocket_, kernelTable_->routeGeneration(), server);
 }
 
 std::string VrfSockets::error() const {
@@ -61,11 +103,7 @@ std::string VrfSockets::error() const {
 }
 
 void VrfSockets::onStateIs(std::function<void()> onChange) {
-   udpPamWatch_.on(&Platform::UdpPam::Reactor::handleActive, onChange);
-   if (rawTxPam_) {
-      rawTxPamWatch_.on(&Platform::RawTxPam::Reactor::handleActive, onChange);
-      rawTxPamWatch_.notifierIs(rawTxPam_);
-   }
+   onStateChange_ = std::move(onChange);
 }
 
 void VrfSockets::onReadableIs(std::function<void()> onReadable) {
@@ -81,6 +119,8 @@ VrfSockets::~VrfSockets() {
    if (rawTxPam_)
       rawTxPam_->modeIs(Platform::Pam::modeClosed);
    deps_.intfStatus.namespaceFollowDel(nsName_.str());
+   status_.vrfSocketErrorDel(vrf_);
+   status_.vrfSocketsTriedDel(vrf_);
 }
 
 const KernelNetInfo::KernelIntf* VrfSockets::deviceOf(uint32_t ifindex) const {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string_view>
 
+#include "model/Status.h"
 #include "model/switch/IntfStatusDir.h"
 #include "model/switch/KernelNetInfo.h"
 #include "platform/addr/IntfId.h"
@@ -13,6 +14,7 @@
 #include "platform/pam/UdpPam.h"
 #include "platform/store/StateStore.h"
 #include "relay/DhcpPamFactory.h"
+#include "relay/EgressRouteCache.h"
 #include "relay/OwnAddresses.h"
 
 namespace Ip::Helper::DhcpRelay {
@@ -33,6 +35,10 @@ struct RelayFamily {
 // socket, and what turns an arrival ifindex into a system interface (the namespace's kernel
 // table and the interface status, which the kernel front end is asked to follow while the
 // sockets exist). Everything is opened by the constructor and closed by the destructor.
+//
+// The family's Status hears of the sockets as long as they exist: they count as tried
+// (vrfSocketsTried) from the constructor on, and why one is not open is kept in
+// vrfSocketError, so an operator sees a VRF that cannot relay, not only a trace of it.
 class VrfSockets {
  public:
    struct Deps {
@@ -42,7 +48,8 @@ class VrfSockets {
       Ptr<const Interface::DeviceNameConfig> deviceNames;
    };
    VrfSockets(const RelayFamily& family, const Platform::VrfName& vrf,
-              const Platform::NamespaceName& nsName, const Deps& deps, uint8_t tos);
+              const Platform::NamespaceName& nsName, const Deps& deps, uint8_t dscp,
+              Status& status);
    ~VrfSockets();
    VrfSockets(const VrfSockets&) = delete;
    VrfSockets& operator=(const VrfSockets&) = delete;
@@ -65,19 +72,30 @@ class VrfSockets {
    // The kernel device of a system interface in this VRF; null when it has none here.
    Ptr<const KernelNetInfo::KernelIntf> kernelDevice(const Platform::IntfId& intf) const;
 
-   void tosIs(uint8_t tos) { udpPam_->txTosIs(tos); }
+   // The DSCP of every send (the upper six bits of the TOS byte or traffic class).
+   void dscpIs(uint8_t dscp);
+   // How the kernel reaches `server` in this namespace, asked again only once its routes,
+   // rules, devices or addresses changed; null without a route socket.
+   const EgressRouteCache::Answer* egressRoute(const Platform::IpGenAddr& server);
    // Runs `onReadable` for every readable notification of the UDP socket from now on, and
    // once at once (a datagram may have arrived already).
    void onReadableIs(std::function<void()> onReadable);
    // Why a socket of the VRF is not open (the first one that is not), empty while all are;
-   // `onChange` runs whenever one opens or closes.
+   // `onChange` runs (after the status is brought up to date) whenever one opens or closes.
    std::string error() const;
    void onStateIs(std::function<void()> onChange);
 
  private:
+   void doPublishError();
+
+   const RelayFamily& family_;
    const Platform::VrfName vrf_;
    const Platform::NamespaceName nsName_;
    Deps deps_;
+   Status& status_;
+   // Before the sockets: a datagram may arrive while they open.
+   EgressRouteCache egressRoutes_;
+   std::function<void()> onStateChange_;
    Ptr<const KernelNetInfo::Status> kernelTable_;
    OwnAddresses ownAddresses_;
    Ptr<Platform::UdpPam> udpPam_;

@@ -8,15 +8,6 @@ namespace Ip::Helper::DhcpRelay {
 
 const RelayFamily DhcpVrfSm::kFamily{"v4", kServerPort, false, true, 0};
 
-namespace {
-
-// The DSCP sits in the upper six bits of the TOS byte; the ECN bits stay zero.
-uint8_t tosOf(uint8_t dscp) {
-   return static_cast<uint8_t>((dscp * 4) & 255);
-}
-
-}  // namespace
-
 DhcpVrfSm::DhcpVrfSm(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
                      const Ptr<const Config>& config, const VrfSockets::Deps& deps, Status& status,
                      DhcpPacketSink& sink)
@@ -37,11 +28,8 @@ void DhcpVrfSm::handleInitialized() {
    if (sockets_)
       return;
    TRACE(3, " for vrf:", vrfName_);
-   sockets_.emplace(kFamily, vrfName_, nsName_, deps_, tosOf(dhcpRelayConfig_->dscpV4()));
+   sockets_.emplace(kFamily, vrfName_, nsName_, deps_, dhcpRelayConfig_->dscpV4(), status_);
    sockets_->onReadableIs([this] { handleReadableCount(); });
-   sockets_->onStateIs([this] { doPublishSocketError(); });
-   doPublishSocketError();
-   status_.vrfSocketsTriedIs(vrfName_);
    configWatch_.on(&Config::Reactor::handleDscpV4, [this] { handleDscp(); });
    configWatch_.onAttached([this] { handleDscp(); });
    configWatch_.notifierIs(dhcpRelayConfig_);
@@ -52,21 +40,7 @@ void DhcpVrfSm::handleDscp() {
       return;
    const uint8_t dscp = dhcpRelayConfig_->dscpV4();
    TRACE(3, " DSCP change to ", dscp, " for ", vrfName_);
-   sockets_->tosIs(tosOf(dscp));
-   doPublishSocketError();
-}
-
-// An operator must see a VRF that cannot relay, not only a trace of it.
-void DhcpVrfSm::doPublishSocketError() {
-   if (!sockets_)
-      return;
-   const std::string error = sockets_->error();
-   if (error.empty()) {
-      status_.vrfSocketErrorDel(vrfName_);
-   } else if (status_.vrfSocketError(vrfName_) != error) {
-      TRACE(0, " sockets of VRF ", vrfName_, " are not open: ", error);
-      status_.vrfSocketErrorIs(vrfName_, error);
-   }
+   sockets_->dscpIs(dscp);
 }
 
 void DhcpVrfSm::handleReadableCount() {
@@ -106,13 +80,6 @@ void DhcpVrfSm::handleReadableCount() {
    sink_.doProcessPacket(pkt, datagram->src.v4(), datagram->dst.v4(), intf, vrfName_);
 }
 
-const EgressRouteCache::Answer* DhcpVrfSm::egressRoute(Platform::IpAddr server) {
-   if (!sockets_ || !sockets_->routeSocket())
-      return nullptr;
-   return &egressRoutes_.egressRoute(*sockets_->routeSocket(),
-                                     sockets_->kernelTable()->routeGeneration(), server);
-}
-
 void DhcpVrfSm::handleDel() {
    TRACE(3, " for ", vrfName_);
    doClose();
@@ -121,9 +88,6 @@ void DhcpVrfSm::handleDel() {
 void DhcpVrfSm::doClose() {
    configWatch_.notifierIs(nullptr);
    sockets_.reset();
-   status_.vrfSocketErrorDel(vrfName_);
-   status_.vrfSocketsTriedDel(vrfName_);
-   egressRoutes_ = EgressRouteCache();
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -45,13 +45,14 @@ class DhcpVrfSm {
    }
    const VrfSockets* sockets() const { return sockets_ ? &*sockets_ : nullptr; }
    const Ptr<const Config>& dhcpRelayConfig() const { return dhcpRelayConfig_; }
-   // How the kernel reaches `server` in this VRF, asked again only once the namespace's
-   // routes, rules, devices or addresses changed; null without a route socket.
-   const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server);
+   // How the kernel reaches `server` in this VRF (VrfSockets::egressRoute); null without
+   // sockets or a route socket.
+   const EgressRouteCache::Answer* egressRoute(Platform::IpAddr server) {
+      return sockets_ ? sockets_->egressRoute(server) : nullptr;
+   }
 
  private:
    void doClose();
-   void doPublishSocketError();
 
    const Platform::VrfName vrfName_;
    const Platform::NamespaceName nsName_;
@@ -59,8 +60,6 @@ class DhcpVrfSm {
    VrfSockets::Deps deps_;
    Status& status_;
    DhcpPacketSink& sink_;
-   // Declared before the sockets: a datagram may arrive while they open.
-   EgressRouteCache egressRoutes_;
    std::optional<VrfSockets> sockets_;
    Platform::Watch<const Config> configWatch_;
 };

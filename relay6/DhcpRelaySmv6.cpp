@@ -65,11 +65,6 @@ DhcpRelaySmv6::Intf* DhcpRelaySmv6::intf(const IntfId& intf) const {
    return it == intfs_.end() ? nullptr : it->second.get();
 }
 
-bool DhcpRelaySmv6::relaying(const IntfId& id) const {
-   const Intf* state = intf(id);
-   return state && state->relaying;
-}
-
 void DhcpRelaySmv6::handleRelayConfig(const IntfId& id) {
    if (!initialized_)
       return;
@@ -90,6 +85,9 @@ void DhcpRelaySmv6::handleRelayConfig(const IntfId& id) {
                        [this, id](const VrfIpSrcIntfSrcIp&) { handleServerIp6(id); });
       state->config.on(&IntfConfig::Reactor::handleCcapCores,
                        [this, id](const Ip6Addr&) { handleCcapCores(id); });
+      state->ip6.on(&Ip6::IntfStatus::Reactor::handleAddr,
+                    [this, id](const Platform::Ip6Prefix&) { handleIp6IntfStatus(id); });
+      state->ip6.on(&Ip6::IntfStatus::Reactor::handleVrf, [this, id] { handleIp6IntfStatus(id); });
    }
    if (state->config.notifier() != config)
       state->config.notifierIs(config);
@@ -171,12 +169,8 @@ void DhcpRelaySmv6::handleIp6IntfStatus(const IntfId& id) {
    if (!state)
       return;
    const Ptr<Ip6::IntfStatus> status = state->relaying ? in_.ip6Status->intf(id) : nullptr;
-   if (state->ip6.notifier() != status) {
-      state->ip6.on(&Ip6::IntfStatus::Reactor::handleAddr,
-                    [this, id](const Platform::Ip6Prefix&) { handleIp6IntfStatus(id); });
-      state->ip6.on(&Ip6::IntfStatus::Reactor::handleVrf, [this, id] { handleIp6IntfStatus(id); });
+   if (state->ip6.notifier() != status)
       state->ip6.notifierIs(status);
-   }
    state->linkAddress = state->linkLocal = Ip6Addr();
    state->prefixes.clear();
    if (status) {
@@ -224,11 +218,12 @@ void DhcpRelaySmv6::doIntfsInVrf(const IntfId& id, Intf& state) {
       in_.mcGroups->mcaddrDel(DhcpVrfSmv6::kAllRelayAgentsAndServers);
 }
 
-Ip6Addr DhcpRelaySmv6::getIntfIpAddr(const IntfId& id, bool linkLocal) const {
-   const Intf* state = intf(id);
-   if (!state)
-      return Ip6Addr();
-   return linkLocal ? state->linkLocal : state->linkAddress;
+Ip6Addr DhcpRelaySmv6::globalAddressOf(const Ip6::IntfStatus& status) {
+   for (const Platform::Ip6Prefix& prefix : status.addr()) {
+      if (prefix.address().isGlobalUnicast())
+         return prefix.address();
+   }
+   return Ip6Addr();
 }
 
 bool DhcpRelaySmv6::inSubnets(const Intf& state, const Ip6Addr& addr) {

@@ -83,17 +83,6 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
    // Queries.
    const Ptr<Status>& status() const { return in_.status; }
    DhcpVrfSmv6* dhcpVrfSmv6(const Platform::VrfName& vrf) const;
-   const std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSmv6>>& dhcpVrfSmv6() const {
-      return dhcpVrfSmv6_;
-   }
-   const std::map<Platform::VrfName, std::set<Platform::IntfId>>& intfsInVrf() const {
-      return intfsInVrf_;
-   }
-   const IntfLookupTable& intfLookupTbl() const { return lookup_; }
-   bool relaying(const Platform::IntfId& intf) const;
-   // The first link-local (true) or global unicast (false) address of a relaying interface;
-   // :: when it has none.
-   Platform::Ip6Addr getIntfIpAddr(const Platform::IntfId& intf, bool linkLocal) const;
 
  protected:
    // Where the kernel of a VRF's namespace sends a packet to `server`. Virtual so that
@@ -128,6 +117,8 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
                          const Platform::IntfId& intf, const Platform::VrfName& vrf);
    void forwardReqHelper(Forward& fwd);
    bool forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& server);
+   // The first global unicast address of an interface; :: when it has none.
+   static Platform::Ip6Addr globalAddressOf(const Ip6::IntfStatus& status);
    // Whether the address lies in one of the interface's IPv6 subnets.
    static bool inSubnets(const Intf& state, const Platform::Ip6Addr& addr);
 

@@ -13,15 +13,6 @@ const RelayFamily DhcpVrfSmv6::kFamily{"v6", kServerPort, true, false, kMaxRxPay
 const Platform::Ip6Addr DhcpVrfSmv6::kAllRelayAgentsAndServers(Platform::Ip6Addr::Bytes{
     0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 2});
 
-namespace {
-
-// The traffic class carries the DSCP in its upper six bits, as the IPv4 TOS byte does.
-uint8_t trafficClassOf(uint8_t dscp) {
-   return static_cast<uint8_t>((dscp * 4) & 255);
-}
-
-}  // namespace
-
 DhcpVrfSmv6::DhcpVrfSmv6(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
                          const Ptr<const Config>& config, const VrfSockets::Deps& deps,
                          Status& status, Dhcp6PacketSink& sink)
@@ -43,17 +34,12 @@ void DhcpVrfSmv6::handleInitialized() {
       TRACE(3, " already initialized return");
       return;
    }
-   sockets_.emplace(kFamily, vrfName_, nsName_, deps_, trafficClassOf(dhcpRelayConfig_->dscpV6()));
+   sockets_.emplace(kFamily, vrfName_, nsName_, deps_, dhcpRelayConfig_->dscpV6(), status_);
    TRACE(2, " udpPam setup complete for VRF ", vrfName_);
    truncatedSeen_ = sockets_->udpPam()->rxTruncated();
    sockets_->onReadableIs([this] { handleReadableCount(); });
    // A reopened socket has no memberships: they are joined again once it is open.
-   sockets_->onStateIs([this] {
-      doPublishSocketError();
-      doSyncMcastAll();
-   });
-   doPublishSocketError();
-   status_.vrfSocketsTriedIs(vrfName_);
+   sockets_->onStateIs([this] { doSyncMcastAll(); });
    configWatch_.on(&Config::Reactor::handleDscpV6, [this] { handleDscpV6(); });
    configWatch_.notifierIs(dhcpRelayConfig_);
    localDirWatch_.on(&Interface::AllIntfStatusLocalDir::Reactor::handleIntfStatusLocal,
@@ -67,20 +53,7 @@ void DhcpVrfSmv6::handleDscpV6() {
       return;
    const uint8_t dscp = dhcpRelayConfig_->dscpV6();
    TRACE(3, " DSCP change to ", dscp, " for Vrf ", vrfName_);
-   sockets_->tosIs(trafficClassOf(dscp));
-   doPublishSocketError();
-}
-
-void DhcpVrfSmv6::doPublishSocketError() {
-   if (!sockets_)
-      return;
-   const std::string error = sockets_->error();
-   if (error.empty()) {
-      status_.vrfSocketErrorDel(vrfName_);
-   } else if (status_.vrfSocketError(vrfName_) != error) {
-      TRACE(0, " DHCPv6 sockets of VRF ", vrfName_, " are not open: ", error);
-      status_.vrfSocketErrorIs(vrfName_, error);
-   }
+   sockets_->dscpIs(dscp);
 }
 
 // --- multicast membership ----------------------------------------------------------------
@@ -161,11 +134,6 @@ void DhcpVrfSmv6::doLeave(const IntfId& intf, Member& m) {
    TRACE(3, "   interface ", intf, " left ", kAllRelayAgentsAndServers, " in VRF ", vrfName_);
 }
 
-uint32_t DhcpVrfSmv6::joinedIfindex(const IntfId& intf) const {
-   auto it = members_.find(intf);
-   return it == members_.end() ? 0 : it->second.joined;
-}
-
 // --- datagrams -----------------------------------------------------------------------------
 
 void DhcpVrfSmv6::handleReadableCount() {
@@ -205,13 +173,6 @@ void DhcpVrfSmv6::handleReadableCount() {
    sink_.doProcessPacket(pkt, src, datagram->dst.v6(), intf, vrfName_);
 }
 
-const EgressRouteCache::Answer* DhcpVrfSmv6::egressRoute(const Platform::Ip6Addr& server) {
-   if (!sockets_ || !sockets_->routeSocket())
-      return nullptr;
-   return &egressRoutes_.egressRoute(*sockets_->routeSocket(),
-                                     sockets_->kernelTable()->routeGeneration(), server);
-}
-
 void DhcpVrfSmv6::handleDel() {
    TRACE(3, " for ", vrfName_);
    doClose();
@@ -223,9 +184,6 @@ void DhcpVrfSmv6::doClose() {
    for (auto& [intf, m] : members_)
       doLeave(intf, m);
    sockets_.reset();
-   status_.vrfSocketErrorDel(vrfName_);
-   status_.vrfSocketsTriedDel(vrfName_);
-   egressRoutes_ = EgressRouteCache();
 }
 
 }  // namespace Ip::Helper::DhcpRelay

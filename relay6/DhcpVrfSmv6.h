@@ -49,10 +49,10 @@ class DhcpVrfSmv6 {
    bool initialized() const { return sockets_.has_value(); }
    Platform::UdpPam* udpPam() const { return sockets_ ? sockets_->udpPam().get() : nullptr; }
    const VrfSockets* sockets() const { return sockets_ ? &*sockets_ : nullptr; }
-   // How the kernel reaches `server` in this VRF (see DhcpVrfSm::egressRoute).
-   const EgressRouteCache::Answer* egressRoute(const Platform::Ip6Addr& server);
-   // The ifindex the group is joined on for a relaying interface; 0 when it is not.
-   uint32_t joinedIfindex(const Platform::IntfId& intf) const;
+   // How the kernel reaches `server` in this VRF (VrfSockets::egressRoute).
+   const EgressRouteCache::Answer* egressRoute(const Platform::Ip6Addr& server) {
+      return sockets_ ? sockets_->egressRoute(server) : nullptr;
+   }
 
  private:
    struct Member {
@@ -61,7 +61,6 @@ class DhcpVrfSmv6 {
    };
 
    void doClose();
-   void doPublishSocketError();
    void doSyncMcast(const Platform::IntfId& intf, Member& member);
    void doSyncMcastAll();
    void doLeave(const Platform::IntfId& intf, Member& member);
@@ -73,7 +72,6 @@ class DhcpVrfSmv6 {
    VrfSockets::Deps deps_;
    Status& status_;
    Dhcp6PacketSink& sink_;
-   EgressRouteCache egressRoutes_;
    uint64_t truncatedSeen_ = 0;
    std::optional<VrfSockets> sockets_;
    std::map<Platform::IntfId, Member> members_;

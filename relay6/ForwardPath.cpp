@@ -24,7 +24,6 @@ struct DhcpRelaySmv6::Forward {
    uint8_t msgType;
    uint8_t hopCount;  // of our Relay-Forw
    Ip6Addr linkAddr;
-   bool crossVrf = false;  // option 68 is in the packet
 };
 
 namespace {
@@ -114,7 +113,6 @@ void DhcpRelaySmv6::forwardReqHelper(Forward& fwd) {
          doDropped(fwd.msgType, fwd.intf, DropReason::relayForwBuildFailed);
       return;
    }
-   fwd.crossVrf = true;
    for (const VrfIpSrcIntfSrcIp* server : crossVrf_)
       forwardPacketHelper(fwd, *server);
 }
@@ -136,20 +134,9 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    if (server.srcIp.isV6() && !server.srcIp.v6().isZero()) {
       txSrc = linkAddr = server.srcIp.v6();
    } else if (!server.srcIntf.empty()) {
-      const Intf* src = intf(server.srcIntf);
       const Ptr<Ip6::IntfStatus> status = in_.ip6Status->intf(server.srcIntf);
-      // A source interface that relays has its addresses at hand; any other is read from
-      // its status.
-      if (src && src->relaying) {
-         txSrc = src->linkAddress;
-      } else if (status) {
-         for (const Platform::Ip6Prefix& p : status->addr()) {
-            if (p.address().isGlobalUnicast()) {
-               txSrc = p.address();
-               break;
-            }
-         }
-      }
+      if (status)
+         txSrc = globalAddressOf(*status);
       if (txSrc.isZero() || !status || status->vrf() != server.vrf) {
          TRACE(5, " source interface ", server.srcIntf, " has no global address in vrf ",
                server.vrf, ". Dropping packet.");
