@@ -306,6 +306,21 @@ void DhcpRelaySmv6::doDropped(uint8_t msgType, const IntfId& intf, DropReason re
                   ")");
 }
 
+uint32_t DhcpRelaySmv6::doPendingSend(uint8_t msgType, const IntfId& intf) {
+   const uint32_t cookie = nextPending_;
+   nextPending_ = (nextPending_ + 1) % pending_.size();
+   pending_[cookie] = PendingSend{msgType, intf};
+   return cookie;
+}
+
+void DhcpRelaySmv6::handleSendDone(uint32_t cookie, bool sent) {
+   const PendingSend& send = pending_[cookie];
+   if (sent)
+      pkt6Forwarded(*in_.status, send.msgType, send.intf);
+   else
+      doDropped(send.msgType, send.intf, DropReason::sendFailed);
+}
+
 std::optional<Platform::EgressRoute> DhcpRelaySmv6::egressRoute(DhcpVrfSmv6& sm,
                                                                 const Ip6Addr& server) {
    const EgressRouteCache::Answer* answer = sm.egressRoute(server);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <map>
 #include <memory>
 #include <set>
@@ -17,6 +18,7 @@
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
 #include "platform/packet/Pkt.h"
+#include "platform/pam/UdpPam.h"
 #include "platform/store/StateStore.h"
 #include "relay/DhcpPamFactory.h"
 #include "relay/IntfLookupTable.h"
@@ -38,7 +40,9 @@ struct Dhcp6RelayReply;
 // Every datagram the VRF sockets receive comes back through doProcessPacket: client
 // messages and Relay-Forw go up wrapped in a Relay-Forw per server (the forward path),
 // Relay-Repl come down unwrapped (the reply path). Every drop goes through doDropped.
-class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
+class DhcpRelaySmv6 : public Dhcp6PacketSink,
+                      private RelayVrfSet::Owner,
+                      private Platform::UdpPam::SendDone {
  public:
    // A Relay-Forw already this many hops up is not relayed further (RFC 8415 HOP_COUNT_LIMIT).
    static constexpr uint8_t kHopCountLimit = 32;
@@ -131,6 +135,14 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
    // Every drop: counted by reason under the received message's type, and one line for an
    // operator following clients.
    void doDropped(uint8_t msgType, const Platform::IntfId& intf, DropReason reason);
+   // A send is counted, forwarded or dropped, when the kernel has taken or refused it, which
+   // may be after the VRF socket's whole receive batch: what it counts under waits here.
+   struct PendingSend {
+      uint8_t msgType = 0;
+      Platform::IntfId intf;
+   };
+   uint32_t doPendingSend(uint8_t msgType, const Platform::IntfId& intf);
+   void handleSendDone(uint32_t cookie, bool sent) override;
 
    Inputs in_;
    bool initialized_ = false;
@@ -142,6 +154,10 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink, private RelayVrfSet::Owner {
    size_t relayingCount_ = 0;
    // Cross-VRF servers of the message being forwarded: kept so that its capacity is reused.
    std::vector<const VrfIpSrcIntfSrcIp*> crossVrf_;
+   // Only the socket announcing what it received has a batch open, so no more than one
+   // batch and one send made at once wait at any time: a ring twice a batch never laps.
+   std::array<PendingSend, 2 * Platform::UdpPam::kTxBatch> pending_;
+   uint32_t nextPending_ = 0;
    Platform::Watch<const Config> config_;
    Platform::Watch<const Ip6::Status> ip6Status_;
 };

@@ -194,11 +194,9 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
    // needs no control message.
    udp.txSrcAddrIs(kernelSource ? Platform::IpGenAddr() : Platform::IpGenAddr(txSrc));
    udp.txIfindexIs(txIfindex);
-   if (!udp.send(fwd.pkt)) {
-      TRACE(5, " send to ", serverAddr, " in vrf ", server.vrf, " failed");
-      doDropped(fwd.msgType, fwd.intf, DropReason::sendFailed);
+   // Counted as forwarded or dropped once the kernel took it or refused it (handleSendDone).
+   if (!udp.send(fwd.pkt, this, doPendingSend(fwd.msgType, fwd.intf)))
       return false;
-   }
    TRACE(6, "   relaying DHCP request packet to ", serverAddr);
    if (Platform::Trace::keeps(5))
       TRACE_PLAIN(
@@ -208,7 +206,6 @@ bool DhcpRelaySmv6::forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& s
           Platform::TraceArg::ofHex32(dhcp6TransactionId(fwd.pkt, Dhcp6Layout::relayForwHead)),
           " on ", fwd.intf, " vrf ", fwd.vrf, ": relayed to ", serverAddr, " vrf ", server.vrf,
           " link-address ", linkAddr, " hop-count ", fwd.hopCount);
-   pkt6Forwarded(status, fwd.msgType, fwd.intf);
    return true;
 }
 

@@ -136,18 +136,14 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
    udp.txSrcAddrIs(reply.hdr.peerAddress.isLinkLocal() ? Platform::IpGenAddr()
                                                        : Platform::IpGenAddr(txSrc));
    udp.txIfindexIs(device->ifindex());
-   if (!udp.send(pkt)) {
-      TRACE(5, " send to ", reply.hdr.peerAddress, " on ", *intf, " failed");
-      doDropped(type, *intf, DropReason::sendFailed);
+   if (!udp.send(pkt, this, doPendingSend(type, *intf)))
       return;
-   }
    TRACE(6, "   relaying DHCP reply packet to ", reply.hdr.peerAddress);
    if (Platform::Trace::keeps(5))
       TRACE_PLAIN(
           5, dhcp6MsgTypeName(inner), " ", Platform::TraceArg::ofHexBytes(dhcp6ClientDuid(pkt)),
           " xid ", Platform::TraceArg::ofHex32(dhcp6TransactionId(pkt)), " from ", srcIp, " vrf ",
           vrf, ": delivered to ", reply.hdr.peerAddress, " on ", *intf, " vrf ", *clientVrf);
-   pkt6Forwarded(*in_.status, type, *intf);
 }
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -118,8 +118,10 @@ void LinuxUdpPam::handleEvents(uint32_t events) {
       return;
    // Announcing may release this object; the reference keeps it until this event is done.
    Ptr<const UdpPam> self(this);
+   doOpenTxBatch();
    doReceiveBatch();
    doAnnounceRx();
+   doCloseTxBatch();
    // Stop reading while the consumer leaves the queue full; the level-triggered descriptor
    // would otherwise wake the loop on every turn. rxPkt() resumes it.
    if (socket_ && rxQueueRoom() == 0 && !rxPaused_) {
@@ -206,59 +208,84 @@ void LinuxUdpPam::doReceiveBatch() {
    }
 }
 
-LinuxUdpPam::SendResult LinuxUdpPam::doSend(const Pkt& payload) {
-   sockaddr_in6 dst;
-   const socklen_t dstLen = toSockaddr(ipv6(), txDstAddr(), txPort(), txIfindex(), dst);
-   iovec iov{const_cast<uint8_t*>(payload.data()), payload.bytes()};
-   msghdr msg{};
-   msg.msg_name = &dst;
-   msg.msg_namelen = dstLen;
-   msg.msg_iov = &iov;
+void LinuxUdpPam::doBuildMsg(const UdpTx& tx, TxSlot& slot) {
+   msghdr& msg = slot.msg;
+   msg = msghdr{};
+   msg.msg_name = &slot.dst;
+   msg.msg_namelen = toSockaddr(ipv6(), tx.dst, tx.port, tx.ifindex, slot.dst);
+   slot.iov = iovec{const_cast<uint8_t*>(tx.payload->data()), tx.payload->bytes()};
+   msg.msg_iov = &slot.iov;
    msg.msg_iovlen = 1;
-   Control control{};
    // The source goes with each send (ipi_spec_dst / ipi6_addr, ip(7), ipv6(7)), so one
    // socket sends from whichever of the namespace's addresses the relay picks, and the
    // device (ipi_ifindex) steers broadcasts and link-scoped sends to their link. An IPv6
    // destination that takes a scope id (link-local, link-scope multicast) has its device in
    // the address already, which spares the kernel a control message per send.
-   const bool scoped =
-       ipv6() && txDstAddr().isV6() &&
-       (txDstAddr().v6().isLinkLocal() ||
-        (txDstAddr().v6().isMulticast() && (txDstAddr().v6().bytes()[1] & 0xf) <= 2));
-   if (!txSrcAddr().isEmpty() || (txIfindex() != 0 && !scoped)) {
-      msg.msg_control = control.bytes.data();
-      cmsghdr* c;
-      if (ipv6()) {
-         msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
-         c = CMSG_FIRSTHDR(&msg);
-         c->cmsg_level = IPPROTO_IPV6;
-         c->cmsg_type = IPV6_PKTINFO;
-         c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
-         in6_pktinfo info{};
-         if (!txSrcAddr().isEmpty())
-            info.ipi6_addr = toIn6Addr(txSrcAddr().v6());
-         info.ipi6_ifindex = txIfindex();
-         std::memcpy(CMSG_DATA(c), &info, sizeof info);
+   const bool scoped = ipv6() && tx.dst.isV6() &&
+                       (tx.dst.v6().isLinkLocal() ||
+                        (tx.dst.v6().isMulticast() && (tx.dst.v6().bytes()[1] & 0xf) <= 2));
+   if (tx.src.isEmpty() && (tx.ifindex == 0 || scoped))
+      return;
+   msg.msg_control = slot.control.bytes.data();
+   if (ipv6()) {
+      msg.msg_controllen = CMSG_SPACE(sizeof(in6_pktinfo));
+      cmsghdr* c = CMSG_FIRSTHDR(&msg);
+      c->cmsg_level = IPPROTO_IPV6;
+      c->cmsg_type = IPV6_PKTINFO;
+      c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+      in6_pktinfo info{};
+      if (!tx.src.isEmpty())
+         info.ipi6_addr = toIn6Addr(tx.src.v6());
+      info.ipi6_ifindex = tx.ifindex;
+      std::memcpy(CMSG_DATA(c), &info, sizeof info);
+   } else {
+      msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
+      cmsghdr* c = CMSG_FIRSTHDR(&msg);
+      c->cmsg_level = IPPROTO_IP;
+      c->cmsg_type = IP_PKTINFO;
+      c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+      in_pktinfo info{};
+      if (!tx.src.isEmpty())
+         info.ipi_spec_dst = toInAddr(tx.src.v4());
+      info.ipi_ifindex = static_cast<int>(tx.ifindex);
+      std::memcpy(CMSG_DATA(c), &info, sizeof info);
+   }
+}
+
+LinuxUdpPam::SendResult LinuxUdpPam::doFailed(const UdpTx& tx, int err) const {
+   const bool full = err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
+   TRACE(5, name(), full ? " dropped " : " cannot send ", tx.payload->bytes(), " bytes from ",
+         tx.src, " to ", tx.dst, ":", tx.port, ": ", std::strerror(err));
+   return full ? SendResult::dropped : SendResult::failed;
+}
+
+LinuxUdpPam::SendResult LinuxUdpPam::doSend(const UdpTx& tx) {
+   TxSlot slot;
+   doBuildMsg(tx, slot);
+   if (::sendmsg(socket_.get(), &slot.msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+      return SendResult::sent;
+   return doFailed(tx, errno);
+}
+
+void LinuxUdpPam::doSendBatch(const UdpTx* txs, SendResult* results, size_t count) {
+   for (size_t i = 0; i < count; ++i) {
+      doBuildMsg(txs[i], txSlots_[i]);
+      txMsgs_[i].msg_hdr = txSlots_[i].msg;
+   }
+   // sendmmsg stops at the first datagram the kernel refuses and reports the datagrams sent
+   // before it; the refused one fails alone, with its own error, and the rest go on.
+   size_t next = 0;
+   while (next < count) {
+      const int sent = ::sendmmsg(socket_.get(), txMsgs_.data() + next,
+                                  static_cast<unsigned>(count - next), MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (sent > 0) {
+         for (int k = 0; k < sent; ++k)
+            results[next++] = SendResult::sent;
       } else {
-         msg.msg_controllen = CMSG_SPACE(sizeof(in_pktinfo));
-         c = CMSG_FIRSTHDR(&msg);
-         c->cmsg_level = IPPROTO_IP;
-         c->cmsg_type = IP_PKTINFO;
-         c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-         in_pktinfo info{};
-         if (!txSrcAddr().isEmpty())
-            info.ipi_spec_dst = toInAddr(txSrcAddr().v4());
-         info.ipi_ifindex = static_cast<int>(txIfindex());
-         std::memcpy(CMSG_DATA(c), &info, sizeof info);
+         results[next] = doFailed(txs[next], errno);
+         ++next;
       }
    }
-   if (::sendmsg(socket_.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
-      return SendResult::sent;
-   const int err = errno;
-   const bool full = err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
-   TRACE(5, name(), full ? " dropped " : " cannot send ", payload.bytes(), " bytes from ",
-         txSrcAddr(), " to ", txDstAddr(), ":", txPort(), ": ", std::strerror(err));
-   return full ? SendResult::dropped : SendResult::failed;
 }
 
 bool LinuxUdpPam::doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join,

@@ -16,7 +16,8 @@ namespace Platform {
 class EventLoop;
 
 // The kernel's UDP socket behind a UdpPam. Each readable event takes up to kRxBatch
-// datagrams in one recvmmsg into pooled packets, queues them and announces them; the
+// datagrams in one recvmmsg into pooled packets, queues them and announces them, and the
+// sends queued meanwhile leave in one sendmmsg; the
 // descriptor is level-triggered, so whatever is left in the socket is read on the next
 // loop turn, after the other descriptors have had theirs.
 //
@@ -43,10 +44,21 @@ class LinuxUdpPam final : public UdpPam {
    bool doOpen(std::string& error) override;
    void doClose() override;
    void doApplyTos() override;
-   SendResult doSend(const Pkt& payload) override;
+   SendResult doSend(const UdpTx& tx) override;
+   void doSendBatch(const UdpTx* txs, SendResult* results, size_t count) override;
    bool doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join,
                      std::string& error) override;
    void doResumeRx() override;
+
+   // One send's message, and what it points at.
+   struct TxSlot {
+      msghdr msg;
+      sockaddr_in6 dst;
+      iovec iov;
+      Control control;
+   };
+   void doBuildMsg(const UdpTx& tx, TxSlot& slot);
+   SendResult doFailed(const UdpTx& tx, int err) const;
 
    void handleEvents(uint32_t events);
    void doReceiveBatch();
@@ -63,6 +75,9 @@ class LinuxUdpPam final : public UdpPam {
    std::array<iovec, kRxBatch> rxIovs_{};
    std::array<sockaddr_in6, kRxBatch> rxNames_{};
    std::array<Control, kRxBatch> rxControls_{};
+   // sendmmsg's, for a batch of queued sends.
+   std::array<TxSlot, kTxBatch> txSlots_{};
+   std::array<mmsghdr, kTxBatch> txMsgs_{};
 };
 
 }  // namespace Platform

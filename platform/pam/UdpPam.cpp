@@ -1,5 +1,6 @@
 #include "platform/pam/UdpPam.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -89,7 +90,7 @@ bool UdpPam::doQueueRx(UdpDatagram&& datagram) {
    return true;
 }
 
-bool UdpPam::send(const Pkt& payload) {
+bool UdpPam::send(const Pkt& payload, SendDone* done, uint32_t cookie) {
    const char* refusal = nullptr;
    if (!active())
       refusal = "socket not open";
@@ -99,9 +100,47 @@ bool UdpPam::send(const Pkt& payload) {
       refusal = "source address not of the socket's family";
    if (refusal) {
       TRACE(5, name(), " cannot send to ", txDstAddr_, ":", txPort_, ": ", refusal);
-      return doCountTx(SendResult::failed);
+      doCountTx(SendResult::failed);
+      if (done)
+         done->handleSendDone(cookie, false);
+      return false;
    }
-   return doCountTx(doSend(payload));
+   UdpTx tx{&payload, txDstAddr_, txPort_, txSrcAddr_, txIfindex_};
+   if (done && txBatchOpen_ && txQueued_ < kTxBatch) {
+      QueuedTx& queued = queued_[txQueued_];
+      queued.copy = txPool_.take(payload.bytes());
+      std::copy(payload.data(), payload.data() + payload.bytes(), queued.copy->data());
+      queued.done = done;
+      queued.cookie = cookie;
+      tx.payload = queued.copy.get();
+      txs_[txQueued_++] = tx;
+      return true;
+   }
+   const bool sent = doCountTx(doSend(tx));
+   if (done)
+      done->handleSendDone(cookie, sent);
+   return sent;
+}
+
+void UdpPam::doSendBatch(const UdpTx* txs, SendResult* results, size_t count) {
+   for (size_t i = 0; i < count; ++i)
+      results[i] = doSend(txs[i]);
+}
+
+void UdpPam::doCloseTxBatch() {
+   txBatchOpen_ = false;
+   const size_t count = txQueued_;
+   if (count == 0)
+      return;
+   doSendBatch(txs_.data(), results_.data(), count);
+   // What the outcomes set off sends at once: the queue is free for the next batch.
+   txQueued_ = 0;
+   for (size_t i = 0; i < count; ++i) {
+      QueuedTx& queued = queued_[i];
+      const bool sent = doCountTx(results_[i]);
+      queued.done->handleSendDone(queued.cookie, sent);
+      queued.copy.reset();
+   }
 }
 
 bool UdpPam::mcastGroupIs(uint32_t ifindex, const Ip6Addr& group, bool join, std::string& error) {

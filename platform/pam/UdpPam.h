@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -9,6 +10,7 @@
 #include "platform/addr/IpGenAddr.h"
 #include "platform/base/Ptr.h"
 #include "platform/packet/Pkt.h"
+#include "platform/packet/PktPool.h"
 #include "platform/pam/Pam.h"
 
 namespace Platform {
@@ -21,6 +23,16 @@ struct UdpDatagram {
    IpGenAddr src;
    uint16_t srcPort = 0;
    IpGenAddr dst;
+   uint32_t ifindex = 0;
+};
+
+// One send as the kernel part sees it: the payload and where it goes, taken from the
+// socket's settings when send() was called.
+struct UdpTx {
+   const Pkt* payload = nullptr;
+   IpGenAddr dst;
+   uint16_t port = 0;
+   IpGenAddr src;
    uint32_t ifindex = 0;
 };
 
@@ -44,11 +56,22 @@ class UdpPam : public ReadablePam<UdpDatagram> {
    // IPv6 multicast sends leave with this hop limit (the DHCPv6 relay hop-count limit) and
    // never loop back to the sending host.
    static constexpr int kMulticastHops = 32;
+   // Sends that may wait for one system call together.
+   static constexpr size_t kTxBatch = 64;
 
    class Reactor : public ReactorOf<const UdpPam> {
     public:
       virtual void handleReadableCount() {}
       virtual void handleActive() {}
+   };
+
+   // Hears what became of a send made with it (see send()), by the caller's cookie.
+   class SendDone {
+    public:
+      virtual void handleSendDone(uint32_t cookie, bool sent) = 0;
+
+    protected:
+      ~SendDone() = default;
    };
 
    ~UdpPam() override = default;
@@ -86,7 +109,14 @@ class UdpPam : public ReadablePam<UdpDatagram> {
 
    // Sends the payload to txDstAddr:txPort. Failures are returned, counted and traced: a
    // full socket buffer (EAGAIN, ENOBUFS) as a drop, anything else as a failure.
-   bool send(const Pkt& payload);
+   //
+   // With `done`, the caller hears the outcome through it instead, and the send may wait:
+   // while the socket announces what it received, such sends are copied and queued (true is
+   // returned), and leave together in one system call once the announcements are over,
+   // each outcome reaching its `done` then. Otherwise (no batch open, or kTxBatch queued
+   // already) the send happens now and `done` hears before send() returns. A send refused
+   // before the kernel always reaches `done` at once.
+   bool send(const Pkt& payload, SendDone* done = nullptr, uint32_t cookie = 0);
 
    // Joins or leaves an IPv6 group on one device; only an open IPv6 socket has memberships.
    bool mcastGroupIs(uint32_t ifindex, const Ip6Addr& group, bool join, std::string& error);
@@ -98,13 +128,21 @@ class UdpPam : public ReadablePam<UdpDatagram> {
    explicit UdpPam(std::string name) : ReadablePam(std::move(name)) {}
 
    virtual void doApplyTos() {}
-   virtual SendResult doSend(const Pkt& payload) = 0;
+   virtual SendResult doSend(const UdpTx& tx) = 0;
+   // Sends each of `count` datagrams in order and sets its result; the kernel part may
+   // hand them over in one call.
+   virtual void doSendBatch(const UdpTx* txs, SendResult* results, size_t count);
    virtual bool doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join,
                              std::string& error) = 0;
 
    // Appends to the receive queue without announcing; false (counted, traced) when full.
    // A datagram without packet information is counted in rxDropped by the kernel part.
    bool doQueueRx(UdpDatagram&& datagram);
+
+   // Brackets the announcement of received datagrams: sends with a `done` made in between
+   // are queued and leave when the batch closes.
+   void doOpenTxBatch() { txBatchOpen_ = true; }
+   void doCloseTxBatch();
 
  private:
    bool doCheckOpen(std::string& error) const override;
@@ -125,6 +163,18 @@ class UdpPam : public ReadablePam<UdpDatagram> {
    std::string netNs_;
 
    uint64_t rxDatagrams_ = 0;
+
+   struct QueuedTx {
+      Ptr<Pkt> copy;  // the caller's packet may change or go once send() returns
+      SendDone* done = nullptr;
+      uint32_t cookie = 0;
+   };
+   bool txBatchOpen_ = false;
+   size_t txQueued_ = 0;
+   std::array<UdpTx, kTxBatch> txs_;
+   std::array<QueuedTx, kTxBatch> queued_;
+   std::array<SendResult, kTxBatch> results_;
+   PktPool txPool_{0, 0, kTxBatch};
 };
 
 }  // namespace Platform

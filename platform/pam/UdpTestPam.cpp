@@ -17,16 +17,19 @@ bool UdpTestPam::inject(UdpDatagram datagram) {
    }
    if (!doQueueRx(std::move(datagram)))
       return false;
+   // As the socket does: what the announcement sends with a `done` leaves afterwards.
+   doOpenTxBatch();
    doAnnounceRx();
+   doCloseTxBatch();
    return true;
 }
 
-UdpPam::SendResult UdpTestPam::doSend(const Pkt& payload) {
+UdpPam::SendResult UdpTestPam::doSend(const UdpTx& tx) {
    if (sendFails_)
       return SendResult::failed;
-   const auto bytes = payload.span();
-   sent_.push_back(Sent{
-       {bytes.begin(), bytes.end()}, txSrcAddr(), txDstAddr(), txPort(), txTos(), txIfindex()});
+   const auto bytes = tx.payload->span();
+   sent_.push_back(
+       Sent{{bytes.begin(), bytes.end()}, tx.src, tx.dst, tx.port, txTos(), tx.ifindex});
    return SendResult::sent;
 }
 

@@ -47,7 +47,7 @@ class UdpTestPam final : public UdpPam {
  private:
    bool doOpen(std::string&) override { return true; }
    void doClose() override { mcastGroups_.clear(); }
-   SendResult doSend(const Pkt& payload) override;
+   SendResult doSend(const UdpTx& tx) override;
    bool doMcastGroup(uint32_t ifindex, const Ip6Addr& group, bool join,
                      std::string& error) override;
 

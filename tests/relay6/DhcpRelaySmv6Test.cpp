@@ -160,6 +160,12 @@ TEST_F(DhcpRelaySmv6Test, ClientMessageGoesUpWrappedToEveryServer) {
    }
    EXPECT_EQ(bed.status->totalRequestsReceived(), 1u);
    EXPECT_EQ(bed.status->totalRequestsForwarded(), 2u);
+
+   // Copies the kernel refuses, heard of once the receive batch is over, are drops.
+   udp("default").sendFailsIs(true);
+   receive("default", solicit(), kClientLl, 11);
+   EXPECT_EQ(drops(DropReason::sendFailed), 2u);
+   EXPECT_EQ(bed.status->totalRequestsForwarded(), 2u);
 }
 
 TEST_F(DhcpRelaySmv6Test, CrossVrfCopyCarriesTheClientVrfLast) {

@@ -379,6 +379,50 @@ TEST_F(LinuxUdpPamTest, ABurstIsAnnouncedOneDatagramAtATime) {
       EXPECT_EQ(seqs[i], i);
 }
 
+// Answers each datagram from its handler with a `done`, as the relay does; datagram 3 goes
+// where there is no route.
+struct Echo : UdpPam::Reactor, UdpPam::SendDone {
+   explicit Echo(const Ptr<LinuxUdpPam>& pam) : pam_(pam) { notifierIs(pam); }
+   void handleReadableCount() override {
+      auto d = pam_->rxPkt();
+      if (!d)
+         return;
+      pam_->txDstAddrIs(seqOf(*d) == 3 ? v4("203.0.113.1") : v4("127.0.0.1"));
+      pam_->txPortIs(6768);
+      queued.push_back(pam_->send(*d->pkt, this, static_cast<uint32_t>(seqOf(*d))));
+      outcomes.push_back(done.size());  // what had been heard while the batch was open
+   }
+   void handleSendDone(uint32_t cookie, bool sent) override { done.emplace_back(cookie, sent); }
+   Ptr<LinuxUdpPam> pam_;
+   std::vector<bool> queued;
+   std::vector<size_t> outcomes;
+   std::vector<std::pair<uint32_t, bool>> done;
+};
+
+TEST_F(LinuxUdpPamTest, SendsMadeWhileAnnouncingLeaveTogetherAfterwards) {
+   auto tx = loopbackSender();
+   Consumer& back = consumer(0);
+   auto sock = pam(false, 6767);
+   consumers_.pop_back();  // the echo takes the datagrams
+   Echo echo(sock);
+   for (size_t i = 0; i < 6; ++i)
+      ASSERT_TRUE(tx->send(*Pkt::copyOf(numbered(i))));
+   ASSERT_TRUE(turnUntil([&] { return back.got.size() == 5; }));
+   turns(3);
+   // Queued, each one heard of only once the announcements were over, in order; the one
+   // without a route failed alone.
+   EXPECT_EQ(echo.queued, std::vector<bool>(6, true));
+   EXPECT_EQ(echo.outcomes, std::vector<size_t>(6, 0));
+   const std::vector<std::pair<uint32_t, bool>> done{{0, true},  {1, true}, {2, true},
+                                                     {3, false}, {4, true}, {5, true}};
+   EXPECT_EQ(echo.done, done);
+   std::vector<size_t> seqs;
+   for (const auto& d : back.got)
+      seqs.push_back(seqOf(d));
+   EXPECT_EQ(seqs, (std::vector<size_t>{0, 1, 2, 4, 5}));
+   EXPECT_EQ(sock->txDatagrams(), 5u);
+}
+
 // Without SO_REUSEADDR a bind fails on a taken port: that shows where the socket is.
 TEST_F(LinuxUdpPamTest, OpensInItsNamespaceOnly) {
    sockaddr_in any{};
