@@ -252,4 +252,58 @@ bool dhcpRelaySmv6ParseMsgForRouteInstall(const Platform::Pkt& pkt, size_t msgOf
    return false;
 }
 
+size_t dhcpRelaySmv6HandleIanaPd(const Platform::Pkt& pkt, uint16_t optStart, uint16_t optEnd,
+                                 std::span<Dhcp6Lease> out) {
+   // IA_NA and IA_PD: IAID, T1, T2, then their own options.
+   constexpr size_t kIaFixed = 12;
+   size_t found = 0;
+   TRACE(7, "Current Offset: ", optStart, " End offset : ", optEnd);
+   Codec::Dhcp6Walker walker = Codec::dhcp6Walker(pkt, optStart, optEnd);
+   Tlv ia;
+   while (walker.next(ia) == TlvStep::Item) {
+      TRACE(7, "Current Offset: ", ia.offset, " Option Len: ", ia.length);
+      const bool pd = ia.tag == dhcp6OptIaPd;
+      if (!pd && ia.tag != dhcp6OptIaNa)
+         continue;
+      TRACE(7, pd ? "IAPD Option found." : "IANA Option found.");
+      if (ia.length < kIaFixed)
+         continue;
+      const size_t inner = ia.offset + Layout::optionHeader + kIaFixed;
+      Codec::Dhcp6Walker addrs =
+          Codec::dhcp6Walker(pkt, inner, ia.offset + Layout::optionHeader + ia.length);
+      Tlv addr;
+      while (addrs.next(addr) == TlvStep::Item) {
+         if (addr.tag != (pd ? dhcp6OptIaPrefix : dhcp6OptIaAddr))
+            continue;
+         TRACE(7, pd ? "IAPD Prefix Option found." : "IA Address Option found.");
+         Platform::ByteReader r(addr.value);
+         Dhcp6Lease lease;
+         std::optional<uint32_t> preferred, valid;
+         std::optional<uint8_t> len = 128;
+         std::optional<std::span<const uint8_t>> bytes;
+         if (pd) {
+            preferred = r.read32();
+            valid = r.read32();
+            len = r.read8();
+            bytes = r.bytes(16);
+         } else {
+            bytes = r.bytes(16);
+            preferred = r.read32();
+            valid = r.read32();
+         }
+         if (!preferred || !valid || !len || !bytes || *len > 128)
+            continue;
+         Platform::Ip6Addr::Bytes address{};
+         std::copy(bytes->begin(), bytes->end(), address.begin());
+         lease.prefix = Platform::Ip6Prefix(Platform::Ip6Addr(address), *len);
+         lease.preferredLifetime = *preferred;
+         lease.validLifetime = *valid;
+         if (found < out.size())
+            out[found] = lease;
+         ++found;
+      }
+   }
+   return std::min(found, out.size());
+}
+
 }  // namespace Ip::Helper::DhcpRelay

@@ -192,4 +192,21 @@ bool dhcp6UnwrapRelayMessage(Platform::Pkt& pkt, size_t relayMsgOffset, size_t r
 bool dhcpRelaySmv6ParseMsgForRouteInstall(const Platform::Pkt& pkt, size_t msgOffset,
                                           uint16_t& optStart, uint16_t& optEnd);
 
+// One address (IA_NA's IAADDR, as a /128) or delegated prefix (IA_PD's IAPREFIX) of a
+// Reply or Release, with its lifetimes in seconds (0xFFFFFFFF: infinite).
+struct Dhcp6Lease {
+   Platform::Ip6Prefix prefix;
+   uint32_t preferredLifetime = 0;
+   uint32_t validLifetime = 0;
+   bool operator==(const Dhcp6Lease&) const = default;
+};
+
+// Walks the options region that dhcpRelaySmv6ParseMsgForRouteInstall found: into every IA_NA
+// for its IAADDRs and every IA_PD for its IAPREFIXes, filling `out` in message order. Returns
+// how many were found; those beyond out.size() are not reported. An IA option or address
+// option too short for its fixed fields is skipped, and a walk that runs into bytes that
+// cannot be walked ends there, keeping what it found before.
+size_t dhcpRelaySmv6HandleIanaPd(const Platform::Pkt& pkt, uint16_t optStart, uint16_t optEnd,
+                                 std::span<Dhcp6Lease> out);
+
 }  // namespace Ip::Helper::DhcpRelay

@@ -6,6 +6,7 @@
 // property broke (the fuzz program then traps, so libFuzzer keeps the input).
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -237,14 +238,21 @@ inline bool dhcp6Ccap(std::span<const uint8_t> data) {
    return ok && again == 0 && Detail::samePacket(*pkt, once);
 }
 
-// The located region lies inside the packet, behind a message header, and holds IA_PD or IA_NA.
+// The located region lies inside the packet, behind a message header, and holds IA_PD or IA_NA;
+// the leases read from it have valid prefix lengths and never overrun the room given.
 inline bool dhcp6RouteInstall(std::span<const uint8_t> data) {
    using namespace Ip::Helper::DhcpRelay;
    auto pkt = Detail::packetOf(data);
    uint16_t start = 0, end = 0;
    if (!dhcpRelaySmv6ParseMsgForRouteInstall(*pkt, 0, start, end))
       return true;
-   return start >= Dhcp6Layout::clientHeader && start <= end && end <= data.size() &&
+   std::array<Dhcp6Lease, 4> leases;
+   const size_t found = dhcpRelaySmv6HandleIanaPd(*pkt, start, end, leases);
+   for (size_t i = 0; i < found; ++i)
+      if (leases[i].prefix.len() > 128)
+         return false;
+   return found <= leases.size() && start >= Dhcp6Layout::clientHeader && start <= end &&
+          end <= data.size() &&
           (dhcp6FindOption(*pkt, dhcp6OptIaPd, start, end) ||
            dhcp6FindOption(*pkt, dhcp6OptIaNa, start, end));
 }

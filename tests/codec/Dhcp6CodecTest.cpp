@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -269,6 +270,38 @@ TEST(Dhcp6CodecTest, RouteInstallFindsTheInnermostReplyOrReleaseWithIaOptions) {
       EXPECT_EQ(start, c.start) << c.name;
       EXPECT_EQ(end, c.end) << c.name;
    }
+}
+
+// Leases of every IA_NA and IA_PD, in message order; what cannot be read is skipped.
+TEST(Dhcp6CodecTest, IanaPdLeasesAreReadWithTheirLifetimes) {
+   const Bytes t1t2 = Bytes(12, 0);
+   auto iaaddr = [](uint8_t last, uint32_t pref, uint32_t valid) {
+      return opt(5,
+                 cat({addr(last), be16(pref >> 16), be16(pref), be16(valid >> 16), be16(valid)}));
+   };
+   auto iaprefix = [](uint8_t len, uint8_t last, uint32_t pref, uint32_t valid) {
+      return opt(
+          26,
+          cat({be16(pref >> 16), be16(pref), be16(valid >> 16), be16(valid), {len}, addr(last)}));
+   };
+   const Bytes options =
+       cat({opt(1, {1, 2}), opt(3, cat({t1t2, iaaddr(0x11, 100, 200), opt(13, {0, 0})})),
+            opt(25, cat({t1t2, iaprefix(56, 0, 0, 0xffffffff), iaprefix(129, 1, 1, 1),
+                         iaprefix(64, 2, 5, 6)})),
+            opt(25, {1, 2, 3}), opt(3, cat({t1t2, {0, 5, 0, 2, 9, 9}}))});
+   const Bytes reply = msg(7, options);
+   std::array<Dhcp6Lease, 8> leases;
+   const size_t n =
+       dhcpRelaySmv6HandleIanaPd(*Pkt::copyOf(reply), 4, uint16_t(reply.size()), leases);
+   const std::vector<Dhcp6Lease> got(leases.begin(), leases.begin() + long(n));
+   const std::vector<Dhcp6Lease> want{{Platform::Ip6Prefix(ip6(0x11), 128), 100, 200},
+                                      {Platform::Ip6Prefix(ip6(0), 56), 0, 0xffffffff},
+                                      {Platform::Ip6Prefix(ip6(2), 64), 5, 6}};
+   EXPECT_EQ(got, want);
+   // No more than the room given.
+   std::array<Dhcp6Lease, 2> two;
+   EXPECT_EQ(dhcpRelaySmv6HandleIanaPd(*Pkt::copyOf(reply), 4, uint16_t(reply.size()), two), 2u);
+   EXPECT_EQ(two[1], want[1]);
 }
 
 }  // namespace
