@@ -106,8 +106,34 @@ json ControlCommands::doShow(const json& request) const {
       return doShowStatus();
    if (what == "counters")
       return doShowCounters(request);
+   if (what == "routes")
+      return doShowRoutes();
    throw Frontend::ControlError("cannot show \"" + what +
-                                "\": choose config, interfaces, vrfs, status or counters");
+                                "\": choose config, interfaces, vrfs, status, counters or routes");
+}
+
+// The DHCPv6 relay's prefix bindings, each the route it keeps in its VRF's namespace.
+json ControlCommands::doShowRoutes() const {
+   config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
+   const double now = utc_.now();
+   json routes = json::array();
+   for (const auto& [intf, s] : status6()->intfStatus()) {
+      for (const auto& [prefix, b] : s->prefixBinding()) {
+         const PrefixBindingAttrs& a = b->addrAttrs();
+         const bool never = a.validLifetime == 0 || a.validLifetime == 0xffffffff;
+         routes.push_back(
+             {{"prefix", prefix.toString()},
+              {"nextHop", a.nextHop.toString()},
+              {"interface", intf.toString()},
+              {"vrf", a.vrf.toString()},
+              {"preferredLifetime", a.preferredLifetime},
+              {"validLifetime", a.validLifetime},
+              {"writeTime", a.writeTime},
+              {"remaining",
+               never ? json(nullptr) : json(std::max(0.0, a.writeTime + a.validLifetime - now))}});
+      }
+   }
+   return {{"routes", routes}};
 }
 
 Ptr<const Ip::AllVrfStatusLocal> ControlCommands::vrfs() const {

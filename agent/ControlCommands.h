@@ -35,6 +35,7 @@ class ControlCommands {
    nlohmann::json doShowVrfs() const;
    nlohmann::json doShowInterfaces() const;
    nlohmann::json doShowStatus() const;
+   nlohmann::json doShowRoutes() const;
    nlohmann::json doShowCounters(const nlohmann::json& request) const;
    nlohmann::json doClear(const nlohmann::json& request) const;
    Ptr<const Status> status() const;

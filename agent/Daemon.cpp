@@ -23,11 +23,19 @@ Daemon::Daemon(const DaemonOptions& options)
       reader_(loop_),
       server_(loop_, options.socketPath),
       metrics_(loop_, [this] { return commands_->metricsText(); }),
-      ctx_{loop_, Agent::kAgentName} {}
+      ctx_{loop_, Agent::kAgentName},
+      restoreTimer_(wheel_, [this] {
+         if (auto* relay6 = dynamic_cast<Agent&>(*agent_).dhcp6Root()->dhcpRelaySmv6())
+            relay6->handleRestoreSettled();
+      }) {}
 
 Daemon::~Daemon() {
    // The agent's machines go first, in the reverse of the order they were built,
    // while the records and the loop they use still exist.
+   restoreTimer_.cancel();
+   if (auto* agent = dynamic_cast<Agent*>(agent_.get()); agent && agent->dhcp6Root())
+      if (auto* relay6 = agent->dhcp6Root()->dhcpRelaySmv6())
+         relay6->bindingJournalIs(nullptr);
    agent_.reset();
    Platform::Trace::shutdown();
 }
@@ -169,7 +177,31 @@ void Daemon::doCheckReady() {
          relay.vrfSocketError().size(), "; DHCPv6 relay sockets open in ",
          relay6.vrfSocketsTried().size() - relay6.vrfSocketError().size(), " VRFs, failed in ",
          relay6.vrfSocketError().size());
+   doRestorePrefixBindings();
    sd_notify(0, "READY=1");
+}
+
+void Daemon::doRestorePrefixBindings() {
+   DhcpRelaySmv6* relay6 = dynamic_cast<Agent&>(*agent_).dhcp6Root()->dhcpRelaySmv6();
+   if (!relay6)
+      return;
+   std::string path = options_.stateFile;
+   if (path.empty()) {
+      const size_t slash = options_.socketPath.rfind('/');
+      path =
+          (slash == std::string::npos ? std::string(".") : options_.socketPath.substr(0, slash)) +
+          "/prefix-bindings.json";
+   }
+   std::vector<std::string> errors;
+   std::vector<SavedPrefixBinding> saved = Frontend::PrefixBindingFile::load(path, errors);
+   for (const std::string& e : errors)
+      TRACE(1, " ", e);
+   TRACE(1, " ", saved.size(), " prefix bindings of the previous run in ", path);
+   prefixBindings_ = std::make_unique<Frontend::PrefixBindingFile>(
+       loop_, path, [relay6] { return relay6->savedBindings(); });
+   relay6->bindingJournalIs(prefixBindings_.get());
+   relay6->restoredBindingsIs(std::move(saved));
+   restoreTimer_.armIn(kRestoreSeconds);
 }
 
 }  // namespace Ip::Helper::DhcpRelay

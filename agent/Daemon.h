@@ -10,6 +10,7 @@
 #include "frontend/control/ControlServer.h"
 #include "frontend/kernel/KernelFrontEnd.h"
 #include "frontend/metrics/MetricsServer.h"
+#include "frontend/state/PrefixBindingFile.h"
 #include "platform/linux/Fd.h"
 #include "platform/loop/Clock.h"
 #include "platform/loop/EventLoop.h"
@@ -22,6 +23,8 @@ namespace Ip::Helper::DhcpRelay {
 struct DaemonOptions {
    std::string configPath;
    std::string socketPath;
+   // Where the DHCPv6 relay keeps its prefix bindings; empty: beside the control socket.
+   std::string stateFile;
 };
 
 // The agent host as a process: the event loop, the state store with its front
@@ -51,6 +54,11 @@ class Daemon {
    // and the agent's object graph is built. Until then it looks again shortly.
    void doCheckReady();
    bool agentReady() const;
+   // Once ready: the prefix bindings of the previous run go back to the DHCPv6 relay, which
+   // keeps the file up to date from then on; what has not come back after kRestoreSeconds
+   // (interfaces that are slow to relay again) loses its route.
+   void doRestorePrefixBindings();
+   static constexpr double kRestoreSeconds = 10;
 
    static constexpr double kReadyPollSeconds = 0.02;
 
@@ -73,6 +81,8 @@ class Daemon {
    Frontend::MetricsServer metrics_;
    Platform::AgentContext ctx_;
    std::unique_ptr<Platform::Agent> agent_;
+   std::unique_ptr<Frontend::PrefixBindingFile> prefixBindings_;
+   Platform::Timer restoreTimer_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -167,6 +167,7 @@ void Agent::doMountsComplete(Platform::StateStore::MountStatus status,
        .entityManager = &entityManager,
        .intfStatusManagerRoot = intfStatusManagerRoot_.get(),
        .pamFactory = pamFactory_.get(),
+       .timerWheel = timerWheel_,
    });
    dhcpSnoopingRoot_ = Platform::make<Bridging::DhcpSnooping::Root>("DhcpSnoopingRoot");
 }

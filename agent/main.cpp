@@ -13,6 +13,9 @@ int main(int argc, char** argv) {
    bool check = false;
    app.add_option("--config", options.configPath, "configuration file (YAML)")->required();
    app.add_option("--socket", options.socketPath, "control socket path")->capture_default_str();
+   app.add_option("--state-file", options.stateFile,
+                  "where DHCPv6 prefix bindings are kept (default: prefix-bindings.json beside "
+                  "the control socket)");
    app.add_flag("--check", check, "validate the configuration file, print what is wrong or \"ok\"");
    app.set_version_flag("--version", "dhcp-relay-agent " DHCP_RELAY_VERSION);
    CLI11_PARSE(app, argc, argv);

@@ -61,7 +61,7 @@ struct Relay {
           ->serverIp6Is({VrfName("default"), ip6("2001:db8:2::2"), {}, ip6("2001:db8:1::1")}, true);
       sm = std::make_unique<DhcpRelaySmv6>(DhcpRelaySmv6::Inputs{
           bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
-          mcGroups, &bed.store, bed.managers.get(), &bed.pams});
+          mcGroups, &bed.store, bed.managers.get(), &bed.pams, &bed.wheel});
       sm->handleInitialized();
       udp = bed.pams.udp.at("UdpSocket-default");
    }

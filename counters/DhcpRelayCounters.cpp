@@ -90,6 +90,7 @@ void copyDhcpRelayCounters(const Status& from, Status& to) {
    to.countersIs(from);
    to.dropsIs(from);
    to.clientBindingsRefusedIs(from.clientBindingsRefused());
+   to.prefixBindingsRefusedIs(from.prefixBindingsRefused());
    to.lastResetAllTimeIs(from.lastResetAllTime());
    to.runControlIs(from.runControl());
    std::vector<Platform::VrfName> healed;
@@ -106,6 +107,15 @@ void copyDhcpRelayCounters(const Status& from, Status& to) {
       dst->countersIs(*src);
       dst->lastResetTimeIs(src->lastResetTime());
       dst->smartRelayNoSecondaryIs(src->smartRelayNoSecondary());
+      std::vector<Platform::Ip6Prefix> gone;
+      for (const auto& [prefix, binding] : dst->prefixBinding()) {
+         if (!src->prefixBinding(prefix))
+            gone.push_back(prefix);
+      }
+      for (const Platform::Ip6Prefix& prefix : gone)
+         dst->prefixBindingDel(prefix);
+      for (const auto& [prefix, binding] : src->prefixBinding())
+         dst->prefixBindingIs(prefix)->addrAttrsIs(binding->addrAttrs());
    }
 }
 

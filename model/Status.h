@@ -182,6 +182,14 @@ class Status : public Platform::Entity {
    }
    void clientBindingsRefusedInc() { clientBindingsRefusedIs(clientBindingsRefused_ + 1); }
 
+   // Delegated prefixes not bound (no route placed) because their interface had as many
+   // bindings as it may keep.
+   uint64_t prefixBindingsRefused() const { return prefixBindingsRefused_; }
+   void prefixBindingsRefusedIs(uint64_t v) {
+      attrIs(prefixBindingsRefused_, v, &Reactor::handleCounter);
+   }
+   void prefixBindingsRefusedInc() { prefixBindingsRefusedIs(prefixBindingsRefused_ + 1); }
+
    // Clients currently relayed by smart relay; bounded so that a flood of clients
    // cannot grow the relay's per-client state without limit.
    static constexpr uint32_t numSmartRelayedHostsMax() { return 100000; }
@@ -219,6 +227,7 @@ class Status : public Platform::Entity {
    uint32_t numSmartRelayedHosts_ = 0;
    uint32_t numClientBindings_ = 0;
    uint64_t clientBindingsRefused_ = 0;
+   uint64_t prefixBindingsRefused_ = 0;
    double counterUpdateTime_ = 0;
    double lastResetAllTime_ = 0;
    bool failoverCopyInProgress_ = false;

@@ -16,7 +16,8 @@ namespace {
 const DhcpRelaySmv6::Inputs& checked(const DhcpRelaySmv6::Inputs& in) {
    PLATFORM_ASSERT(in.config && in.status && in.ip6Status && in.vrfStatus &&
                        in.deviceIntfStatusDir && in.activeVrfDir && in.entityMib && in.mcGroups &&
-                       in.entityManager && in.intfStatusManagerRoot && in.pamFactory,
+                       in.entityManager && in.intfStatusManagerRoot && in.pamFactory &&
+                       in.timerWheel,
                    "DhcpRelaySmv6 inputs");
    return in;
 }
@@ -85,6 +86,8 @@ void DhcpRelaySmv6::handleRelayConfig(const IntfId& id) {
                        [this, id](const VrfIpSrcIntfSrcIp&) { handleServerIp6(id); });
       state->config.on(&IntfConfig::Reactor::handleCcapCores,
                        [this, id](const Ip6Addr&) { handleCcapCores(id); });
+      state->config.on(&IntfConfig::Reactor::handleRouteInstall,
+                       [this, id] { handleRouteInstall(id); });
       state->ip6.on(&Ip6::IntfStatus::Reactor::handleAddr,
                     [this, id](const Platform::Ip6Prefix&) { handleIp6IntfStatus(id); });
       state->ip6.on(&Ip6::IntfStatus::Reactor::handleVrf, [this, id] { handleIp6IntfStatus(id); });
@@ -134,6 +137,9 @@ void DhcpRelaySmv6::doUpdateStatusIntf(const IntfId& id, Intf& state) {
       in_.status->intfStatusIs(id);
       TRACE(3, "   added ", id, " to status.");
    } else {
+      // Its routes go with its bindings, before the status that holds them.
+      delIntfPrefixBindings(id, state);
+      state.pdTimers.clear();
       in_.status->intfStatusDel(id);
       TRACE(3, "   removed ", id, " from status.");
    }
@@ -187,6 +193,9 @@ void DhcpRelaySmv6::handleIp6IntfStatus(const IntfId& id) {
       }
    }
    doIntfsInVrf(id, *state);
+   // A device that came back (its link-local address is new) has none of its routes left.
+   if (state->inVrf)
+      doSyncPdRoutes(id, *state);
 }
 
 void DhcpRelaySmv6::doIntfsInVrf(const IntfId& id, Intf& state) {
@@ -203,6 +212,7 @@ void DhcpRelaySmv6::doIntfsInVrf(const IntfId& id, Intf& state) {
       if (DhcpVrfSmv6* sm = dhcpVrfSmv6(state.vrf))
          sm->handleIntfsInVrf(id, false);
       state.inVrf = false;
+      clearPrefixBindingsFromOldVrf(id, state);
    }
    if (member && !state.inVrf) {
       state.vrf = status->vrf();
@@ -211,6 +221,7 @@ void DhcpRelaySmv6::doIntfsInVrf(const IntfId& id, Intf& state) {
       if (DhcpVrfSmv6* sm = dhcpVrfSmv6(state.vrf))
          sm->handleIntfsInVrf(id, true);
       state.inVrf = true;
+      doRestoreBindings(id, state);
    }
    if (!intfsInVrf_.empty())
       in_.mcGroups->mcaddrIs(DhcpVrfSmv6::kAllRelayAgentsAndServers);
@@ -251,8 +262,11 @@ void DhcpRelaySmv6::handleVrfAdd(const VrfName& vrf) {
    DhcpVrfSmv6& added = *sm;
    dhcpVrfSmv6_[vrf] = std::move(sm);
    if (auto it = intfsInVrf_.find(vrf); it != intfsInVrf_.end()) {
-      for (const IntfId& intf : it->second)
+      for (const IntfId& intf : it->second) {
          added.handleIntfsInVrf(intf, true);
+         if (Intf* state = this->intf(intf))
+            doSyncPdRoutes(intf, *state);
+      }
    }
 }
 

@@ -6,8 +6,10 @@
 #include <set>
 #include <vector>
 
+#include "codec/Dhcp6Codec.h"
 #include "model/Config.h"
 #include "model/DropReason.h"
+#include "model/PrefixBindingJournal.h"
 #include "model/Status.h"
 #include "model/VrfIpSrcIntfSrcIp.h"
 #include "model/VrfWithCountDir.h"
@@ -17,6 +19,8 @@
 #include "model/switch/VrfStatus.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
+#include "platform/linux/RouteSocket.h"
+#include "platform/loop/TimerWheel.h"
 #include "platform/packet/Pkt.h"
 #include "platform/pam/UdpPam.h"
 #include "platform/store/StateStore.h"
@@ -46,6 +50,11 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
  public:
    // A Relay-Forw already this many hops up is not relayed further (RFC 8415 HOP_COUNT_LIMIT).
    static constexpr uint8_t kHopCountLimit = 32;
+   // Routes for delegated prefixes: "proto dhcp", and their metric.
+   static constexpr uint8_t kPdRouteProtocol = 16;
+   static constexpr uint32_t kPdRoutePreference = 19;
+   // Prefix bindings one interface may keep: a flood of Replies cannot fill the routing table.
+   static constexpr size_t kMaxPrefixBindingsPerIntf = 4096;
 
    struct Inputs {
       Ptr<const Config> config;
@@ -62,6 +71,9 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
       Platform::StateStore* entityManager = nullptr;
       Interface::IntfStatusSource* intfStatusManagerRoot = nullptr;
       DhcpPamFactory* pamFactory = nullptr;
+      Platform::TimerWheel* timerWheel = nullptr;
+      // Told of every change to the prefix bindings; may be null.
+      PrefixBindingJournal* bindingJournal = nullptr;
    };
 
    explicit DhcpRelaySmv6(Inputs inputs);
@@ -69,12 +81,24 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    DhcpRelaySmv6(const DhcpRelaySmv6&) = delete;
    DhcpRelaySmv6& operator=(const DhcpRelaySmv6&) = delete;
 
+   // Bindings a previous run kept, handed over before handleInitialized: each comes back
+   // (with its route) once its interface relays in the binding's VRF with route
+   // installation on, unless it has expired by then.
+   void restoredBindingsIs(std::vector<SavedPrefixBinding> bindings);
+   // Told of every change to the prefix bindings from now on; null: nobody.
+   void bindingJournalIs(PrefixBindingJournal* journal) { in_.bindingJournal = journal; }
+   // Start-up is over: the routes of restored bindings that did not come back are removed.
+   void handleRestoreSettled();
+   // What a restarted agent needs to find its bindings again: those in the status, and
+   // those of a previous run still waiting for their interface.
+   std::vector<SavedPrefixBinding> savedBindings() const;
    void handleInitialized();
 
    // Reactor entry points.
    void handleRelayConfig(const Platform::IntfId& intf);
    void handleServerIp6(const Platform::IntfId& intf);
    void handleCcapCores(const Platform::IntfId& intf);
+   void handleRouteInstall(const Platform::IntfId& intf);
    void handleIp6IntfStatus(const Platform::IntfId& intf);
    void handleAlwaysOn();
    void handleVrfAdd(const Platform::VrfName& vrf) override;
@@ -107,6 +131,8 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
       Platform::Ip6Addr linkLocal;    // first link-local address
       std::vector<Platform::Ip6Prefix> prefixes;
       std::vector<Platform::Ip6Addr> ccapCores;
+      // Expiry of the bindings that expire.
+      std::map<Platform::Ip6Prefix, std::unique_ptr<Platform::Timer>> pdTimers;
    };
    struct Forward;
 
@@ -135,6 +161,36 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    // Every drop: counted by reason under the received message's type, and one line for an
    // operator following clients.
    void doDropped(uint8_t msgType, const Platform::IntfId& intf, DropReason reason);
+   // --- prefix-delegation routes (PrefixRoutes.cpp)
+   static bool routeInstallOn(const Intf& state);
+   void doRouteInstallReply(const Platform::Pkt& msg, const Platform::IntfId& intf, Intf& state,
+                            const Platform::Ip6Addr& nextHop, const Platform::Ip6Addr& srcIp,
+                            const Platform::VrfName& srcVrf);
+   void doRouteInstallRelease(const Platform::Pkt& msg, const Platform::IntfId& intf, Intf& state,
+                              const Platform::Ip6Addr& srcIp);
+   void dhcpRelaySmv6HandleBinding(const Platform::IntfId& intf, Intf& state,
+                                   const Dhcp6Lease& lease, const Platform::Ip6Addr& nextHop,
+                                   bool release);
+   void dhcpRelaySmv6AddBinding(const Platform::IntfId& intf, Intf& state,
+                                const Platform::Ip6Prefix& prefix, const PrefixBindingAttrs& attrs);
+   void doBindingDel(const Platform::IntfId& intf, Intf& state, const Platform::Ip6Prefix& prefix);
+   void delIntfPrefixBindings(const Platform::IntfId& intf, Intf& state);
+   void clearPrefixBindingsFromOldVrf(const Platform::IntfId& intf, Intf& state);
+   Platform::RouteSocket* pdRouteSocket(const Platform::VrfName& vrf);
+   bool doAddPdRoute(const Platform::IntfId& intf, Intf& state, const Platform::Ip6Prefix& prefix,
+                     const PrefixBindingAttrs& attrs);
+   void doDelPdRoute(const Platform::IntfId& intf, const Platform::Ip6Prefix& prefix,
+                     const PrefixBindingAttrs& attrs);
+   static Platform::Route pdRoute(const Platform::Ip6Prefix& prefix,
+                                  const PrefixBindingAttrs& attrs);
+   void doSyncPdRoutes(const Platform::IntfId& intf, Intf& state);
+   void doUpdateExpiryTime(const Platform::IntfId& intf, Intf& state,
+                           const Platform::Ip6Prefix& prefix, const PrefixBindingAttrs& attrs);
+   void handlePdTimeout(const Platform::IntfId& intf, const Platform::Ip6Prefix& prefix);
+   void doBindingsChanged();
+   // --- bindings of a previous run (PrefixRestore.cpp)
+   void doRestoreBindings(const Platform::IntfId& intf, Intf& state);
+   bool expired(const PrefixBindingAttrs& attrs) const;
    // A send is counted, forwarded or dropped, when the kernel has taken or refused it, which
    // may be after the VRF socket's whole receive batch: what it counts under waits here.
    struct PendingSend {
@@ -158,6 +214,9 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    // batch and one send made at once wait at any time: a ring twice a batch never laps.
    std::array<PendingSend, 2 * Platform::UdpPam::kTxBatch> pending_;
    uint32_t nextPending_ = 0;
+   // Bindings of a previous run waiting for their interface, until start-up is over.
+   std::map<Platform::IntfId, std::vector<SavedPrefixBinding>> restored_;
+   bool restoreSettled_ = false;
    Platform::Watch<const Config> config_;
    Platform::Watch<const Ip6::Status> ip6Status_;
 };

@@ -79,6 +79,8 @@ void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, u
          return;
       }
    }
+   if ((msgType == dhcp6Release || msgType == dhcp6RelayForw) && routeInstallOn(*state))
+      doRouteInstallRelease(pkt, intf, *state, srcIp);
    const Platform::EthAddr mac = in_.config->remoteIdMac().isZero() ? in_.entityMib->systemMacAddr()
                                                                     : in_.config->remoteIdMac();
    if (!dhcp6WrapRelayForw(pkt, hopCount, srcIp) ||

@@ -107,6 +107,9 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
       return;
    }
 
+   if (routeInstallOn(*state))
+      doRouteInstallReply(pkt, *intf, *state, reply.hdr.peerAddress, srcIp, vrf);
+
    const uint8_t inner = pkt.data()[0];
    Ip6Addr txSrc;
    uint16_t port = DhcpVrfSmv6::kClientPort;

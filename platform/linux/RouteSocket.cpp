@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,7 +16,7 @@ namespace Platform {
 
 namespace {
 
-// Requests here are a header, a rtmsg and at most four attributes.
+// Requests here are a header, a rtmsg and at most five attributes.
 using RequestBuffer = std::array<uint8_t, 256>;
 
 int familyOf(const IpGenAddr& a) {
@@ -208,6 +209,8 @@ bool RouteSocket::doRouteChange(const Route& route, uint16_t type, uint16_t flag
    if (route.ifindex != 0)
       mnl_attr_put_u32(nlh, RTA_OIF, route.ifindex);
    mnl_attr_put_u32(nlh, RTA_PRIORITY, route.preference);
+   if (type == RTM_NEWROUTE && route.expires != 0 && family == AF_INET6)
+      mnl_attr_put_u32(nlh, RTA_EXPIRES, route.expires);
    return doRequest(nlh, error, [](const nlmsghdr*) {});
 }
 
@@ -224,7 +227,7 @@ std::vector<Route> RouteSocket::routes(uint8_t protocol, int family, std::string
       const auto* rtm = netlinkHeader<rtmsg>(m);
       if (m->nlmsg_type != RTM_NEWROUTE || !rtm || rtm->rtm_family != family)
          return;
-      auto attrs = netlinkAttrs<RTA_TABLE + 1>(m, sizeof(rtmsg));
+      auto attrs = netlinkAttrs<RTA_EXPIRES + 1>(m, sizeof(rtmsg));
       // rtm_table holds only table numbers below 256; RTA_TABLE holds them all.
       const uint32_t table = netlinkU32(attrs[RTA_TABLE]).value_or(rtm->rtm_table);
       if (table != RT_TABLE_MAIN || rtm->rtm_protocol != protocol || rtm->rtm_type != RTN_UNICAST ||
@@ -237,6 +240,16 @@ std::vector<Route> RouteSocket::routes(uint8_t protocol, int family, std::string
       route.ifindex = netlinkU32(attrs[RTA_OIF]).value_or(0);
       route.preference = netlinkU32(attrs[RTA_PRIORITY]).value_or(0);
       route.protocol = rtm->rtm_protocol;
+      // The kernel reports what is left in clock ticks (rta_cacheinfo, rtnetlink(7)).
+      if (const nlattr* info = attrs[RTA_CACHEINFO];
+          info && mnl_attr_get_payload_len(info) >= sizeof(rta_cacheinfo)) {
+         rta_cacheinfo cache;
+         std::memcpy(&cache, mnl_attr_get_payload(info), sizeof cache);
+         const long ticks = ::sysconf(_SC_CLK_TCK);
+         route.expires = ticks > 0 ? static_cast<uint32_t>((cache.rta_expires + ticks - 1) /
+                                                           static_cast<uint64_t>(ticks))
+                                   : 0;
+      }
       out.push_back(route);
    });
    if (!ok)

@@ -28,6 +28,9 @@ struct Route {
    uint32_t ifindex = 0;     // 0: whichever device reaches `via`
    uint32_t preference = 0;  // the metric (RTA_PRIORITY); lower wins
    uint8_t protocol = 16;    // who installed it; 16 is "proto dhcp"
+   // IPv6 only: seconds until the kernel removes the route by itself; 0: never. A listed
+   // route shows what is left of it.
+   uint32_t expires = 0;
 
    bool operator==(const Route&) const = default;
 };

@@ -97,7 +97,7 @@ class DhcpRelaySmv6Test : public testing::Test {
    void start() {
       sm = std::make_unique<TestRelay>(DhcpRelaySmv6::Inputs{
           bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
-          mcGroups, &bed.store, bed.managers.get(), &bed.pams});
+          mcGroups, &bed.store, bed.managers.get(), &bed.pams, &bed.wheel});
       sm->handleInitialized();
    }
    Platform::UdpTestPam& udp(const char* vrf) {

@@ -252,6 +252,23 @@ std::string renderVrfs(const json& data) {
    return t.text() + errors;
 }
 
+std::string renderRoutes(const json& data) {
+   const json& routes = data.at("routes");
+   if (routes.empty())
+      return "no routes of delegated prefixes\n";
+   Table t({"Prefix", "Next hop", "Interface", "VRF", "Valid", "Left"});
+   t.rightAlignedIs(4);
+   t.rightAlignedIs(5);
+   for (const auto& r : routes) {
+      const json& left = r.at("remaining");
+      t.rowAdd({r.at("prefix").get<std::string>(), r.at("nextHop").get<std::string>(),
+                r.at("interface").get<std::string>(), r.at("vrf").get<std::string>(),
+                std::to_string(r.at("validLifetime").get<uint64_t>()),
+                left.is_null() ? "never" : std::to_string(left.get<uint64_t>()) + "s"});
+   }
+   return t.text();
+}
+
 namespace {
 
 Table dropsTable(const json& data) {

@@ -12,6 +12,7 @@ namespace Ctl {
 std::string renderConfig(const nlohmann::json& data);
 std::string renderInterfaces(const nlohmann::json& data);
 std::string renderVrfs(const nlohmann::json& data);
+std::string renderRoutes(const nlohmann::json& data);
 std::string renderStatus(const nlohmann::json& data);
 // The drop counters by reason, those that are not zero.
 std::string renderDrops(const nlohmann::json& data);

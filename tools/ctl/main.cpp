@@ -58,6 +58,9 @@ int main(int argc, char** argv) {
    showCommand(*show, cmd, "vrfs", "VRFs, their network namespaces and whether they are active",
                Ctl::renderVrfs);
    showCommand(*show, cmd, "status", "relay counters and per-interface state", Ctl::renderStatus);
+   showCommand(*show, cmd, "routes",
+               "routes of delegated DHCPv6 prefixes: next hop, interface, VRF, time left",
+               Ctl::renderRoutes);
    std::string counterIntf;
    CLI::App* showCounters =
        show->add_subcommand("counters", "relay counters, fresh from the packet paths");

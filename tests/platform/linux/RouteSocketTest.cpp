@@ -110,6 +110,16 @@ TEST_F(RouteSocketTest, EgressAndRoutesAreThoseOfTheSocketsNamespace) {
    // A gateway the namespace cannot reach is refused with the kernel's reason.
    EXPECT_FALSE(socket->routeAdd(Route{addr("10.98.0.0"), 24, addr("203.0.113.1"), 0, 19}, error));
    EXPECT_FALSE(error.empty());
+
+   // An IPv6 route the kernel expires by itself lists what is left of its time.
+   Route expiring = v6;
+   expiring.expires = 300;
+   ASSERT_TRUE(socket->routeAdd(expiring, error)) << error;
+   const std::vector<Route> listed = socket->routes(16, AF_INET6, error);
+   ASSERT_EQ(listed.size(), 1u) << error;
+   EXPECT_GT(listed[0].expires, 290u);
+   EXPECT_LE(listed[0].expires, 300u);
+   EXPECT_NE(dhcpRoutes(a_, "-6").find("expires"), std::string::npos) << dhcpRoutes(a_, "-6");
 }
 
 }  // namespace
