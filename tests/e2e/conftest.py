@@ -146,6 +146,23 @@ def lab(netns, tmp_path):
     built.close()
 
 
+@pytest.fixture
+def relay_agent(lab, tmp_path):
+    """relay_agent(global_relay=None, **settings) starts the agent in the lab's relay
+    namespace on lab.agent_config(global_relay, **settings); each agent must exit
+    cleanly at the end."""
+    started = []
+
+    def start(global_relay=None, **settings):
+        config = lab.agent_config(global_relay=global_relay, **settings)
+        started.append(Agent(tmp_path, config, lab.ns["relay"]))
+        return started[-1]
+
+    yield start
+    for a in started:
+        assert a.stop() == 0, a.log_text()
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield

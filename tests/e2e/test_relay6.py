@@ -4,6 +4,7 @@ What the servers received and what reached the client are read from captures and
 decoded by hand (tools/lab/dhcp6.py), so a malformed message shows as it is."""
 
 import contextlib
+import functools
 import ipaddress
 import random
 import struct
@@ -13,7 +14,6 @@ import pytest
 
 import dhcp6 as D
 import lab as L
-from conftest import Agent
 
 SERVER = {"address": L.SERVER_IP6}
 AT_RED = {"address": L.RED_IP6, "vrf": "red"}
@@ -21,33 +21,18 @@ INTERFACE_ID = b"Ethernet1:default"   # "<interface>:<VRF>" of the client's inte
 ENTERPRISE = 32473                     # the documentation enterprise number (RFC 5612)
 REMOTE_MAC = "02:00:00:00:01:99"
 CORES = ["2001:db8:cc::1", "2001:db8:cc::2"]
-# Where `dhcp-relay-ctl show counters --json` keeps the DHCPv6 relay's drops, by reason.
-V6_DROPS = ("dhcpv6", "drops")
 
 
 @pytest.fixture
-def relay6(lab, tmp_path):  # noqa: F811
-    """relay6(global_relay=None, **settings) starts the agent in the relay namespace with
-    Ethernet1 relaying DHCPv6 to `server` unless servers_v6 says otherwise; each agent
-    must exit cleanly at the end."""
-    started = []
-
-    def start(global_relay=None, **settings):
-        settings.setdefault("servers_v6", [SERVER])
-        started.append(Agent(tmp_path, lab.agent_config(global_relay=global_relay, **settings),
-                             lab.ns["relay"]))
-        return started[-1]
-
-    yield start
-    for a in started:
-        assert a.stop() == 0, a.log_text()
+def relay6(relay_agent):
+    """The agent with Ethernet1 relaying DHCPv6 to `server` unless servers_v6 says
+    otherwise."""
+    return functools.partial(relay_agent, servers_v6=[SERVER])
 
 
 def v6_drops(agent):
-    shown = agent.show("counters")
-    for key in V6_DROPS:
-        shown = shown[key]
-    return shown
+    """The DHCPv6 relay's drops by reason, as `dhcp-relay-ctl show counters` keeps them."""
+    return agent.show("counters")["dhcpv6"]["drops"]
 
 
 def innermost(msg):
