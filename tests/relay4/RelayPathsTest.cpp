@@ -56,12 +56,8 @@ Opt82 opt82Of(const Pkt& pkt, size_t offset = 0) {
 
 Opt82 opt(std::string circuit, std::string vrf = {}, const char* override = nullptr,
           const char* link = nullptr, std::string remote = {}) {
-   return {true,
-           std::move(circuit),
-           std::move(remote),
-           std::move(vrf),
-           override ? ip(override) : IpAddr(),
-           link ? ip(link) : IpAddr()};
+   const auto addr = [](const char* a) { return a ? ip(a) : IpAddr(); };
+   return {true, std::move(circuit), std::move(remote), std::move(vrf), addr(override), addr(link)};
 }
 
 // A message with an option 82 already in it, as a first hop or the relay itself writes it.
