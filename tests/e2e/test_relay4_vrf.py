@@ -56,6 +56,23 @@ def in_pool(ip, role, net=L.CLIENT_NET):
     return lo <= ipaddress.ip_address(ip) <= hi
 
 
+def renewed_through_the_relay(lab, agent, dhcpd, role, giaddr, extra=""):
+    """dhclient leases and renews by unicast, with its link captured: the same address
+    from `role`'s pool both times, each naming the relay as its server, never the server,
+    and ACKed by `role`'s dhcpd to `giaddr`. The lease's variables and the client link."""
+    with lab.capture("client", L.CLIENT_DEV) as cap:
+        renewed = lab.dhclient(timeout=20, until="RENEW", extra=extra)
+        frames = client_link(cap.stop(), client_mac(lab))
+    assert renewed is not None, (agent.log_text(), [d.log_text() for d in dhcpd.values()])
+    v = renewed.vars
+    assert in_pool(v["new_ip_address"], role) and v["old_ip_address"] == v["new_ip_address"]
+    assert v["old_dhcp_server_identifier"] == v["new_dhcp_server_identifier"] == \
+        L.RELAY_CLIENT_IP
+    # One ACK for the selecting request, one for the renewal.
+    assert dhcpd[role].acks() == [(v["new_ip_address"], giaddr)] * 2, dhcpd[role].log_text()
+    return v, frames
+
+
 def test_cross_vrf_lease_and_unicast_renewal(lab, relay_agent):  # noqa: F811
     """The only server is in VRF red: the client sees the relay as its server
     (server identifier override), tells the server everything it needs through
@@ -64,15 +81,7 @@ def test_cross_vrf_lease_and_unicast_renewal(lab, relay_agent):  # noqa: F811
     lab.split_red_vrf()
     red = lab.start_dhcpd("red", extra=NO_PING + RENEW_SOON)
     a = relay_agent(information_option=True, servers=[{"address": L.RED_IP, "vrf": "red"}])
-    with lab.capture("client", L.CLIENT_DEV) as cap:
-        renewed = lab.dhclient(timeout=20, until="RENEW")
-        frames = client_link(cap.stop(), client_mac(lab))
-    assert renewed is not None, (a.log_text(), red.log_text())
-    v = renewed.vars
-    assert in_pool(v["new_ip_address"], "red") and v["old_ip_address"] == v["new_ip_address"]
-    # Both the first lease and the renewed one name the relay, never the server.
-    assert v["old_dhcp_server_identifier"] == v["new_dhcp_server_identifier"] == \
-        L.RELAY_CLIENT_IP
+    v, frames = renewed_through_the_relay(lab, a, {"red": red}, "red", L.RELAY_RED_IP)
 
     # The server got every request from the relay's address in red, with the
     # client's VRF, subnet and the address the client sees.
@@ -82,8 +91,6 @@ def test_cross_vrf_lease_and_unicast_renewal(lab, relay_agent):  # noqa: F811
         assert (s.circuit_id, s.link_selection, s.server_id_override, s.vss) == \
             (b"Ethernet1", "192.0.2.0", L.RELAY_CLIENT_IP, b"\x00default"), s
     assert {s.msg_type for s in seen} == {DISCOVER, REQUEST}
-    # One ACK for the selecting request, one for the renewal, both through the relay.
-    assert red.acks() == [(v["new_ip_address"], L.RELAY_RED_IP)] * 2, red.log_text()
 
     # The renewal left the client as a unicast to the relay and its ACK came back.
     from scapy.layers.dhcp import BOOTP
@@ -140,18 +147,9 @@ def test_lease_and_renewal_from_a_source_interface_or_address(lab, relay_agent, 
     dhcpd = {c.role: lab.start_dhcpd(c.role, second_pool=True, extra=NO_PING + RENEW_SOON)
              for c in copies}
     a = relay_agent(information_option=True, servers=[c.server for c in copies])
-    with lab.capture("client", L.CLIENT_DEV) as cap:
-        # dhclient rejects by the offer's source: server2's comes from its giaddr.
-        renewed = lab.dhclient(timeout=20, until="RENEW",
-                               extra=f"reject {L.RELAY_SECONDARY_IP};\n")
-        frames = client_link(cap.stop(), client_mac(lab))
-    assert renewed is not None, (a.log_text(), [d.log_text() for d in dhcpd.values()])
-    v, first = renewed.vars, copies[0]
-    assert in_pool(v["new_ip_address"], first.role)
-    assert v["old_ip_address"] == v["new_ip_address"]
-    assert v["old_dhcp_server_identifier"] == v["new_dhcp_server_identifier"] == \
-        L.RELAY_CLIENT_IP
-    assert dhcpd[first.role].acks() == [(v["new_ip_address"], first.giaddr)] * 2
+    # dhclient rejects by the offer's source: server2's comes from its giaddr.
+    _, frames = renewed_through_the_relay(lab, a, dhcpd, copies[0].role, copies[0].giaddr,
+                                          extra=f"reject {L.RELAY_SECONDARY_IP};\n")
 
     from scapy.layers.dhcp import BOOTP
     offered = [f[BOOTP].yiaddr for op, t, f in frames if t == OFFER]
