@@ -13,6 +13,7 @@ from collections import Counter
 
 from scapy.all import BOOTP, IP, UDP, Ether, mac2str, wrpcap
 
+from conftest import mutations, noise
 from lab import (CLIENT_DEV, RED_DEV, RED_IP, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_RED_DEV,
                  RELAY_RED_IP, RELAY_SECONDARY_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP, SERVER_BRIDGE,
                  SERVER_IP, wait_for)
@@ -129,19 +130,6 @@ def test_requests_relayed_by_another_agent(lab, relay_agent):
     assert bytes(rebroadcast[BOOTP]) == broadcast[:3] + bytes([255]) + broadcast[4:]
 
 
-def mutations(rng, valid, count):
-    """`valid` truncated at every length from just short of the fixed header to its
-    end, then `count` copies with a few random bytes overwritten past the header, so
-    the option walkers meet bad lengths, missing ends and stray option 82s."""
-    out = [valid[:n] for n in range(220, len(valid) + 1)]
-    for _ in range(count):
-        m = bytearray(valid + bytes(rng.randrange(0, 40)))
-        for _ in range(rng.randrange(1, 8)):
-            m[rng.randrange(240, len(m))] = rng.choice((0, 1, 82, 255, rng.randrange(256)))
-        out.append(bytes(m[:rng.randrange(236, len(m) + 1)]))
-    return out
-
-
 def test_malformed_storm_leaves_the_agent_serving(lab, relay_agent):
     lab.start_dhcpd("server")
     a = relay_agent(**AGENT_82)
@@ -152,17 +140,16 @@ def test_malformed_storm_leaves_the_agent_serving(lab, relay_agent):
     reply = dhcp_payload(msg_type=5, op=BOOTREPLY, xid=2, giaddr=RELAY_CLIENT_IP,
                          yiaddr="192.0.2.120", extra=bytes([54, 4, 198, 51, 100, 2]) + agent82)
 
-    def noise(n):
-        return [rng.randbytes(rng.randrange(0, 601)) for _ in range(n)]
-
+    # Cut from just short of the fixed header; options overwritten past the cookie.
     client_side = []
-    for payload in noise(1000) + mutations(rng, request, 600):
+    for payload in noise(rng, 1000) + mutations(rng, request, 240, 600, (0, 1, 82, 255), 220):
         if rng.random() < 0.5:
             client_side.append(from_client(payload))
         else:
             client_side.append(from_client(payload, dst_ip=RELAY_CLIENT_IP, dst_mac=relay_mac,
                                            src_ip="192.0.2.77"))
-    server_side = list(map(from_server(lab), noise(1000) + mutations(rng, reply, 600)))
+    server_side = list(map(from_server(lab),
+                           noise(rng, 1000) + mutations(rng, reply, 240, 600, (0, 1, 82, 255), 220)))
     before = counters(a)
     send(lab, "client", CLIENT_DEV, client_side, timeout=40)
     send(lab, "server", SERVER_BRIDGE, server_side, timeout=40)
