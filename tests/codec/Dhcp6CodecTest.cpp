@@ -178,8 +178,11 @@ Bytes nested(size_t depth, Bytes inner) {
 TEST(Dhcp6CodecTest, CcapCoresAreInsertedOrEditedAndEveryLengthFollows) {
    const Bytes tail = opt(3, Bytes(12, 7));
    const auto reply = [&](const Bytes& options) { return msg(7, cat({kClientId, options, tail})); };
+   // CableLabs' option 17 with sub-option 61 listing the cores.
+   const auto ours = [](std::initializer_list<uint8_t> lasts) { return vsi(4491, cores(lasts)); };
    const Bytes plain = msg(7, kClientId);
-   const Bytes withOpt17 = msg(7, cat({kClientId, vsi(4491, cores({1}))}));  // 28 more
+   const Bytes withOpt17 = msg(7, cat({kClientId, ours({1})}));  // 28 more
+   const std::vector<Ip6Addr> two = {ip6(1), ip6(2)};
    struct Case {
       const char* name;
       Bytes in;
@@ -188,16 +191,9 @@ TEST(Dhcp6CodecTest, CcapCoresAreInsertedOrEditedAndEveryLengthFollows) {
       std::vector<Ip6Addr> cores = {ip6(1)};
    } const cases[] = {
        {"no option 17", plain, withOpt17, 28},
-       {"advertise, two cores",
-        msg(2, kClientId),
-        msg(2, cat({kClientId, vsi(4491, cores({1, 2}))})),
-        44,
-        {ip6(1), ip6(2)}},
-       {"first option 17 of another enterprise",
-        reply(cat({vsi(9, cores({5})), vsi(4491, cores({5}))})),
-        reply(cat({vsi(9, cores({5})), vsi(4491, cores({1, 2}))})),
-        16,
-        {ip6(1), ip6(2)}},
+       {"advertise, two cores", msg(2, kClientId), msg(2, cat({kClientId, ours({1, 2})})), 44, two},
+       {"first option 17 of another enterprise", reply(cat({vsi(9, cores({5})), ours({5})})),
+        reply(cat({vsi(9, cores({5})), ours({1, 2})})), 16, two},
        {"three cores become one", reply(vsi(4491, cat({cores({5, 6, 7}), opt(62, {9, 9})}))),
         reply(vsi(4491, cat({cores({1}), opt(62, {9, 9})}))), -32},
        {"option 17 without sub-option 61", reply(vsi(4491, opt(62, {9}))),

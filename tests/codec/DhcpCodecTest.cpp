@@ -275,6 +275,7 @@ TEST(RelayAgentInfoTest, AddedOptionBytesAndTheirRemoval) {
 // refused unchanged in the option edit fuzz corpus.
 TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
    const Values small{"Vlan10"};
+   const std::string c200(200, 'c');
    struct Case {
       const char* name;
       Bytes msg;
@@ -290,13 +291,8 @@ TEST(RelayAgentInfoTest, AddRefusalsAndTheLargestOptionThatFits) {
        {"circuit-id of 256 bytes", dhcpMessage({255}), {std::string(256, 'c')}},
        {"circuit-id of 254 bytes: 256-byte option", dhcpMessage({255}), {std::string(254, 'c')}},
        {"one 253-byte circuit-id", dhcpMessage({255}), {std::string(253, 'c')}, true},
-       {"sub-options add up to 256",
-        dhcpMessage({255}),
-        {std::string(200, 'c'), std::string(52, 'r')}},
-       {"sub-options add up to 255",
-        dhcpMessage({255}),
-        {std::string(200, 'c'), std::string(51, 'r')},
-        true},
+       {"sub-options add up to 256", dhcpMessage({255}), {c200, std::string(52, 'r')}},
+       {"sub-options add up to 255", dhcpMessage({255}), {c200, std::string(51, 'r')}, true},
        {"VRF name over the VRF name limit", dhcpMessage({255}), {"", "", std::string(101, 'v')}},
        {"longest VRF name", dhcpMessage({255}), {"", "", std::string(100, 'v')}, true},
        // "Vlan10" makes a 10-byte option.
@@ -425,8 +421,12 @@ TEST(RelayAgentInfoTest, ParseReply) {
 
 const Bytes kType = {53, 1, 1};
 const Bytes kEnd = {255, 0, 0, 0};
+Bytes option82(const Bytes& subOptions) {
+   return concat({{82, static_cast<uint8_t>(subOptions.size())}, subOptions});
+}
 // A first hop's option: circuit-id "sw", remote-id "r1".
-const Bytes kSwitch = {82, 8, 1, 2, 's', 'w', 2, 2, 'r', '1'};
+const Bytes kSwitchSubOptions = {1, 2, 's', 'w', 2, 2, 'r', '1'};
+const Bytes kSwitch = option82(kSwitchSubOptions);
 // The relay's sub-options for a copy to VRF "blue": link selection 10.0.0.0, override
 // 10.0.0.1, VRF name (VSS type 0).
 const Bytes kOwn = {5, 4, 10, 0, 0, 0, 11, 4, 10, 0, 0, 1, 151, 5, 0, 'b', 'l', 'u', 'e'};
@@ -445,18 +445,13 @@ TEST(InfoOptMergeTest, MergeThenStrip) {
       Bytes merged;
       Bytes stripped;
    };
-   const Bytes ownOnly = concat({{82, static_cast<uint8_t>(kOwn.size())}, kOwn});
-   const Bytes switchWithOwn = concat({{82, static_cast<uint8_t>(8 + kOwn.size())},
-                                       Bytes(kSwitch.begin() + 2, kSwitch.end()),
-                                       kOwn});
+   const Bytes switchWithOwn = option82(concat({kSwitchSubOptions, kOwn}));
    const Case cases[] = {
-       {"no option yet", {}, ownOnly, {}},
+       {"no option yet", {}, option82(kOwn), {}},
        {"a first hop's option", kSwitch, switchWithOwn, kSwitch},
        // The first hop's own link selection gives way to the relay's.
-       {"a first hop's link selection",
-        {82, 14, 1, 2, 's', 'w', 2, 2, 'r', '1', 5, 4, 192, 0, 2, 0},
-        switchWithOwn,
-        kSwitch},
+       {"a first hop's link selection", option82(concat({kSwitchSubOptions, {5, 4, 192, 0, 2, 0}})),
+        switchWithOwn, kSwitch},
    };
    for (const Case& c : cases) {
       SCOPED_TRACE(c.name);

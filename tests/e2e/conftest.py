@@ -31,6 +31,25 @@ def run(*args, check=True, **kw):
     return subprocess.run([str(a) for a in args], check=check, capture_output=True, text=True, **kw)
 
 
+def noise(rng, count):
+    """Random datagrams of up to 600 bytes, empty ones among them."""
+    return [rng.randbytes(rng.randrange(0, 601)) for _ in range(count)]
+
+
+def mutations(rng, valid, header, count, codes, shortest=0):
+    """`valid` cut at every length from `shortest`, then `count` copies with random bytes
+    added and a few bytes past `header` overwritten (with one of `codes`, option codes and
+    lengths, or anything) and cut somewhere past `header`, so that the option walkers meet
+    bad lengths, missing ends and stray options."""
+    out = [valid[:n] for n in range(shortest, len(valid) + 1)]
+    for _ in range(count):
+        m = bytearray(valid + rng.randbytes(rng.randrange(0, 40)))
+        for _ in range(rng.randrange(1, 8)):
+            m[rng.randrange(header, len(m))] = rng.choice((*codes, rng.randrange(256)))
+        out.append(bytes(m[:rng.randrange(header, len(m) + 1)]))
+    return out
+
+
 @pytest.fixture
 def netns():
     """Creates network namespaces named with the run prefix; removes them (and any
@@ -144,6 +163,23 @@ def lab(netns, tmp_path):
     built = L.Lab(tmp_path / f"lab{n}", make_ns=lambda role: netns(f"l{n}-{role}"))
     yield built
     built.close()
+
+
+@pytest.fixture
+def relay_agent(lab, tmp_path):
+    """relay_agent(global_relay=None, **settings) starts the agent in the lab's relay
+    namespace on lab.agent_config(global_relay, **settings); each agent must exit
+    cleanly at the end."""
+    started = []
+
+    def start(global_relay=None, **settings):
+        config = lab.agent_config(global_relay=global_relay, **settings)
+        started.append(Agent(tmp_path, config, lab.ns["relay"]))
+        return started[-1]
+
+    yield start
+    for a in started:
+        assert a.stop() == 0, a.log_text()
 
 
 @pytest.hookimpl(hookwrapper=True)

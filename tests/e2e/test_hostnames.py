@@ -8,7 +8,7 @@ import itertools
 import time
 
 import lab as L
-from test_relay4_vrf import NO_PING, in_pool, start_agent
+from test_relay4_vrf import NO_PING, in_pool
 
 NAME = f"dhcp1.{L.DNS_DOMAIN}"
 MISSING = f"nowhere.{L.DNS_DOMAIN}"
@@ -42,33 +42,30 @@ def discover_until_offer_from(lab, server_ip, timeout):  # noqa: F811
                     return None
 
 
-def test_servers_named_by_host_name_follow_their_addresses(lab, tmp_path):  # noqa: F811
+def test_servers_named_by_host_name_follow_their_addresses(lab, relay_agent):  # noqa: F811
     server = lab.start_dhcpd("server", extra=NO_PING)
     server2 = lab.start_dhcpd("server2", extra=NO_PING)
     lab.start_dns({NAME: L.SERVER_IP}, ttl=TTL)
-    a = start_agent(lab, tmp_path, servers=[{"hostname": MISSING}, {"hostname": NAME}])
-    try:
-        # Asked again (the agent backs off from a second upwards): the name failed for
-        # good once already, and the lease below is relayed while it keeps failing.
-        L.wait_for(lambda: lab.dns_queries(MISSING).count("NXDOMAIN") >= 2, 10,
-                   f"the agent to look up {MISSING} twice")
-        with lab.capture("relay", L.RELAY_SERVER_DEV) as cap:
-            lease = lab.dhclient(timeout=10)
-            assert lease is not None, (a.log_text(), lab.dns_log.read_text())
-            assert in_pool(lease.ip, "server") and lease.server == L.SERVER_IP
-            assert server.acks() == [(lease.ip, L.RELAY_CLIENT_IP)] and not server2.seen()
+    a = relay_agent(servers=[{"hostname": MISSING}, {"hostname": NAME}])
+    # Asked again (the agent backs off from a second upwards): the name failed for
+    # good once already, and the lease below is relayed while it keeps failing.
+    L.wait_for(lambda: lab.dns_queries(MISSING).count("NXDOMAIN") >= 2, 10,
+               f"the agent to look up {MISSING} twice")
+    with lab.capture("relay", L.RELAY_SERVER_DEV) as cap:
+        lease = lab.dhclient(timeout=10)
+        assert lease is not None, (a.log_text(), lab.dns_log.read_text())
+        assert in_pool(lease.ip, "server") and lease.server == L.SERVER_IP
+        assert server.acks() == [(lease.ip, L.RELAY_CLIENT_IP)] and not server2.seen()
 
-            lab.set_dns({NAME: L.SERVER2_IP})
-            xid = discover_until_offer_from(lab, L.SERVER2_IP, TTL + 5)
-            assert xid is not None, (a.log_text(), lab.dns_log.read_text())
-            frames = cap.stop()
-        # The move is a switch: nothing went to the old address once the new one was
-        # in use, and no request went to both.
-        sent = relayed_to(frames)
-        first_new = [dst for dst, _ in sent].index(L.SERVER2_IP)
-        assert first_new > 0 and {dst for dst, _ in sent[:first_new]} == {L.SERVER_IP}, sent
-        assert {dst for dst, _ in sent[first_new:]} == {L.SERVER2_IP}, sent
-        assert (L.SERVER_IP, xid) not in sent
-        assert L.SERVER2_IP in lab.dns_queries(NAME)
-    finally:
-        assert a.stop() == 0, a.log_text()
+        lab.set_dns({NAME: L.SERVER2_IP})
+        xid = discover_until_offer_from(lab, L.SERVER2_IP, TTL + 5)
+        assert xid is not None, (a.log_text(), lab.dns_log.read_text())
+        frames = cap.stop()
+    # The move is a switch: nothing went to the old address once the new one was
+    # in use, and no request went to both.
+    sent = relayed_to(frames)
+    first_new = [dst for dst, _ in sent].index(L.SERVER2_IP)
+    assert first_new > 0 and {dst for dst, _ in sent[:first_new]} == {L.SERVER_IP}, sent
+    assert {dst for dst, _ in sent[first_new:]} == {L.SERVER2_IP}, sent
+    assert (L.SERVER_IP, xid) not in sent
+    assert L.SERVER2_IP in lab.dns_queries(NAME)

@@ -10,16 +10,25 @@ import threading
 import time
 from pathlib import Path
 
+import pytest
+
+import lab as L
 from conftest import AGENT, Agent, run
 
 RELAYING = "interfaces: {Ethernet1: {servers: [{address: 192.0.2.10}]}}\n"
 
 
-def test_a_reload_refuses_a_truncated_file_and_tells_a_warning(tmp_path, agent):
+@pytest.fixture
+def cfg(tmp_path):
+    """The agent's configuration file, relaying Ethernet1's clients to one server."""
+    path = tmp_path / "relay.yaml"
+    path.write_text(RELAYING)
+    return path
+
+
+def test_a_reload_refuses_a_truncated_file_and_tells_a_warning(cfg, agent):
     """A reload, like --check, refuses a truncated file (keeping the running configuration)
     and tells a file's warnings; the texts themselves are ConfigParserTest's."""
-    cfg = tmp_path / "relay.yaml"
-    cfg.write_text(RELAYING)
     a = agent(cfg)
     cfg.write_text("")
     res = a.ctl("reload", check=False)
@@ -31,8 +40,7 @@ def test_a_reload_refuses_a_truncated_file_and_tells_a_warning(tmp_path, agent):
     assert f"warning: {cfg}: no interface has servers" in check.stdout and "ok" in check.stdout
 
 
-def test_a_device_that_does_not_exist_is_told_until_it_appears(tmp_path, agent):
-    cfg = tmp_path / "relay.yaml"
+def test_a_device_that_does_not_exist_is_told_until_it_appears(cfg, agent):
     cfg.write_text("devices: {Ethernet1: veth-late}\n" + RELAYING)
     check = run(AGENT, "--config", cfg, "--check")
     missing = 'devices.Ethernet1: device "veth-late" does not exist in VRF default'
@@ -47,14 +55,11 @@ def test_a_device_that_does_not_exist_is_told_until_it_appears(tmp_path, agent):
 
     run("ip", "netns", "exec", a.namespace, "ip", "link", "add", "veth-late", "type", "veth",
         "peer", "name", "veth-peer")
-    deadline = time.monotonic() + 5
-    while a.show("status")["warnings"] and time.monotonic() < deadline:
-        time.sleep(0.05)
-    assert a.show("status")["warnings"] == []
+    L.wait_for(lambda: a.show("status")["warnings"] == [], 5, "the warning to go")
     assert "missing" not in a.show("interfaces")["vrfs"][0]
 
 
-def test_a_vrf_whose_sockets_cannot_open_shows_why(tmp_path, netns, agent):
+def test_a_vrf_whose_sockets_cannot_open_shows_why(cfg, netns, agent):
     red = netns("red")
     # Port 67 taken in the VRF's namespace without address reuse: the relay cannot bind it.
     holder = subprocess.Popen(
@@ -64,13 +69,10 @@ def test_a_vrf_whose_sockets_cannot_open_shows_why(tmp_path, netns, agent):
         stdout=subprocess.PIPE, text=True)
     try:
         assert holder.stdout.readline().strip() == "bound"
-        cfg = tmp_path / "relay.yaml"
         cfg.write_text(f"vrfs: {{red: {red}}}\n"
                        "interfaces: {Ethernet1: {vrf: red, servers: [{address: 192.0.2.10}]}}\n")
         a = agent(cfg)
-        deadline = time.monotonic() + 5
-        while "error" not in a.show("vrfs")[-1] and time.monotonic() < deadline:
-            time.sleep(0.05)
+        L.wait_for(lambda: "error" in a.show("vrfs")[-1], 5, "VRF red's error")
         vrf = {v["vrf"]: v for v in a.show("vrfs")}["red"]
         assert "port 67: Address already in use" in vrf.get("error", ""), vrf
         assert any(w.startswith("VRF red relays nothing: UDP socket")
@@ -80,9 +82,7 @@ def test_a_vrf_whose_sockets_cannot_open_shows_why(tmp_path, netns, agent):
         holder.wait()
 
 
-def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, agent):
-    cfg = tmp_path / "relay.yaml"
-    cfg.write_text(RELAYING)
+def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, cfg, netns, agent):
     # Started, as systemd starts it, with a soft limit of descriptors far below the hard one.
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     a = Agent(tmp_path, cfg, netns("limited"), wrap=["prlimit", f"--nofile=64:{hard}"])
@@ -101,9 +101,7 @@ def test_an_agent_that_could_not_relay_exits_with_the_reason(tmp_path, netns, ag
     assert a.show("status")["counters"]["totalRequestsReceived"] == 0
 
 
-def test_reading_a_large_file_does_not_stall_the_agent(tmp_path, agent):
-    cfg = tmp_path / "relay.yaml"
-    cfg.write_text(RELAYING)
+def test_reading_a_large_file_does_not_stall_the_agent(cfg, agent):
     a = agent(cfg)
     # Some 14 MB that take the parser a second or more, with a mistake on the last line.
     with cfg.open("w") as f:
@@ -133,9 +131,7 @@ def test_reading_a_large_file_does_not_stall_the_agent(tmp_path, agent):
     assert list(a.show("config")["interfaces"]) == ["Ethernet1"]
 
 
-def test_control_clients_cannot_stop_or_lock_out_the_agent(tmp_path, agent):
-    cfg = tmp_path / "relay.yaml"
-    cfg.write_text(RELAYING)
+def test_control_clients_cannot_stop_or_lock_out_the_agent(cfg, agent):
     a = agent(cfg)
     # Malformed requests are ControlServerTest's. Silent clients fill every slot; the operator's command still gets in.
     silent = []

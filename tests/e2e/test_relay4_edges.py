@@ -11,10 +11,9 @@ import socket
 import struct
 from collections import Counter
 
-import pytest
 from scapy.all import BOOTP, IP, UDP, Ether, mac2str, wrpcap
 
-from conftest import Agent
+from conftest import mutations, noise
 from lab import (CLIENT_DEV, RED_DEV, RED_IP, RELAY_CLIENT_DEV, RELAY_CLIENT_IP, RELAY_RED_DEV,
                  RELAY_RED_IP, RELAY_SECONDARY_IP, RELAY_SERVER_DEV, RELAY_SERVER_IP, SERVER_BRIDGE,
                  SERVER_IP, wait_for)
@@ -24,10 +23,6 @@ BOOTREQUEST = 1
 BOOTREPLY = 2
 FOREIGN_RELAY_IP = "192.0.2.60"   # another relay agent on the client link
 FOREIGN_GIADDR = "10.9.8.1"       # the subnet that relay serves
-
-
-def start_agent(lab, tmp_path, **relay_settings):  # noqa: F811
-    return Agent(tmp_path, lab.agent_config(**relay_settings), lab.ns["relay"])
 
 
 def mac_of(lab, role, dev):  # noqa: F811
@@ -102,28 +97,13 @@ def by_xid(frames, xid):
 AGENT_82 = {"information_option": True, "circuit_id": "edge-port"}
 
 
-@pytest.fixture
-def relay(lab, tmp_path):  # noqa: F811
-    """relay(**settings) starts dhcpd and an agent (option 82 on by default) and
-    returns the lab and the agent; the agent must exit cleanly at the end."""
-    started = []
-
-    def start(**settings):
-        lab.start_dhcpd("server")
-        started.append(start_agent(lab, tmp_path, **(settings or AGENT_82)))
-        return lab, started[-1]
-
-    yield start
-    for a in started:
-        assert a.stop() == 0, a.log_text()
-
-
-def test_requests_relayed_by_another_agent(relay):
+def test_requests_relayed_by_another_agent(lab, relay_agent):
     """A foreign giaddr means the server answers that relay. One sent to us names this
     agent as that relay's server: it goes to our servers with its giaddr, one hop more. A
     broadcast one leaves with the last hop count any relay accepts, so two relays on one
     link cannot ping-pong it."""
-    lab, a = relay()
+    lab.start_dhcpd("server")
+    a = relay_agent(**AGENT_82)
     # The re-broadcast needs a route for 255.255.255.255 to leave by.
     lab.ip("relay", "route", "add", "default", "via", SERVER_IP)
     relay_mac = mac_of(lab, "relay", RELAY_CLIENT_DEV)
@@ -150,21 +130,9 @@ def test_requests_relayed_by_another_agent(relay):
     assert bytes(rebroadcast[BOOTP]) == broadcast[:3] + bytes([255]) + broadcast[4:]
 
 
-def mutations(rng, valid, count):
-    """`valid` truncated at every length from just short of the fixed header to its
-    end, then `count` copies with a few random bytes overwritten past the header, so
-    the option walkers meet bad lengths, missing ends and stray option 82s."""
-    out = [valid[:n] for n in range(220, len(valid) + 1)]
-    for _ in range(count):
-        m = bytearray(valid + bytes(rng.randrange(0, 40)))
-        for _ in range(rng.randrange(1, 8)):
-            m[rng.randrange(240, len(m))] = rng.choice((0, 1, 82, 255, rng.randrange(256)))
-        out.append(bytes(m[:rng.randrange(236, len(m) + 1)]))
-    return out
-
-
-def test_malformed_storm_leaves_the_agent_serving(relay):
-    lab, a = relay()
+def test_malformed_storm_leaves_the_agent_serving(lab, relay_agent):
+    lab.start_dhcpd("server")
+    a = relay_agent(**AGENT_82)
     rng = random.Random(0xD1C9)
     relay_mac = mac_of(lab, "relay", RELAY_CLIENT_DEV)
     agent82 = bytes([82, 15, 1, 4]) + b"port" + bytes([2, 3]) + b"abc" + bytes([5, 4, 192, 0, 2, 0])
@@ -172,17 +140,16 @@ def test_malformed_storm_leaves_the_agent_serving(relay):
     reply = dhcp_payload(msg_type=5, op=BOOTREPLY, xid=2, giaddr=RELAY_CLIENT_IP,
                          yiaddr="192.0.2.120", extra=bytes([54, 4, 198, 51, 100, 2]) + agent82)
 
-    def noise(n):
-        return [rng.randbytes(rng.randrange(0, 601)) for _ in range(n)]
-
+    # Cut from just short of the fixed header; options overwritten past the cookie.
     client_side = []
-    for payload in noise(1000) + mutations(rng, request, 600):
+    for payload in noise(rng, 1000) + mutations(rng, request, 240, 600, (0, 1, 82, 255), 220):
         if rng.random() < 0.5:
             client_side.append(from_client(payload))
         else:
             client_side.append(from_client(payload, dst_ip=RELAY_CLIENT_IP, dst_mac=relay_mac,
                                            src_ip="192.0.2.77"))
-    server_side = list(map(from_server(lab), noise(1000) + mutations(rng, reply, 600)))
+    server_side = list(map(from_server(lab),
+                           noise(rng, 1000) + mutations(rng, reply, 240, 600, (0, 1, 82, 255), 220)))
     before = counters(a)
     send(lab, "client", CLIENT_DEV, client_side, timeout=40)
     send(lab, "server", SERVER_BRIDGE, server_side, timeout=40)
@@ -224,15 +191,14 @@ FLOOD = 300
 CONTROL_XID = 0xBC
 
 
-def test_forged_cross_vrf_replies_never_reach_the_client(lab, tmp_path):  # noqa: F811
+def test_forged_cross_vrf_replies_never_reach_the_client(lab, relay_agent):  # noqa: F811
     """Replies in VRF red that look like answers to the agent's cross-VRF copies: only
     the configured server's, to the agent's own address there, for an override address
     of the agent's, reaches the client and sets up a binding; one for another relay
     (its giaddr, no option of ours) goes nowhere either. The control goes last on
     the same socket: once the client has it, every forged one was decided."""
     lab.split_red_vrf()
-    a = start_agent(lab, tmp_path, information_option=True,
-                    servers=[{"address": RED_IP, "vrf": "red"}])
+    a = relay_agent(information_option=True, servers=[{"address": RED_IP, "vrf": "red"}])
     head = Ether(src=mac_of(lab, "red", RED_DEV), dst=mac_of(lab, "redvrf", RELAY_RED_DEV))
 
     def reply(src, payload):
@@ -244,23 +210,20 @@ def test_forged_cross_vrf_replies_never_reach_the_client(lab, tmp_path):  # noqa
                                                mac=f"02:00:00:00:{i >> 8:02x}:{i & 0xFF:02x}"))
                for i in range(FLOOD)]
     control = reply(RED_IP, cross_vrf_reply(CONTROL_XID, RELAY_RED_IP, RELAY_CLIENT_IP))
-    try:
-        with lab.capture("client", CLIENT_DEV) as cap:
-            # Paced, so that a busy machine does not shed the control from the socket.
-            send(lab, "red", RED_DEV, forged + [control], timeout=60, inter=0.002)
-            frames = wait_frames(cap, lambda p: by_xid(p, CONTROL_XID), "the server's reply", a)
-        assert xids(frames, BOOTREPLY) == {CONTROL_XID}
-        shown = a.show("counters")
-        received = shown["counters"]["totalRepliesReceived"]
-        # Every forged reply the socket took (a busy machine may shed some of the flood)
-        # was refused, for its own reason.
-        expected = Counter(reason for *_, reason in FORGED)
-        expected["unknownServer"] += received - len(FORGED) - 1
-        assert {k: n for k, n in shown["drops"].items() if n} == expected, shown
-        assert received >= 4 + FLOOD // 2 and shown["counters"]["totalRepliesForwarded"] == 1
-        assert a.show("status")["numClientBindings"] == 1
-    finally:
-        assert a.stop() == 0
+    with lab.capture("client", CLIENT_DEV) as cap:
+        # Paced, so that a busy machine does not shed the control from the socket.
+        send(lab, "red", RED_DEV, forged + [control], timeout=60, inter=0.002)
+        frames = wait_frames(cap, lambda p: by_xid(p, CONTROL_XID), "the server's reply", a)
+    assert xids(frames, BOOTREPLY) == {CONTROL_XID}
+    shown = a.show("counters")
+    received = shown["counters"]["totalRepliesReceived"]
+    # Every forged reply the socket took (a busy machine may shed some of the flood)
+    # was refused, for its own reason.
+    expected = Counter(reason for *_, reason in FORGED)
+    expected["unknownServer"] += received - len(FORGED) - 1
+    assert {k: n for k, n in shown["drops"].items() if n} == expected, shown
+    assert received >= 4 + FLOOD // 2 and shown["counters"]["totalRepliesForwarded"] == 1
+    assert a.show("status")["numClientBindings"] == 1
 
 
 def relayed_giaddrs(frames, mac=CLIENT_MAC):
@@ -269,12 +232,12 @@ def relayed_giaddrs(frames, mac=CLIENT_MAC):
             if BOOTP in f and f[BOOTP].op == BOOTREQUEST and f[BOOTP].chaddr[:6] == mac2str(mac)]
 
 
-def test_smart_relay_without_address_or_secondary_keeps_the_agent_up(lab, tmp_path):  # noqa: F811
+def test_smart_relay_without_address_or_secondary_keeps_the_agent_up(lab, relay_agent):  # noqa: F811
     """Smart relay on an interface with no IPv4 address, then with one secondary that
     goes while a client is on it. No server answers, so the client moves on every
     third DISCOVER wherever it can."""
     lab.ip("relay", "addr", "del", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
-    a = start_agent(lab, tmp_path, smart_relay=True)
+    a = relay_agent(smart_relay=True)
 
     def warnings():
         a.show("counters")  # publishes the status at once
@@ -283,22 +246,19 @@ def test_smart_relay_without_address_or_secondary_keeps_the_agent_up(lab, tmp_pa
     def relayed(cap, count):
         return relayed_giaddrs(wait_frames(cap, lambda p: len(relayed_giaddrs(p)) >= count,
                                            f"{count} relayed requests", a))
-    try:
-        lab.send_discover(CLIENT_MAC, count=4)
-        wait_for(lambda: a.show("counters")["drops"]["noAddress"] == 4, 10,
-                 "four requests dropped for want of an address")
-        assert a.proc.poll() is None and warnings(), a.log_text()
+    lab.send_discover(CLIENT_MAC, count=4)
+    wait_for(lambda: a.show("counters")["drops"]["noAddress"] == 4, 10,
+             "four requests dropped for want of an address")
+    assert a.proc.poll() is None and warnings(), a.log_text()
 
-        lab.ip("relay", "addr", "add", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
-        lab.add_secondary()
-        wait_for(lambda: not warnings(), 10, "the secondary to end the warning")
-        with lab.capture("relay", RELAY_SERVER_DEV) as cap:
-            lab.send_discover(CLIENT_MAC, count=4)
-            assert relayed(cap, 4) == [RELAY_CLIENT_IP] * 3 + [RELAY_SECONDARY_IP]
-            lab.del_secondary()
-            wait_for(warnings, 10, "the warning for the last secondary gone")
-            lab.send_discover(CLIENT_MAC, count=4)
-            assert relayed(cap, 8)[4:] == [RELAY_CLIENT_IP] * 4
-        assert a.proc.poll() is None, a.log_text()
-    finally:
-        assert a.stop() == 0, a.log_text()
+    lab.ip("relay", "addr", "add", f"{RELAY_CLIENT_IP}/24", "dev", RELAY_CLIENT_DEV)
+    lab.add_secondary()
+    wait_for(lambda: not warnings(), 10, "the secondary to end the warning")
+    with lab.capture("relay", RELAY_SERVER_DEV) as cap:
+        lab.send_discover(CLIENT_MAC, count=4)
+        assert relayed(cap, 4) == [RELAY_CLIENT_IP] * 3 + [RELAY_SECONDARY_IP]
+        lab.del_secondary()
+        wait_for(warnings, 10, "the warning for the last secondary gone")
+        lab.send_discover(CLIENT_MAC, count=4)
+        assert relayed(cap, 8)[4:] == [RELAY_CLIENT_IP] * 4
+    assert a.proc.poll() is None, a.log_text()

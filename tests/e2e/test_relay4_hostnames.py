@@ -5,7 +5,6 @@ the name's address, and a reload that drops the last one leaves the agent servin
 import pytest
 
 import lab as L
-from conftest import Agent
 from test_relay4_vrf import NO_PING
 
 NAME = f"dhcp1.{L.DNS_DOMAIN}"
@@ -16,28 +15,24 @@ SECOND_ENTRY = {"vrf": {"vrf": "red"}, "source-interface": {"source-interface": 
 
 
 @pytest.mark.parametrize("second", SECOND_ENTRY.values(), ids=SECOND_ENTRY.keys())
-def test_reloads_dropping_the_entries_that_name_one_host(lab, tmp_path, second):  # noqa: F811
+def test_reloads_dropping_the_entries_that_name_one_host(lab, relay_agent, second):  # noqa: F811
     lab.split_red_vrf()
     lab.start_dhcpd("server2", extra=NO_PING)
     lab.start_dns({NAME: L.SERVER_IP}, ttl=TTL)
 
     def servers(*entries):
         lab.agent_config(information_option=True, servers=list(entries))
-    servers(NAMED, {**NAMED, **second})
-    a = Agent(tmp_path, lab.dir / "relay.yaml", lab.ns["relay"])
-    try:
-        L.wait_for(lambda: L.SERVER_IP in lab.dns_queries(NAME), 10, f"the agent to resolve {NAME}")
-        servers(NAMED)
-        a.ctl("reload")
-        lab.set_dns({NAME: L.SERVER2_IP})
-        L.wait_for(lambda: L.SERVER2_IP in lab.dns_queries(NAME), TTL + 10,
-                   f"the agent to ask for {NAME} again")
-        lease = lab.dhclient(timeout=10)
-        assert lease is not None and lease.server == L.SERVER2_IP, (a.log_text(), lease)
+    a = relay_agent(information_option=True, servers=[NAMED, {**NAMED, **second}])
+    L.wait_for(lambda: L.SERVER_IP in lab.dns_queries(NAME), 10, f"the agent to resolve {NAME}")
+    servers(NAMED)
+    a.ctl("reload")
+    lab.set_dns({NAME: L.SERVER2_IP})
+    L.wait_for(lambda: L.SERVER2_IP in lab.dns_queries(NAME), TTL + 10,
+               f"the agent to ask for {NAME} again")
+    lease = lab.dhclient(timeout=10)
+    assert lease is not None and lease.server == L.SERVER2_IP, (a.log_text(), lease)
 
-        servers({"address": L.SERVER2_IP})
-        a.ctl("reload")
-        assert lab.dhclient(timeout=10) is not None, a.log_text()
-        assert a.proc.poll() is None, a.log_text()
-    finally:
-        assert a.stop() == 0, a.log_text()
+    servers({"address": L.SERVER2_IP})
+    a.ctl("reload")
+    assert lab.dhclient(timeout=10) is not None, a.log_text()
+    assert a.proc.poll() is None, a.log_text()

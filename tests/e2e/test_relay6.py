@@ -4,6 +4,7 @@ What the servers received and what reached the client are read from captures and
 decoded by hand (tools/lab/dhcp6.py), so a malformed message shows as it is."""
 
 import contextlib
+import functools
 import ipaddress
 import random
 import struct
@@ -13,7 +14,7 @@ import pytest
 
 import dhcp6 as D
 import lab as L
-from conftest import Agent
+from conftest import mutations, noise
 
 SERVER = {"address": L.SERVER_IP6}
 AT_RED = {"address": L.RED_IP6, "vrf": "red"}
@@ -21,33 +22,18 @@ INTERFACE_ID = b"Ethernet1:default"   # "<interface>:<VRF>" of the client's inte
 ENTERPRISE = 32473                     # the documentation enterprise number (RFC 5612)
 REMOTE_MAC = "02:00:00:00:01:99"
 CORES = ["2001:db8:cc::1", "2001:db8:cc::2"]
-# Where `dhcp-relay-ctl show counters --json` keeps the DHCPv6 relay's drops, by reason.
-V6_DROPS = ("dhcpv6", "drops")
 
 
 @pytest.fixture
-def relay6(lab, tmp_path):  # noqa: F811
-    """relay6(global_relay=None, **settings) starts the agent in the relay namespace with
-    Ethernet1 relaying DHCPv6 to `server` unless servers_v6 says otherwise; each agent
-    must exit cleanly at the end."""
-    started = []
-
-    def start(global_relay=None, **settings):
-        settings.setdefault("servers_v6", [SERVER])
-        started.append(Agent(tmp_path, lab.agent_config(global_relay=global_relay, **settings),
-                             lab.ns["relay"]))
-        return started[-1]
-
-    yield start
-    for a in started:
-        assert a.stop() == 0, a.log_text()
+def relay6(relay_agent):
+    """The agent with Ethernet1 relaying DHCPv6 to `server` unless servers_v6 says
+    otherwise."""
+    return functools.partial(relay_agent, servers_v6=[SERVER])
 
 
 def v6_drops(agent):
-    shown = agent.show("counters")
-    for key in V6_DROPS:
-        shown = shown[key]
-    return shown
+    """The DHCPv6 relay's drops by reason, as `dhcp-relay-ctl show counters` keeps them."""
+    return agent.show("counters")["dhcpv6"]["drops"]
 
 
 def innermost(msg):
@@ -287,18 +273,6 @@ def test_crafted_message_dropped_and_counted(lab, relay6, case):  # noqa: F811
 
 # --- robustness ------------------------------------------------------------------------
 
-def mutations(rng, valid, header, count):
-    """`valid` cut at every length, then `count` copies with a few bytes past `header`
-    overwritten (option codes and lengths among them) and cut somewhere."""
-    out = [valid[:n] for n in range(len(valid))]
-    for _ in range(count):
-        m = bytearray(valid + rng.randbytes(rng.randrange(0, 40)))
-        for _ in range(rng.randrange(1, 8)):
-            m[rng.randrange(header, len(m))] = rng.choice((0, 9, 18, 255, rng.randrange(256)))
-        out.append(bytes(m[:rng.randrange(header, len(m) + 1)]))
-    return out
-
-
 STORM_REPLIES = 400   # unwrapped Replies in the server's storm: each one is a drop
 
 
@@ -306,14 +280,13 @@ def test_malformed_storm_leaves_the_agent_relaying(lab, relay6):  # noqa: F811
     a = relay6()
     rng = random.Random(0xD6C9)
     peer = lab.addr6("client", L.CLIENT_DEV)
-
-    def noise(n):
-        return [rng.randbytes(rng.randrange(0, 601)) for _ in range(n)]
+    codes = (0, 9, 18, 255)  # option codes and lengths: the relay message, Interface-Id
     nested = repl(repl(answer(D.REPLY, 1), peer), L.HOP_UP_IP6, link="::")
-    client_side = (noise(1000) + mutations(rng, solicit(1), 4, 300)
-                   + mutations(rng, forw(3, solicit(2)), D.RELAY_HEADER, 300))
-    server_side = (noise(1000) + mutations(rng, nested, D.RELAY_HEADER, 300)
-                   + mutations(rng, repl(answer(D.ADVERTISE, 3), peer), D.RELAY_HEADER, 300)
+    client_side = (noise(rng, 1000) + mutations(rng, solicit(1), 4, 300, codes)
+                   + mutations(rng, forw(3, solicit(2)), D.RELAY_HEADER, 300, codes))
+    advertise = repl(answer(D.ADVERTISE, 3), peer)
+    server_side = (noise(rng, 1000) + mutations(rng, nested, D.RELAY_HEADER, 300, codes)
+                   + mutations(rng, advertise, D.RELAY_HEADER, 300, codes)
                    + [answer(D.REPLY, 4)[:rng.randrange(4, 40)] for _ in range(STORM_REPLIES)])
     rng.shuffle(client_side)
     rng.shuffle(server_side)

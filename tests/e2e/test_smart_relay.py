@@ -8,7 +8,7 @@ test_relay4_edges'."""
 from scapy.layers.dhcp import BOOTP
 
 import lab as L
-from test_relay4_vrf import NO_PING, client_mac, in_pool, start_agent
+from test_relay4_vrf import NO_PING, client_mac, in_pool
 
 DISCOVER, REQUEST = 1, 3
 P, S1 = L.RELAY_CLIENT_IP, L.RELAY_SECONDARY_IP
@@ -41,33 +41,30 @@ def smart_hosts(agent):
     return agent.show("status")["numSmartRelayedHosts"]
 
 
-def test_unanswered_client_gets_its_lease_from_the_secondary_subnet(lab, tmp_path):  # noqa: F811
+def test_unanswered_client_gets_its_lease_from_the_secondary_subnet(lab, relay_agent):  # noqa: F811
     lab.add_secondary()
     server = lab.start_dhcpd("server", only=[L.SECONDARY_NET], extra=NO_PING)
-    a = start_agent(lab, tmp_path, smart_relay=True)
+    a = relay_agent(smart_relay=True)
     mac = client_mac(lab)
-    try:
-        with lab.capture("relay", L.RELAY_SERVER_DEV) as cap:
-            # dhclient backs off between DISCOVERs (seconds to its fourth): three
-            # crafted ones with its MAC stand in for its first, unanswered tries.
-            lab.send_discover(mac, count=3)
-            assert wait_relayed(cap, mac, 3, a) == [(P, DISCOVER)] * 3
-            L.wait_for(lambda: ignored(server, P) == 3, 5, "dhcpd to ignore giaddr P")
-            assert smart_hosts(a) == 1
-
-            lease = lab.dhclient(timeout=10)
-            assert lease is not None, (a.log_text(), server.log_text())
-            assert smart_hosts(a) == 0
-            # An answered client starts over on the primary.
-            lab.send_discover(mac, xid=0x4321)
-            sent = wait_relayed(cap, mac, 6, a)
-        assert in_pool(lease.ip, "server", L.SECONDARY_NET), lease
-        assert lease.routers == S1 and lease.server == L.SERVER_IP
-        # dhclient's DISCOVER was the client's fourth; its REQUEST for the offered
-        # address goes out from the subnet holding that address.
-        assert sent == [(P, DISCOVER)] * 3 + [(S1, DISCOVER), (S1, REQUEST), (P, DISCOVER)]
-        L.wait_for(lambda: ignored(server, P) == 4, 5, "dhcpd to ignore the last DISCOVER")
-        assert server.acks() == [(lease.ip, S1)]
+    with lab.capture("relay", L.RELAY_SERVER_DEV) as cap:
+        # dhclient backs off between DISCOVERs (seconds to its fourth): three
+        # crafted ones with its MAC stand in for its first, unanswered tries.
+        lab.send_discover(mac, count=3)
+        assert wait_relayed(cap, mac, 3, a) == [(P, DISCOVER)] * 3
+        L.wait_for(lambda: ignored(server, P) == 3, 5, "dhcpd to ignore giaddr P")
         assert smart_hosts(a) == 1
-    finally:
-        assert a.stop() == 0
+
+        lease = lab.dhclient(timeout=10)
+        assert lease is not None, (a.log_text(), server.log_text())
+        assert smart_hosts(a) == 0
+        # An answered client starts over on the primary.
+        lab.send_discover(mac, xid=0x4321)
+        sent = wait_relayed(cap, mac, 6, a)
+    assert in_pool(lease.ip, "server", L.SECONDARY_NET), lease
+    assert lease.routers == S1 and lease.server == L.SERVER_IP
+    # dhclient's DISCOVER was the client's fourth; its REQUEST for the offered
+    # address goes out from the subnet holding that address.
+    assert sent == [(P, DISCOVER)] * 3 + [(S1, DISCOVER), (S1, REQUEST), (P, DISCOVER)]
+    L.wait_for(lambda: ignored(server, P) == 4, 5, "dhcpd to ignore the last DISCOVER")
+    assert server.acks() == [(lease.ip, S1)]
+    assert smart_hosts(a) == 1

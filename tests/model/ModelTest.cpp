@@ -11,7 +11,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
 #include "model/ClientContext.h"

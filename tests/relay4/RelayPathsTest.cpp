@@ -56,12 +56,8 @@ Opt82 opt82Of(const Pkt& pkt, size_t offset = 0) {
 
 Opt82 opt(std::string circuit, std::string vrf = {}, const char* override = nullptr,
           const char* link = nullptr, std::string remote = {}) {
-   return {true,
-           std::move(circuit),
-           std::move(remote),
-           std::move(vrf),
-           override ? ip(override) : IpAddr(),
-           link ? ip(link) : IpAddr()};
+   const auto addr = [](const char* a) { return a ? ip(a) : IpAddr(); };
+   return {true, std::move(circuit), std::move(remote), std::move(vrf), addr(override), addr(link)};
 }
 
 // A message with an option 82 already in it, as a first hop or the relay itself writes it.
@@ -285,8 +281,6 @@ TEST_F(RelayPathsTest, CopiesToSeveralServersEachCarryTheirOwnOption) {
 TEST_F(RelayPathsTest, HopsAndGiaddrsOfOtherAgents) {
    serverIs("default", "192.168.1.10");
    serverIs("red", "172.16.0.10");
-   receive(message({.hops = 255}));
-   EXPECT_EQ(drops(DropReason::hopLimit), 1u);
    // Our own giaddr: we relayed it already.
    receive(message({.giaddr = ip("10.0.0.1")}));
    EXPECT_EQ(drops(DropReason::alreadyRelayed), 1u);
@@ -360,7 +354,6 @@ void PrintTo(const ReplyCase& c, std::ostream* os) {
 const ReplyCase kReplyCases[] = {
     {.name = "Plain"},
     {.name = "OwnOptionStripped", .option = opt("port-7")},
-    {.name = "ZeroGiaddr", .giaddr = "0.0.0.0", .dropped = DropReason::zeroGiaddr},
     {.name = "UnknownGiaddr", .giaddr = "10.0.0.99", .dropped = DropReason::unknownGiaddr},
     {.name = "CrossVrfFromNoServer",
      .option = opt("port-7", "default", "10.0.0.1", "10.0.0.0"),

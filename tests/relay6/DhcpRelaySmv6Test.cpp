@@ -108,6 +108,21 @@ class DhcpRelaySmv6Test : public testing::Test {
       ASSERT_TRUE(udp(vrf).inject({Platform::Pkt::copyOf(payload), src, 547, dst, ifindex}));
    }
    uint64_t drops(DropReason r) const { return bed.status->drops(r); }
+   // What `default`'s socket sent for one received message: nothing, with the drop counted,
+   // when `dropped` names a reason.
+   const Platform::UdpTestPam::Sent* relayed(const char* vrf, const Bytes& msg, const Ip6Addr& src,
+                                             uint32_t ifindex, std::optional<DropReason> dropped) {
+      udp("default").clearSent();
+      const uint64_t before = dropped ? drops(*dropped) : 0;
+      receive(vrf, msg, src, ifindex);
+      if (dropped) {
+         EXPECT_EQ(drops(*dropped), before + 1) << dropReasonName(*dropped);
+         EXPECT_TRUE(udp("default").sent().empty());
+         return nullptr;
+      }
+      EXPECT_EQ(udp("default").sent().size(), 1u) << vrf;
+      return udp("default").sent().empty() ? nullptr : &udp("default").sent()[0];
+   }
 
    RelayTestBed bed;
    Ptr<Ip6::Status> ip6Status = make<Ip6::Status>("ip6");
@@ -181,8 +196,7 @@ TEST_F(DhcpRelaySmv6Test, CrossVrfCopyCarriesTheClientVrfLast) {
    const auto crossed = options(udp("red").sent()[0].bytes);
    ASSERT_EQ(crossed.size(), own.size() + 1);
    EXPECT_EQ(own.back().first, dhcp6OptInterfaceId);
-   Bytes vss{0};
-   put(vss, {'d', 'e', 'f', 'a', 'u', 'l', 't'});
+   const Bytes vss = {0, 'd', 'e', 'f', 'a', 'u', 'l', 't'};
    EXPECT_EQ(crossed.back(), (std::pair<uint16_t, Bytes>{dhcp6OptVss, vss}));
    EXPECT_EQ(bed.status->totalRequestsForwardedWithCrossVrfIp(), 1u);
 }
@@ -196,44 +210,35 @@ TEST_F(DhcpRelaySmv6Test, ForwardPathDropsAndHopCounts) {
    serverIs("Ethernet2", "default", "2001:db8:2::2");
    start();
    sm->routes[ip6("2001:db8:2::2")] = {12, ip6("2001:db8:2::1"), {}};
+   using enum DropReason;
+   auto forw = [](uint8_t hops, const Ip6Addr& link) {
+      return relayMsg(dhcp6RelayForw, hops, link, kClientLl, solicit());
+   };
    struct Case {
       Bytes msg;
-      Ip6Addr src;
       uint32_t ifindex;
       std::optional<DropReason> dropped;
       uint8_t hops = 0;
       Ip6Addr linkAddr = kRelayGlobal;
+      Ip6Addr src = kClientLl;
    } cases[] = {
-       {solicit(), kClientLl, 12, DropReason::noGlobalAddress},
-       {solicit(), kClientLl, 14, DropReason::notConfigured},
-       {{dhcp6Reply, 1, 2, 3}, kClientLl, 11, DropReason::serverMessage},
-       {{1, 2}, kClientLl, 11, DropReason::tooShort},
-       {relayMsg(dhcp6RelayForw, 32, Ip6Addr(), kClientLl, solicit()), kClientLl, 11,
-        DropReason::hopLimit},
-       {relayMsg(dhcp6RelayForw, 31, Ip6Addr(), kClientLl, solicit()), kClientLl, 11, {}, 32},
+       {solicit(), 12, noGlobalAddress},
+       {solicit(), 14, notConfigured},
+       {{dhcp6Reply, 1, 2, 3}, 11, serverMessage},
+       {{1, 2}, 11, tooShort},
+       {forw(32, Ip6Addr()), 11, hopLimit},
+       {forw(31, Ip6Addr()), 11, {}, 32},
        // A downstream relay with a global address names the link itself.
-       {relayMsg(dhcp6RelayForw, 0, ip6("2001:db8:9::1"), kClientLl, solicit()),
-        ip6("2001:db8:1::9"),
-        11,
-        {},
-        1,
-        Ip6Addr()},
+       {forw(0, ip6("2001:db8:9::1")), 11, {}, 1, Ip6Addr(), ip6("2001:db8:1::9")},
    };
    for (const Case& c : cases) {
-      udp("default").clearSent();
-      const uint64_t before = c.dropped ? drops(*c.dropped) : 0;
-      receive("default", c.msg, c.src, c.ifindex);
-      if (c.dropped) {
-         EXPECT_EQ(drops(*c.dropped), before + 1) << dropReasonName(*c.dropped);
-         EXPECT_TRUE(udp("default").sent().empty());
+      const auto* up = relayed("default", c.msg, c.src, c.ifindex, c.dropped);
+      if (!up)
          continue;
-      }
-      ASSERT_EQ(udp("default").sent().size(), 1u);
       // The route's source is the kernel's own choice: the send leaves it to the kernel.
-      EXPECT_TRUE(udp("default").sent()[0].src.isEmpty());
-      const Bytes& up = udp("default").sent()[0].bytes;
-      EXPECT_EQ(up[1], c.hops);
-      EXPECT_EQ(Bytes(up.begin() + 2, up.begin() + 18),
+      EXPECT_TRUE(up->src.isEmpty());
+      EXPECT_EQ(up->bytes[1], c.hops);
+      EXPECT_EQ(Bytes(up->bytes.begin() + 2, up->bytes.begin() + 18),
                 Bytes(c.linkAddr.bytes().begin(), c.linkAddr.bytes().end()));
    }
 }
@@ -248,64 +253,45 @@ TEST_F(DhcpRelaySmv6Test, ReplyPathDeliversOrDrops) {
    start();
    const Bytes reply = {dhcp6Reply, 0x12, 0x34, 0x56};
    const Bytes inner = relayMsg(dhcp6RelayRepl, 0, Ip6Addr(), ip6("fe80::77"), reply);
+   // The server's Relay-Repl to our Relay-Forw for the client.
+   auto repl = [&](std::optional<std::string_view> interfaceId, const Bytes& msg,
+                   const Ip6Addr& link = kRelayGlobal) {
+      return relayMsg(dhcp6RelayRepl, 0, link, kClientLl, msg, interfaceId);
+   };
+   const char* const own = "Ethernet1:default";
+   const Ip6Addr server = ip6("2001:db8:2::2");
+   using enum DropReason;
    struct Case {
       const char* vrf;
       Bytes msg;
-      Ip6Addr src = ip6("2001:db8:2::2");
+      Ip6Addr src;
       std::optional<DropReason> dropped = {};
       uint16_t port = 546;
       Bytes delivered = {};
    } cases[] = {
-       {"default",
-        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
-        ip6("2001:db8:2::2"),
-        {},
-        546,
-        reply},
-       {"default",
-        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, inner, "Ethernet1:default"),
-        ip6("2001:db8:2::2"),
-        {},
-        547,
-        inner},
+       {"default", repl(own, reply), server, {}, 546, reply},
+       {"default", repl(own, inner), server, {}, 547, inner},
        // Our cross-VRF server answers in its own VRF; any other host there may not.
-       {"red",
-        relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
-        ip6("2001:db8:3::2"),
-        {},
-        546,
-        reply},
-       {"red", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:default"),
-        ip6("2001:db8:3::66"), DropReason::unknownServer},
-       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1:red"),
-        ip6("2001:db8:2::2"), DropReason::intfChangedVrf},
-       {"default", relayMsg(dhcp6RelayRepl, 0, Ip6Addr(), kClientLl, reply, "Ethernet1:default"),
-        ip6("2001:db8:2::2"), DropReason::zeroLinkAddress},
-       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply),
-        ip6("2001:db8:2::2"), DropReason::noInterfaceId},
-       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet1"),
-        ip6("2001:db8:2::2"), DropReason::badInterfaceId},
-       {"default", relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, reply, "Ethernet9:default"),
-        ip6("2001:db8:2::2"), DropReason::unknownInterface},
-       {"default", Bytes(20, dhcp6RelayRepl), ip6("2001:db8:2::2"), DropReason::tooShort},
+       {"red", repl(own, reply), ip6("2001:db8:3::2"), {}, 546, reply},
+       {"red", repl(own, reply), ip6("2001:db8:3::66"), unknownServer},
+       {"default", repl("Ethernet1:red", reply), server, intfChangedVrf},
+       {"default", repl(own, reply, Ip6Addr()), server, zeroLinkAddress},
+       {"default", repl({}, reply), server, noInterfaceId},
+       {"default", repl("Ethernet1", reply), server, badInterfaceId},
+       {"default", repl("Ethernet9:default", reply), server, unknownInterface},
+       {"default", Bytes(20, dhcp6RelayRepl), server, tooShort},
    };
    for (const Case& c : cases) {
-      udp("default").clearSent();
-      const uint64_t before = c.dropped ? drops(*c.dropped) : 0;
-      receive(c.vrf, c.msg, c.src, c.vrf == std::string_view("red") ? 13 : 11);
-      if (c.dropped) {
-         EXPECT_EQ(drops(*c.dropped), before + 1) << dropReasonName(*c.dropped);
-         EXPECT_TRUE(udp("default").sent().empty());
+      const auto* out =
+          relayed(c.vrf, c.msg, c.src, c.vrf == std::string_view("red") ? 13 : 11, c.dropped);
+      if (!out)
          continue;
-      }
-      ASSERT_EQ(udp("default").sent().size(), 1u) << c.vrf;
-      const auto& out = udp("default").sent()[0];
-      EXPECT_EQ(out.bytes, c.delivered);
-      EXPECT_EQ(out.port, c.port);
-      EXPECT_EQ(out.ifindex, 11u);
-      EXPECT_EQ(out.dst, Platform::IpGenAddr(kClientLl));
+      EXPECT_EQ(out->bytes, c.delivered);
+      EXPECT_EQ(out->port, c.port);
+      EXPECT_EQ(out->ifindex, 11u);
+      EXPECT_EQ(out->dst, Platform::IpGenAddr(kClientLl));
       // To a link-local peer the kernel sends from the device's link-local address.
-      EXPECT_TRUE(out.src.isEmpty());
+      EXPECT_TRUE(out->src.isEmpty());
    }
    EXPECT_EQ(bed.status->totalRepliesForwarded(), 3u);
 }

@@ -115,12 +115,18 @@ class ControlServerTest : public Platform::TestNet::LoopTest {
       });
    }
 
+   // The data of the next reply, which must be a success.
+   json data(int fd) {
+      const std::optional<json> r = reply(fd);
+      EXPECT_TRUE(r && r->value("ok", false)) << (r ? r->dump() : "no reply");
+      return r ? r->value("data", json()) : json();
+   }
+   static json echoed(const json& id) { return {{"cmd", "echo"}, {"id", id}}; }
+
    // The connection still gets an answer to a good request.
    void expectServed(int fd) {
       sendAll(fd, "{\"cmd\":\"echo\"}\n");
-      auto r = reply(fd);
-      ASSERT_TRUE(r);
-      EXPECT_TRUE(r->at("ok"));
+      data(fd);
    }
 
    std::string errorOf(const std::optional<json>& r) {
@@ -148,8 +154,8 @@ TEST_F(ControlServerTest, AsynchronousRepliesKeepTheOrderAndOthersAreServedMeanw
    ASSERT_TRUE(turnUntil([&] { return pendingReplies_.size() == 1; }));
    expectServed(client());
    pendingReplies_[0](controlReplyOk("done"));
-   EXPECT_EQ(reply(waiting)->at("data"), "done");
-   EXPECT_EQ(reply(waiting)->at("data").at("id"), 2);
+   EXPECT_EQ(data(waiting), "done");
+   EXPECT_EQ(data(waiting), echoed(2));
 
    const size_t open = server().connectionCount();
    int gone = client();
@@ -168,21 +174,16 @@ TEST_F(ControlServerTest, AnswersPipelinedAndSplitRequestsInOrder) {
    // that must not produce a reply.
    std::string batch;
    for (int i = 0; i < 20; ++i)
-      batch += json{{"cmd", "echo"}, {"id", i}}.dump() + (i == 3 ? "\n\n" : "\n");
+      batch += echoed(i).dump() + (i == 3 ? "\n\n" : "\n");
    sendAll(fd, batch);
-   for (int i = 0; i < 20; ++i) {
-      auto r = reply(fd);
-      ASSERT_TRUE(r);
-      EXPECT_EQ(*r, (json{{"ok", true}, {"data", {{"cmd", "echo"}, {"id", i}}}}));
-   }
+   for (int i = 0; i < 20; ++i)
+      EXPECT_EQ(data(fd), echoed(i));
 
    // A request arriving in pieces is answered once, when its newline arrives.
    sendAll(fd, R"({"cmd": "ec)");
    loop_.runOnce(0);
    sendAll(fd, "ho\", \"id\": \"split\"}\r\n");
-   auto r = reply(fd);
-   ASSERT_TRUE(r);
-   EXPECT_EQ(r->at("data").at("id"), "split");
+   EXPECT_EQ(data(fd), echoed("split"));
 }
 
 TEST_F(ControlServerTest, BadRequestsGetErrorRepliesAndTheConnectionStaysUsable) {
@@ -219,9 +220,7 @@ TEST_F(ControlServerTest, LineLimitAcceptsExactlyTheMaximumAndClosesBeyondIt) {
    };
    int fd = client();
    sendAll(fd, padded(kMaxControlLine) + "\n");
-   auto r = reply(fd);
-   ASSERT_TRUE(r);
-   EXPECT_TRUE(r->at("ok"));
+   data(fd);
 
    // Over the limit, with and without the newline having arrived.
    for (std::string tail : {"\n", ""}) {
@@ -238,9 +237,7 @@ TEST_F(ControlServerTest, LargeRepliesSurvivePartialWritesAndClientsThatLeave) {
    const size_t size = 4 * 1024 * 1024;  // far more than a socket buffer holds
    int fd = client();
    sendAll(fd, json{{"cmd", "big"}, {"size", size}}.dump() + "\n");
-   auto r = reply(fd);
-   ASSERT_TRUE(r);
-   EXPECT_EQ(r->at("data").get<std::string>().size(), size);
+   EXPECT_EQ(data(fd), json(std::string(size, 'x')));
 
    // Leaving mid-reply must not raise SIGPIPE in the agent or leak the connection.
    int leaver = client();
@@ -257,9 +254,7 @@ TEST_F(ControlServerTest, LargeRepliesSurvivePartialWritesAndClientsThatLeave) {
    int last = client();
    sendAll(last, "{\"cmd\":\"echo\",\"id\":\"last\"}");
    shutdown(last, SHUT_WR);
-   r = reply(last);
-   ASSERT_TRUE(r);
-   EXPECT_EQ(r->at("data").at("id"), "last");
+   EXPECT_EQ(data(last), echoed("last"));
    EXPECT_TRUE(closedByServer(last));
 }
 
@@ -285,10 +280,8 @@ TEST_F(ControlServerTest, SilentClientsMakeRoomAndTimeOut) {
 
    // The first client finishes its request and falls silent: the waiting one takes its place.
    sendAll(open.front(), "\"echo\"}\n");
-   ASSERT_TRUE(reply(open.front()));
-   auto served = reply(extra);
-   ASSERT_TRUE(served);
-   EXPECT_EQ(served->at("data").at("id"), "extra");
+   data(open.front());
+   EXPECT_EQ(data(extra), echoed("extra"));
    EXPECT_TRUE(closedByServer(open.front()));
 
    // Everyone else stays silent past the timeout.

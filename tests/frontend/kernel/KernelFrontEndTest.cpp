@@ -166,9 +166,7 @@ TEST_F(KernelFrontEndTest, DerivesAddressesAndFollowsAPromotedSecondary) {
    device("default", 4, "not an interface", {v4("10.9.9.9/8")});
    turn();
    EXPECT_EQ(view(),
-             (Lines{"4 Ethernet1 default 10.0.0.1/24 10.0.2.1/24",
-                    "4 Ethernet2 default "
-                    "0.0.0.0/0",
+             (Lines{"4 Ethernet1 default 10.0.0.1/24 10.0.2.1/24", "4 Ethernet2 default 0.0.0.0/0",
                     "6 Ethernet1 default 2001:db8::1/64 fe80::1/64", "6 Ethernet2 default"}));
    Ptr<Ip::IpIntfStatus> e1 = ip("Ethernet1");
 
@@ -182,10 +180,9 @@ TEST_F(KernelFrontEndTest, DerivesAddressesAndFollowsAPromotedSecondary) {
    EXPECT_EQ(log.lines, (Lines{"Ethernet1 secondary 10.0.3.1/24", "Ethernet1 secondary 10.0.2.1/24",
                                "Ethernet1 primary"}));
    EXPECT_EQ(ip("Ethernet1"), e1);
-   EXPECT_EQ(view(), (Lines{"4 Ethernet1 default 10.0.2.1/24 10.0.3.1/24",
-                            "4 Ethernet2 default "
-                            "0.0.0.0/0",
-                            "6 Ethernet1 default 2001:db8::1/64", "6 Ethernet2 default"}));
+   EXPECT_EQ(view(),
+             (Lines{"4 Ethernet1 default 10.0.2.1/24 10.0.3.1/24", "4 Ethernet2 default 0.0.0.0/0",
+                    "6 Ethernet1 default 2001:db8::1/64", "6 Ethernet2 default"}));
 }
 
 TEST_F(KernelFrontEndTest, DeviceNamesFollowTheConfigurationAndTheKernel) {

@@ -74,16 +74,30 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
       NetnsTest::TearDown();
    }
 
-   static int ipIn(const std::string& ns, const std::string& args) {
-      return TestNet::ip("-n " + ns + " " + args);
+   // Each `ip -n ns` command in turn, until one fails.
+   static bool ipIn(const std::string& ns, std::initializer_list<std::string> commands) {
+      return std::ranges::all_of(
+          commands, [&](const std::string& c) { return TestNet::ip("-n " + ns + " " + c) == 0; });
+   }
+   // A new namespace holding the veth pair v0-v1.
+   std::string nsWithPair(const std::string& tag) {
+      const std::string ns = nsAdd(tag);
+      EXPECT_TRUE(ipIn(ns, {"link add v0 type veth peer name v1"}));
+      return ns;
    }
 
+   // A follower of `ns` writing `table`, once in sync.
    KernelTableFollower& follow(const std::string& ns, const Ptr<Status>& table) {
       followers_.push_back(std::make_unique<KernelTableFollower>(loop_, ns, table));
       std::string error;
       EXPECT_TRUE(followers_.back()->start(error)) << error;
       EXPECT_TRUE(turnUntil([&] { return followers_.back()->inSync(); }));
       return *followers_.back();
+   }
+   Ptr<Status> followed(const std::string& ns) {
+      auto table = make<Status>();
+      follow(ns, table);
+      return table;
    }
 
    // What `ip` reads, with running as "up, and the operational state up or unknown", and
@@ -152,7 +166,7 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
    bool caughtUp(const std::string& ns, const Status& table, const std::string& device) {
       const std::string marker = "2001:db8:ffff::" + std::to_string(++markers_);
       const Ip6Prefix prefix = *Ip6Prefix::parse(marker + "/128");
-      EXPECT_EQ(ipIn(ns, "addr add " + marker + "/128 dev " + device + " nodad"), 0);
+      EXPECT_TRUE(ipIn(ns, {"addr add " + marker + "/128 dev " + device + " nodad"}));
       return turnUntil([&] {
          const Ptr<KernelIntf> k = byName(table, device);
          return k && k->ipv6().contains(prefix);
@@ -166,10 +180,9 @@ class KernelTableFollowerTest : public TestNet::NetnsTest {
 
 TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
    const std::string ns = nsAdd("order");
-   ASSERT_EQ(ipIn(ns, "link add v0 address 02:00:00:00:00:01 type veth peer name v1"), 0);
-   ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
-   auto table = make<Status>();
-   follow(ns, table);
+   ASSERT_TRUE(ipIn(ns, {"link add v0 address 02:00:00:00:00:01 type veth peer name v1",
+                         "addr add 192.0.2.1/24 dev v0"}));
+   auto table = followed(ns);
    EXPECT_TRUE(matchesKernel(ns, *table));
    Ptr<KernelIntf> v0 = byName(*table, "v0");
    ASSERT_TRUE(v0);
@@ -178,8 +191,8 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
    ASSERT_EQ(TestNet::shell("ip netns exec " + ns +
                             " sysctl -qw net.ipv4.conf.all.promote_secondaries=1"),
              0);
-   for (const char* a : {"192.0.2.2/24", "192.0.2.3/24", "198.51.100.1/30"})
-      ASSERT_EQ(ipIn(ns, std::string("addr add ") + a + " dev v0"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr add 192.0.2.2/24 dev v0", "addr add 192.0.2.3/24 dev v0",
+                         "addr add 198.51.100.1/30 dev v0"}));
    const Texts added{"192.0.2.1/24", "198.51.100.1/30", "192.0.2.2/24", "192.0.2.3/24"};
    EXPECT_TRUE(turnUntil([&] { return texts(v0->ipv4()) == added; }))
        << testing::PrintToString(texts(v0->ipv4()));
@@ -187,7 +200,7 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
    // The kernel promotes 192.0.2.2 and moves it behind the remaining primary: one change.
    IntfLog log;
    log.notifierIs(v0);
-   ASSERT_EQ(ipIn(ns, "addr del 192.0.2.1/24 dev v0"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr del 192.0.2.1/24 dev v0"}));
    const Texts promoted{"198.51.100.1/30", "192.0.2.2/24", "192.0.2.3/24"};
    EXPECT_TRUE(turnUntil([&] { return texts(v0->ipv4()) == promoted; }));
    EXPECT_TRUE(turnUntil([&] { return followers_[0]->inSync(); }));
@@ -198,10 +211,8 @@ TEST_F(KernelTableFollowerTest, Ipv4ListFollowsKernelOrderThroughPromotion) {
 }
 
 TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
-   const std::string ns = nsAdd("link");
-   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
-   auto table = make<Status>();
-   follow(ns, table);
+   const std::string ns = nsWithPair("link");
+   auto table = followed(ns);
    Ptr<KernelIntf> v0 = byName(*table, "v0");
    Ptr<KernelIntf> v1 = byName(*table, "v1");
    ASSERT_TRUE(v0 && v1);
@@ -210,21 +221,20 @@ TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
 
    // Host bits are part of an interface address.
    const Ip6Prefix global = *Ip6Prefix::parse("2001:db8::5/64");
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::5/64 dev v0 nodad"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr add 2001:db8::5/64 dev v0 nodad"}));
    EXPECT_TRUE(turnUntil([&] { return v0->ipv6().contains(global); }));
-   ASSERT_EQ(ipIn(ns, "addr del 2001:db8::5/64 dev v0"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr del 2001:db8::5/64 dev v0"}));
    EXPECT_TRUE(turnUntil([&] { return !v0->ipv6().contains(global); }));
    EXPECT_EQ(log.ipv6, 2);
 
    // Up without a carrier is not running.
-   ASSERT_EQ(ipIn(ns, "link set v0 up"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link set v0 up"}));
    EXPECT_TRUE(turnUntil([&] { return v0->up(); }));
    EXPECT_FALSE(v0->running());
-   ASSERT_EQ(ipIn(ns, "link set v1 name w1"), 0);
-   ASSERT_EQ(ipIn(ns, "link set w1 up"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link set v1 name w1", "link set w1 up"}));
    EXPECT_TRUE(turnUntil([&] { return v0->running() && v1->up(); }));
    EXPECT_EQ(v1->deviceName(), "w1");
-   ASSERT_EQ(ipIn(ns, "link set v0 down"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link set v0 down"}));
    EXPECT_TRUE(turnUntil([&] { return !v0->up(); }));
    EXPECT_FALSE(v0->running());
    EXPECT_EQ(log.up, 2);
@@ -236,11 +246,9 @@ TEST_F(KernelTableFollowerTest, LinkStateNameAndIpv6FollowTheKernel) {
 // The DHCPv6 relay takes link and source addresses from the table, so an address appears
 // only once duplicate address detection has passed, whether notified or dumped.
 TEST_F(KernelTableFollowerTest, Ipv6AddressesAppearOnlyOnceDuplicateDetectionPassed) {
-   const std::string ns = nsAdd("dad");
-   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   const std::string ns = nsWithPair("dad");
    // No link-local addresses: only the test's own change.
-   for (const char* device : {"v0", "v1"})
-      ASSERT_EQ(ipIn(ns, std::string("link set ") + device + " addrgenmode none"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link set v0 addrgenmode none", "link set v1 addrgenmode none"}));
    // One probe, sent at once, and a tenth of a second without an answer passes.
    ASSERT_EQ(TestNet::shell("ip netns exec " + ns +
                             " sysctl -qw net.ipv6.conf.v0.accept_dad=1"
@@ -249,9 +257,8 @@ TEST_F(KernelTableFollowerTest, Ipv6AddressesAppearOnlyOnceDuplicateDetectionPas
                             " net.ipv6.neigh.v0.retrans_time_ms=100"),
              0);
    // With its peer down v0 has no carrier, and detection waits for one.
-   ASSERT_EQ(ipIn(ns, "link set v0 up"), 0);
-   auto table = make<Status>();
-   KernelTableFollower& follower = follow(ns, table);
+   ASSERT_TRUE(ipIn(ns, {"link set v0 up"}));
+   auto table = followed(ns);
    Ptr<KernelIntf> v0 = byName(*table, "v0");
    ASSERT_TRUE(v0);
    IntfLog log;
@@ -260,68 +267,61 @@ TEST_F(KernelTableFollowerTest, Ipv6AddressesAppearOnlyOnceDuplicateDetectionPas
    const Ip6Prefix checked = *Ip6Prefix::parse("2001:db8::1/64");
    const Ip6Prefix duplicate = *Ip6Prefix::parse("2001:db8::2/64");
 
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::9/64 dev v0 nodad"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr add 2001:db8::9/64 dev v0 nodad"}));
    EXPECT_TRUE(turnUntil([&] { return v0->ipv6().contains(unchecked); }));
 
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::1/64 dev v0"), 0);
+   ASSERT_TRUE(ipIn(ns, {"addr add 2001:db8::1/64 dev v0"}));
    ASSERT_TRUE(caughtUp(ns, *table, "v1"));
-   auto dumped = make<Status>();
-   follow(ns, dumped);
+   auto dumped = followed(ns);
    ASSERT_EQ(kernelFlags(ns, "v0", "2001:db8::1"), "tentative");
    EXPECT_EQ(texts(v0->ipv6()), (Texts{"2001:db8::9/64"}));
    EXPECT_EQ(texts(byName(*dumped, "v0")->ipv6()), (Texts{"2001:db8::9/64"}));
    // The kernel notifies the address again when detection passes.
-   ASSERT_EQ(ipIn(ns, "link set v1 up"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link set v1 up"}));
    EXPECT_TRUE(turnUntil([&] {
       return v0->ipv6().contains(checked) && byName(*dumped, "v0")->ipv6().contains(checked);
    }));
 
    // Detection fails on an address the peer holds already.
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::2/64 dev v1 nodad"), 0);
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::2/64 dev v0"), 0);
+   ASSERT_TRUE(
+       ipIn(ns, {"addr add 2001:db8::2/64 dev v1 nodad", "addr add 2001:db8::2/64 dev v0"}));
    EXPECT_TRUE(turnUntil([&] { return kernelFlags(ns, "v0", "2001:db8::2") != "tentative"; }));
    ASSERT_EQ(kernelFlags(ns, "v0", "2001:db8::2"), "dadfailed tentative");
    ASSERT_TRUE(caughtUp(ns, *table, "v1"));
    EXPECT_FALSE(v0->ipv6().contains(duplicate));
    followers_.pop_back();
-   dumped = make<Status>();
-   follow(ns, dumped);
+   dumped = followed(ns);
    EXPECT_FALSE(byName(*dumped, "v0")->ipv6().contains(duplicate));
 
    EXPECT_EQ(log.ipv6, 2);
-   EXPECT_TRUE(follower.inSync());
+   EXPECT_TRUE(followers_[0]->inSync());
    EXPECT_TRUE(matchesKernel(ns, *table));
    EXPECT_TRUE(matchesKernel(ns, *dumped));
 }
 
 TEST_F(KernelTableFollowerTest, DeviceMovedToAnotherNamespaceChangesTables) {
-   const std::string a = nsAdd("a");
+   const std::string a = nsWithPair("a");
    const std::string b = nsAdd("b");
-   ASSERT_EQ(ipIn(a, "link add v0 type veth peer name v1"), 0);
-   auto tableA = make<Status>();
-   auto tableB = make<Status>();
-   follow(a, tableA);
-   follow(b, tableB);
+   auto tableA = followed(a);
+   auto tableB = followed(b);
    ASSERT_TRUE(byName(*tableA, "v1"));
    const uint32_t v0Index = byName(*tableA, "v0")->ifindex();
 
-   ASSERT_EQ(ipIn(a, "link set dev v1 netns " + b), 0);
+   ASSERT_TRUE(ipIn(a, {"link set dev v1 netns " + b}));
    EXPECT_TRUE(turnUntil([&] { return !byName(*tableA, "v1") && byName(*tableB, "v1"); }));
    EXPECT_TRUE(tableA->interfaceByIndex(v0Index));
    EXPECT_TRUE(matchesKernel(a, *tableA));
    EXPECT_TRUE(matchesKernel(b, *tableB));
 
    // Deleting one end of a pair deletes both, each in its own namespace.
-   ASSERT_EQ(ipIn(b, "link del v1"), 0);
+   ASSERT_TRUE(ipIn(b, {"link del v1"}));
    EXPECT_TRUE(turnUntil([&] { return !byName(*tableB, "v1") && !byName(*tableA, "v0"); }));
 }
 
 TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
-   const std::string ns = nsAdd("lost");
-   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
-   ASSERT_EQ(ipIn(ns, "link add w0 type veth peer name w1"), 0);
-   ASSERT_EQ(ipIn(ns, "addr add 192.0.2.1/24 dev v0"), 0);
-   ASSERT_EQ(ipIn(ns, "addr add 2001:db8::1/64 dev v0 nodad"), 0);
+   const std::string ns = nsWithPair("lost");
+   ASSERT_TRUE(ipIn(ns, {"link add w0 type veth peer name w1", "addr add 192.0.2.1/24 dev v0",
+                         "addr add 2001:db8::1/64 dev v0 nodad"}));
    auto table = make<Status>();
    KernelTableFollower& follower = follow(ns, table);
    IntfLog loLog;
@@ -345,9 +345,9 @@ TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
       std::fprintf(f.get(), "addr del 192.0.2.1/24 dev v0\naddr del 2001:db8::1/64 dev v0\n");
       std::fprintf(f.get(), "link del w0\nlink set v0 up\n");
    }
-   const int rc = ipIn(ns, "-batch " + batch);
+   const bool ok = ipIn(ns, {"-batch " + batch});
    std::remove(batch.c_str());
-   ASSERT_EQ(rc, 0);
+   ASSERT_TRUE(ok);
 
    EXPECT_TRUE(turnUntil([&] { return follower.inSync() && matchesKernel(ns, *table); }));
    EXPECT_GE(follower.resyncs(), 1u);
@@ -363,15 +363,14 @@ TEST_F(KernelTableFollowerTest, LostNotificationsAreRepairedAsADifference) {
 // device table does not notice.
 TEST_F(KernelTableFollowerTest, RouteAndRuleChangesMoveTheRouteGeneration) {
    const std::string ns = nsAdd("route");
-   auto table = make<Status>();
-   follow(ns, table);
+   auto table = followed(ns);
    TableLog log;
    log.notifierIs(table);
    for (const char* change :
         {"route add blackhole 198.51.100.0/24", "rule add to 203.0.113.0/24 table 7",
          "route del blackhole 198.51.100.0/24"}) {
       const uint64_t before = table->routeGeneration();
-      ASSERT_EQ(ipIn(ns, change), 0) << change;
+      ASSERT_TRUE(ipIn(ns, {change}));
       EXPECT_TRUE(turnUntil([&] { return table->routeGeneration() != before; })) << change;
    }
    EXPECT_TRUE(log.changed.empty());
@@ -386,7 +385,7 @@ TEST_F(KernelTableFollowerTest, RestartKeepsTheTableAndStopClearsIt) {
    EXPECT_NE(error.find(ns + "-missing"), std::string::npos) << error;
    EXPECT_FALSE(missing.started());
 
-   ASSERT_EQ(ipIn(ns, "link add v0 type veth peer name v1"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link add v0 type veth peer name v1"}));
    follow(ns, table);
    ASSERT_EQ(table->interfaceByIndex().size(), 3u);
    TableLog log;
@@ -404,7 +403,7 @@ TEST_F(KernelTableFollowerTest, RestartKeepsTheTableAndStopClearsIt) {
    EXPECT_TRUE(table->interfaceByIndex().empty());
    EXPECT_EQ(log.changed.size(), 3u);
    // Nothing is followed any more.
-   ASSERT_EQ(ipIn(ns, "link add x0 type veth peer name x1"), 0);
+   ASSERT_TRUE(ipIn(ns, {"link add x0 type veth peer name x1"}));
    loop_.runOnce(50);
    EXPECT_TRUE(table->interfaceByIndex().empty());
 }

@@ -83,13 +83,9 @@ TEST(PktTest, MoveRangeOpensAndClosesGaps) {
    EXPECT_TRUE(pkt->moveRange(6, 6, 0));
 
    // The room around the data does not count: a move may not reach into it.
-   for (const auto& [from, to, n] : {std::tuple<size_t, size_t, size_t>{0, 3, 4},
-                                     {3, 0, 4},
-                                     {7, 0, 0},
-                                     {0, 7, 0},
-                                     {1, 0, kHuge},
-                                     {kHuge, 0, 2},
-                                     {0, kHuge, 2}})
+   const std::tuple<size_t, size_t, size_t> beyond[] = {
+       {0, 3, 4}, {3, 0, 4}, {7, 0, 0}, {0, 7, 0}, {1, 0, kHuge}, {kHuge, 0, 2}, {0, kHuge, 2}};
+   for (const auto& [from, to, n] : beyond)
       EXPECT_FALSE(pkt->moveRange(from, to, n)) << from << " " << to << " " << n;
    EXPECT_EQ(layout(*pkt), "head=1 tail=2 [ 1 2 3 4 5 6 ]");
 }

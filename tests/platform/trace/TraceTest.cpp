@@ -437,37 +437,32 @@ TEST_F(TraceRingDamageTest, DamageIsReportedAndTheWholeRecordsStillRead) {
    auto setU64 = [](std::vector<uint8_t>& b, size_t offset, uint64_t v) {
       std::memcpy(b.data() + offset, &v, sizeof v);
    };
+   using Damage = std::function<void(std::vector<uint8_t>&)>;
+   const Damage truncate = [&](auto& b) { b.resize(header_.ringOffset + header_.ringSize / 2); };
+   const Damage overwrite = [&](auto& b) {
+      std::fill_n(b.begin() + ptrdiff_t(header_.ringOffset + middle), 100, 0x5a);
+   };
+   const Damage tailPastHead = [&](auto& b) {
+      setU64(b, offsetof(TraceRingHeader, tail), header_.head + 8);
+   };
+   const Damage badLayout = [&](auto& b) { setU64(b, offsetof(TraceRingHeader, ringSize), ~0ull); };
    struct Case {
       const char* name;
-      std::function<void(std::vector<uint8_t>&)> damage;
+      Damage damage;
       std::vector<std::string> problems;  // a piece of each problem reported
       size_t atLeast, atMost;             // records read
    } cases[] = {
        {"truncated",
-        [&](auto& b) { b.resize(header_.ringOffset + header_.ringSize / 2); },
+        truncate,
         {"the file is truncated", "past the end of the truncated file"},
         n / 4,
         n - 1},
-       {"records overwritten",
-        [&](auto& b) {
-           std::fill_n(b.begin() + ptrdiff_t(header_.ringOffset + middle), 100, 0x5a);
-        },
-        {"damaged records"},
-        n - 4,
-        n - 1},
+       {"records overwritten", overwrite, {"damaged records"}, n - 4, n - 1},
        // Inconsistent positions fall back to a scan in time order, which finds them all.
-       {"tail past head",
-        [&](auto& b) { setU64(b, offsetof(TraceRingHeader, tail), header_.head + 8); },
-        {""},
-        n,
-        SIZE_MAX},
+       {"tail past head", tailPastHead, {""}, n, SIZE_MAX},
        {"short file", [](auto& b) { b.resize(100); }, {""}, 0, 0},
        {"bad magic", [](auto& b) { b[0] ^= 1; }, {""}, 0, 0},
-       {"bad layout",
-        [&](auto& b) { setU64(b, offsetof(TraceRingHeader, ringSize), ~0ull); },
-        {""},
-        0,
-        0},
+       {"bad layout", badLayout, {""}, 0, 0},
    };
    for (const Case& c : cases) {
       SCOPED_TRACE(c.name);
