@@ -280,6 +280,7 @@ json ControlCommands::doShowStatus() const {
             {{"counters", counters(*status6)},
              {"drops", drops(*status6, kDropV6)},
              {"interfaces", interfaces(*status6, true)},
+             {"prefixBindingsRefused", status6->prefixBindingsRefused()},
              {"counterUpdateTime", status6->counterUpdateTime()},
              {"runControl", status6->runControl()}}},
            {"numSmartRelayedHosts", status->numSmartRelayedHosts()},

@@ -72,6 +72,13 @@
 //                                           "preferredLifetime": 3600,
 //                                           "validLifetime": 7200}]}}}
 //
+//   {"cmd": "show", "what": "routes"}
+//     The DHCPv6 relay's prefix bindings, each a route in its VRF; "remaining" is null
+//     for a binding that never ends:
+//     {"routes": [{"prefix": "2001:db8:100::/56", "nextHop": "fe80::1",
+//                  "interface": "Ethernet1", "vrf": "default", "preferredLifetime": 3600,
+//                  "validLifetime": 7200, "writeTime": 1714560000.5, "remaining": 7190.2}]}
+//
 //   {"cmd": "reload"}
 //     Re-reads the configuration file and applies it whole, or not at all (then the
 //     reply is an error listing what is wrong, one problem per line).

@@ -298,6 +298,71 @@ TEST_F(DhcpRelaySmv6Test, ReplyPathDeliversOrDrops) {
 
 // The relay group is joined on each relaying interface's device, again when the device comes
 // back under another index, and left when the interface stops relaying.
+// Bindings come from the interface's servers' Replies, expire with the valid lifetime, and
+// go with a Release from the client they route to; other senders change nothing.
+TEST_F(DhcpRelaySmv6Test, PrefixBindingsFollowRepliesReleasesAndLifetimes) {
+   intfIs("Ethernet1", "default", {"fe80::1/64", "2001:db8:1::1/64"}, 11);
+   intfIs("Ethernet2", "default", {"2001:db8:2::1/64"}, 12);
+   serverIs("Ethernet1", "default", "2001:db8:2::2");
+   bed.config->intfConfigIs(IntfId("Ethernet1"))->routeInstallIs(true);
+   start();
+   auto leases = [](uint8_t type, std::initializer_list<std::pair<const char*, uint32_t>> pd) {
+      Bytes ia(12, 0);
+      for (const auto& [prefix, valid] : pd) {
+         const Ip6Prefix p = *Ip6Prefix::parse(prefix);
+         Bytes opt{0,
+                   0,
+                   0,
+                   1,
+                   uint8_t(valid >> 24),
+                   uint8_t(valid >> 16),
+                   uint8_t(valid >> 8),
+                   uint8_t(valid),
+                   p.len()};
+         putAddr(opt, p.address());
+         putOption(ia, dhcp6OptIaPrefix, opt);
+      }
+      Bytes msg = solicit(type);
+      putOption(msg, dhcp6OptIaPd, ia);
+      return msg;
+   };
+   auto reply = [&](const char* from, std::initializer_list<std::pair<const char*, uint32_t>> pd) {
+      receive("default",
+              relayMsg(dhcp6RelayRepl, 0, kRelayGlobal, kClientLl, leases(dhcp6Reply, pd),
+                       "Ethernet1:default"),
+              ip6(from), 12, kRelayGlobal);
+   };
+   auto bound = [&] {
+      std::map<std::string, uint32_t> out;
+      for (const auto& [prefix, b] : bed.status->intfStatus(IntfId("Ethernet1"))->prefixBinding())
+         out[prefix.toString()] = b->addrAttrs().validLifetime;
+      return out;
+   };
+   using Bound = std::map<std::string, uint32_t>;
+   reply("2001:db8:2::66", {{"2001:db8:a0::/48", 60}});
+   EXPECT_EQ(bound(), Bound{}) << "not a server of the interface";
+   reply("2001:db8:2::2", {{"2001:db8:a0::/48", 60}, {"2001:db8:a1::/48", 0xffffffff}});
+   EXPECT_EQ(bound(), (Bound{{"2001:db8:a0::/48", 60}, {"2001:db8:a1::/48", 0xffffffff}}));
+   const auto& attrs = bed.status->intfStatus(IntfId("Ethernet1"))
+                           ->prefixBinding(*Ip6Prefix::parse("2001:db8:a1::/48"))
+                           ->addrAttrs();
+   EXPECT_EQ(attrs.nextHop, kClientLl);
+   EXPECT_EQ(attrs.vrf, VrfName("default"));
+
+   // A Release counts only from the client the route goes to.
+   receive("default", leases(dhcp6Release, {{"2001:db8:a1::/48", 0}}), ip6("fe80::77"), 11);
+   EXPECT_EQ(bound().size(), 2u);
+   receive("default", leases(dhcp6Release, {{"2001:db8:a1::/48", 0}}), kClientLl, 11);
+   EXPECT_EQ(bound(), (Bound{{"2001:db8:a0::/48", 60}}));
+   // Renewed, the lifetime starts again; then it runs out.
+   bed.advance(50);
+   reply("2001:db8:2::2", {{"2001:db8:a0::/48", 60}});
+   bed.advance(50);
+   EXPECT_EQ(bound().size(), 1u);
+   bed.advance(11);
+   EXPECT_EQ(bound(), Bound{});
+}
+
 TEST_F(DhcpRelaySmv6Test, MulticastMembershipFollowsDevicesAndRelaying) {
    const auto group = DhcpVrfSmv6::kAllRelayAgentsAndServers;
    intfIs("Ethernet1", "default", {"2001:db8:1::1/64"}, 11);

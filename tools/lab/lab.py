@@ -717,6 +717,22 @@ class Lab:
         return Lease6(address=record.get("new_ip6_address"), prefix=record.get("new_ip6_prefix"),
                       vars=record)
 
+    def release6(self, prefix=False, timeout=10):
+        """dhclient -6 -r on the lease file of the last dhclient6(): the client sends a
+        Release for what it holds; waits until dhclient exits."""
+        leases = max(self.dir.glob("dhclient-*.leases"), key=lambda p: p.stat().st_mtime)
+        n = len(self.procs)
+        conf = self.dir / f"dhclient-{n}.conf"
+        conf.write_text("")
+        proc = self.spawn("client", [
+            self.binary("/usr/sbin/dhclient"), "-6", "-D", "LL", *(["-P"] if prefix else []),
+            "-r", "-v", "-cf", conf, "-lf", leases, "-pf", self.dir / f"dhclient-{n}.pid",
+            "-sf", CLIENT_SCRIPT, CLIENT_DEV], self.dir / f"dhclient-{n}.log")
+        try:
+            proc.wait(timeout)
+        finally:
+            self._stop(proc)
+
     def _dhclient(self, flags, until, timeout, conf_text=""):
         """Runs dhclient with `flags` until dhclient-script is called with `until`, at
         most `timeout` (+5) seconds; returns what the script was told then, or None."""
