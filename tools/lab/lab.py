@@ -749,7 +749,9 @@ class Lab:
             self.dir / f"dhclient-{n}.log")
 
         def done():
-            if f"reason={until}" in (result.read_text() if result.exists() else ""):
+            # Only whole records count: each ends with a blank line.
+            text = result.read_text() if result.exists() else ""
+            if f"reason={until}" in text[:text.rfind("\n\n") + 1]:
                 return "done"
             return "exited" if proc.poll() is not None else None
         try:
