@@ -717,11 +717,16 @@ class Lab:
         return Lease6(address=record.get("new_ip6_address"), prefix=record.get("new_ip6_prefix"),
                       vars=record)
 
+    def _next_client(self):
+        """A number no dhclient run of this lab has used yet: each run has files of its
+        own, also when the lab is driven step by step from separate processes."""
+        return len(list(self.dir.glob("dhclient-*.conf")))
+
     def release6(self, prefix=False, timeout=10):
         """dhclient -6 -r on the lease file of the last dhclient6(): the client sends a
         Release for what it holds; waits until dhclient exits."""
         leases = max(self.dir.glob("dhclient-*.leases"), key=lambda p: p.stat().st_mtime)
-        n = len(self.procs)
+        n = self._next_client()
         conf = self.dir / f"dhclient-{n}.conf"
         conf.write_text("")
         proc = self.spawn("client", [
@@ -736,7 +741,7 @@ class Lab:
     def _dhclient(self, flags, until, timeout, conf_text=""):
         """Runs dhclient with `flags` until dhclient-script is called with `until`, at
         most `timeout` (+5) seconds; returns what the script was told then, or None."""
-        n = len(self.procs)
+        n = self._next_client()
         result = self.dir / f"dhclient-{n}.result"
         conf = self.dir / f"dhclient-{n}.conf"
         conf.write_text(conf_text)
@@ -887,6 +892,7 @@ def main(argv):
     d.add_argument("role", choices=sorted(POOLS6))
     for step in ("client", "client6"):
         sub.add_parser(step).add_argument("--timeout", type=int, default=10)
+    sub.add_parser("client6-prefix").add_argument("--timeout", type=int, default=10)
     sub.add_parser("agent-config")
     sub.add_parser("names")
     sub.add_parser("down")
@@ -920,9 +926,15 @@ def main(argv):
             for line in d.read_text(errors="replace").splitlines():
                 if line.startswith(("Relay-forward", "Reply NA")):
                     print(f"  {d.stem}: {line}")
+    elif args.step == "client6-prefix":
+        lease = lab.dhclient6(args.timeout, prefix=True)
+        if lease is None:
+            print("no delegated prefix", file=sys.stderr)
+            return 1
+        print(f"prefix6 {lease.prefix} from {server_of6(lease.prefix)}")
     elif args.step == "agent-config":
         print(lab.agent_config(servers=[{"address": SERVER_IP}],
-                               servers_v6=[{"address": SERVER_IP6}]))
+                               servers_v6=[{"address": SERVER_IP6}], route_install=True))
     elif args.step == "names":
         for role, name in lab.ns.items():
             print(f"{role}={name}")
