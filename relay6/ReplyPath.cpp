@@ -107,9 +107,6 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
       return;
    }
 
-   if (routeInstallOn(*state))
-      doRouteInstallReply(pkt, *intf, *state, reply.hdr.peerAddress, srcIp, vrf);
-
    const uint8_t inner = pkt.data()[0];
    Ip6Addr txSrc;
    uint16_t port = DhcpVrfSmv6::kClientPort;
@@ -131,6 +128,9 @@ void DhcpRelaySmv6::handleRelayReply(Platform::Pkt& pkt, const Ip6Addr& srcIp, c
       }
       TRACE(7, "   setting txSrcIp6Addr: ", txSrc, " for intf ", *intf);
    }
+   // What is relayed down routes: the leases of a reply dropped above never reach anyone.
+   if (routeInstallOn(*state))
+      doRouteInstallReply(pkt, *intf, *state, reply.hdr.peerAddress, srcIp, vrf);
    Platform::UdpPam& udp = *sm->udpPam();
    udp.txDstAddrIs(reply.hdr.peerAddress);
    udp.txPortIs(port);
