@@ -17,7 +17,9 @@ bool UdpTestPam::inject(UdpDatagram datagram) {
    }
    if (!doQueueRx(std::move(datagram)))
       return false;
-   // As the socket does: what the announcement sends with a `done` leaves afterwards.
+   // As the socket does: what the announcement sends with a `done` leaves afterwards. A
+   // handler may release this object; the reference keeps it until the batch is out.
+   Ptr<UdpTestPam> self(this);
    doOpenTxBatch();
    doAnnounceRx();
    doCloseTxBatch();
