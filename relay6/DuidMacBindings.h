@@ -66,6 +66,10 @@ class DuidMacBindings {
    void dhcp6DuidMacBindingsDelAll();
 
    uint64_t refused() const { return refused_; }
+   // Seconds since the binding was made.
+   double age(const Dhcp6DuidMacBinding& binding) const {
+      return wheel_.clock().now() - binding.createdAt;
+   }
 
  private:
    void doDropHeld(Dhcp6DuidMacBinding& binding);
