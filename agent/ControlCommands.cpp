@@ -374,8 +374,13 @@ json ControlCommands::doShowDuidBindings() const {
               {"held", b.cachedPkt ? json(dhcp6MsgTypeName(b.rcvdMsgType)) : json(nullptr)},
               {"age", table.age(b)}});
       }
-      vrfs.push_back(
-          {{"vrf", name.toString()}, {"bindings", bindings}, {"refused", table.refused()}});
+      json captures = json::object();
+      for (const auto& [intf, state] : sm->captureStates())
+         captures[intf.toString()] = state;
+      vrfs.push_back({{"vrf", name.toString()},
+                      {"captures", captures},
+                      {"bindings", bindings},
+                      {"refused", table.refused()}});
    }
    return {{"limit", DuidMacBindings::kMaxBindings}, {"vrfs", vrfs}};
 }

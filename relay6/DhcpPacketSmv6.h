@@ -26,6 +26,7 @@ class DhcpPacketSmv6 {
 
    // The device's index when the capture was made: another one is another device.
    uint32_t ifindex() const { return ifindex_; }
+   const Platform::EthDevPam& pam() const { return *pam_; }
 
  private:
    const Platform::IntfId intf_;

@@ -171,6 +171,19 @@ void DhcpVrfSmv6::handleDevicePam(const IntfId& intf, Member& m) {
    TRACE(3, " capture of ", intf, " on ", device->deviceName(), " opened in VRF ", vrfName_);
 }
 
+std::map<IntfId, std::string> DhcpVrfSmv6::captureStates() const {
+   std::map<IntfId, std::string> out;
+   for (const auto& [intf, m] : members_) {
+      if (!m.packetSm)
+         continue;
+      const Platform::EthDevPam& pam = m.packetSm->pam();
+      out[intf] = pam.active()          ? "open"
+                  : pam.error().empty() ? "closed"
+                                        : "cannot open: " + pam.error();
+   }
+   return out;
+}
+
 // --- datagrams -----------------------------------------------------------------------------
 
 void DhcpVrfSmv6::handleReadableCount() {

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "model/Config.h"
 #include "model/Status.h"
@@ -62,6 +63,8 @@ class DhcpVrfSmv6 {
    }
    DuidMacBindings& duidMacBindings() { return duidMacBindings_; }
    const DuidMacBindings& duidMacBindings() const { return duidMacBindings_; }
+   // The interfaces whose frames are captured, each with "open" or why its capture is not.
+   std::map<Platform::IntfId, std::string> captureStates() const;
 
  private:
    struct Member {

@@ -84,9 +84,11 @@
 //     DHCPv6 socket: a client message of which one copy came (the captured frame or the
 //     socket's) and the other not yet. "mac" is the frame's source (null until the frame
 //     came), "held" the type of the message waiting for it (null when none waits), "age"
-//     seconds since the first copy; "refused" counts bindings the VRF had no room for:
+//     seconds since the first copy; "refused" counts bindings the VRF had no room for;
+//     "captures" names the interfaces whose frames are captured, with "open", "closed" or
+//     "cannot open: <reason>":
 //     {"limit": 4096,
-//      "vrfs": [{"vrf": "default", "refused": 0,
+//      "vrfs": [{"vrf": "default", "refused": 0, "captures": {"Ethernet1": "open"},
 //                "bindings": [{"duid": "00:03:00:01:02:00:00:00:0c:01", "xid": 1193046,
 //                              "mac": "02:00:00:00:0c:01" | null,
 //                              "interface": "Ethernet1" | null,

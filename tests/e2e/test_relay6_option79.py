@@ -23,6 +23,7 @@ def client_mac(lab):  # noqa: F811
 
 def bindings(agent):
     [vrf] = agent.show("duid-bindings")["vrfs"]
+    assert vrf["captures"] == {"Ethernet1": "open"}, vrf
     return vrf["bindings"]
 
 

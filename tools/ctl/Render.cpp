@@ -402,6 +402,10 @@ std::string renderDuidBindings(const json& data) {
       out += (out.empty() ? "" : "\n") + std::string("VRF ") + vrf.at("vrf").get<std::string>() +
              "  " + std::to_string(bindings.size()) + " of at most " + limit + " bindings, " +
              scalarText(vrf.value("refused", json())) + " refused\n";
+      if (vrf.contains("captures")) {
+         for (const auto& [intf, state] : vrf["captures"].items())
+            out += "  capture on " + intf + ": " + state.get<std::string>() + "\n";
+      }
       if (bindings.empty())
          continue;
       Table t({"Interface", "DUID", "Xid", "MAC", "Held", "Age"});
