@@ -1,5 +1,6 @@
 #include "agent/ControlCommands.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <map>
@@ -108,8 +109,11 @@ json ControlCommands::doShow(const json& request) const {
       return doShowCounters(request);
    if (what == "routes")
       return doShowRoutes();
-   throw Frontend::ControlError("cannot show \"" + what +
-                                "\": choose config, interfaces, vrfs, status, counters or routes");
+   if (what == "duid-bindings")
+      return doShowDuidBindings();
+   throw Frontend::ControlError(
+       "cannot show \"" + what +
+       "\": choose config, interfaces, vrfs, status, counters, routes or duid-bindings");
 }
 
 // The DHCPv6 relay's prefix bindings, each the route it keeps in its VRF's namespace.
@@ -345,6 +349,40 @@ std::string ControlCommands::metricsText() const {
    if (status6)
       families.push_back({"dhcpv6", *status6, kDropV6});
    return Frontend::metricsText({DHCP_RELAY_VERSION, startTime_}, families);
+}
+
+// The DUID-to-MAC bindings of the moment, read from the machines themselves: they come and
+// go with each client message, too often to be records in the store.
+json ControlCommands::doShowDuidBindings() const {
+   const DhcpRelaySmv6* relay6 = relay6_ ? relay6_() : nullptr;
+   if (!relay6)
+      throw Frontend::ControlError("the DHCPv6 relay is not running yet");
+   json vrfs = json::array();
+   for (const auto& [name, sm] : relay6->dhcpVrfSmv6s()) {
+      const DuidMacBindings& table = sm->duidMacBindings();
+      json bindings = json::array();
+      for (const auto& [key, b] : table.dhcp6DuidMacBindings()) {
+         std::string duid;
+         for (const uint8_t byte : b.duid())
+            duid += fmt::format("{}{:02x}", duid.empty() ? "" : ":", byte);
+         const std::string intf = b.intfIdName.toString();
+         bindings.push_back(
+             {{"duid", duid},
+              {"xid", key.xid},
+              {"mac", b.llAddr.isZero() ? json(nullptr) : json(b.llAddr.toString())},
+              {"interface", intf.empty() ? json(nullptr) : json(intf)},
+              {"held", b.cachedPkt ? json(dhcp6MsgTypeName(b.rcvdMsgType)) : json(nullptr)},
+              {"age", table.age(b)}});
+      }
+      json captures = json::object();
+      for (const auto& [intf, state] : sm->captureStates())
+         captures[intf.toString()] = state;
+      vrfs.push_back({{"vrf", name.toString()},
+                      {"captures", captures},
+                      {"bindings", bindings},
+                      {"refused", table.refused()}});
+   }
+   return {{"limit", DuidMacBindings::kMaxBindings}, {"vrfs", vrfs}};
 }
 
 // Clearing is a trigger in the counter configuration; the counters machine resets

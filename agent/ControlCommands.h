@@ -10,6 +10,7 @@
 #include "model/Status.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/loop/Clock.h"
+#include "relay6/DhcpRelaySmv6.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -28,6 +29,8 @@ class ControlCommands {
 
    // The metrics endpoint's text: the counters show counters would give at this moment.
    std::string metricsText() const;
+   // Where show duid-bindings finds the DHCPv6 relay: null until the agent has built it.
+   void relay6Is(std::function<const DhcpRelaySmv6*()> relay6) { relay6_ = std::move(relay6); }
 
  private:
    nlohmann::json doShow(const nlohmann::json& request) const;
@@ -37,6 +40,7 @@ class ControlCommands {
    nlohmann::json doShowStatus() const;
    nlohmann::json doShowRoutes() const;
    nlohmann::json doShowCounters(const nlohmann::json& request) const;
+   nlohmann::json doShowDuidBindings() const;
    nlohmann::json doClear(const nlohmann::json& request) const;
    Ptr<const Status> status() const;
    Ptr<const Status> status6() const;
@@ -55,6 +59,7 @@ class ControlCommands {
    Reload reload_;
    const Frontend::MetricsServer& metrics_;
    double startTime_;
+   std::function<const DhcpRelaySmv6*()> relay6_;
 };
 
 }  // namespace Ip::Helper::DhcpRelay

@@ -65,6 +65,10 @@ int Daemon::run() {
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
    agent_ = registry.agentNew(Agent::kAgentName, ctx_);
    agent_->doInit(store_);
+   commands_->relay6Is([this]() -> const DhcpRelaySmv6* {
+      const auto* agent = dynamic_cast<const Agent*>(agent_.get());
+      return agent && agent->dhcp6Root() ? agent->dhcp6Root()->dhcpRelaySmv6() : nullptr;
+   });
    TRACE(1, " starting with ", config_.path(), ": ", config_.summary(),
          "; open descriptors allowed: ", files);
    for (const std::string& w : config_.warnings())

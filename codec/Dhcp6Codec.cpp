@@ -107,6 +107,47 @@ uint32_t dhcp6TransactionId(const Platform::Pkt& pkt, size_t msgOffset) {
    return word ? *word & 0xffffff : 0;
 }
 
+std::optional<Dhcp6Duid> dhcp6ParseDuid(std::span<const uint8_t> duid) {
+   constexpr size_t kLinkLayerDuid = 10, kLinkLayerTimeDuid = 14, kUuidDuid = 18, kEnMinDuid = 6;
+   Platform::ByteReader reader(duid);
+   Dhcp6Duid out;
+   out.type = reader.read16().value_or(0);
+   const auto linkLayer = [&](bool withTime) {
+      out.hwType = *reader.read16();
+      if (withTime)
+         reader.skip(4);
+      Platform::EthAddr::Bytes mac{};
+      const auto bytes = *reader.bytes(mac.size());
+      std::copy(bytes.begin(), bytes.end(), mac.begin());
+      out.llAddr = Platform::EthAddr(mac);
+   };
+   switch (out.type) {
+      case dhcp6DuidLlt:
+         if (duid.size() != kLinkLayerTimeDuid)
+            return std::nullopt;
+         linkLayer(true);
+         return out;
+      case dhcp6DuidLl:
+         if (duid.size() != kLinkLayerDuid)
+            return std::nullopt;
+         linkLayer(false);
+         return out;
+      case dhcp6DuidUuid:
+         if (duid.size() != kUuidDuid)
+            return std::nullopt;
+         out.uuid = duid.subspan(2);
+         return out;
+      case dhcp6DuidEn:
+         if (duid.size() < kEnMinDuid || duid.size() > kDhcp6MaxDuid)
+            return std::nullopt;
+         out.entno = *reader.read32();
+         out.entId = duid.subspan(kEnMinDuid);
+         return out;
+      default:
+         return std::nullopt;
+   }
+}
+
 bool dhcp6ParseRelayReply(const Platform::Pkt& pkt, Dhcp6RelayReply& out, Dhcp6ReplyError& error) {
    out = Dhcp6RelayReply{};
    const auto hdr = dhcp6RelayHdr(pkt);

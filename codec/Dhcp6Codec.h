@@ -112,6 +112,31 @@ std::span<const uint8_t> dhcp6ClientDuid(const Platform::Pkt& pkt, size_t msgOff
 // The 24-bit transaction id of a client/server message; 0 when too short.
 uint32_t dhcp6TransactionId(const Platform::Pkt& pkt, size_t msgOffset = 0);
 
+// DUID types (RFC 8415 section 11).
+enum Dhcp6DuidType : uint16_t {
+   dhcp6DuidLlt = 1,   // link-layer address plus time
+   dhcp6DuidEn = 2,    // enterprise number
+   dhcp6DuidLl = 3,    // link-layer address
+   dhcp6DuidUuid = 4,  // UUID
+};
+// The longest DUID: the type and 128 bytes (RFC 8415 section 11.1).
+constexpr size_t kDhcp6MaxDuid = 130;
+
+// The fields of a DUID that name a client (a DUID-LLT's time does not: the same client may
+// send it anew). The views point into the DUID.
+struct Dhcp6Duid {
+   uint16_t type = 0;
+   uint16_t hwType = 0;             // types 1 and 3
+   Platform::EthAddr llAddr;        // types 1 and 3
+   std::span<const uint8_t> uuid;   // type 4: 16 bytes
+   uint32_t entno = 0;              // type 2
+   std::span<const uint8_t> entId;  // type 2: what follows the enterprise number
+};
+// Reads a DUID of types 1 to 4 whose length fits its type: 14 bytes for type 1 and 10 for
+// type 3 (a 6-byte link-layer address), 18 for type 4, 6 to kDhcp6MaxDuid for type 2;
+// nullopt for any other.
+std::optional<Dhcp6Duid> dhcp6ParseDuid(std::span<const uint8_t> duid);
+
 // What a Relay-Repl (at offset 0) holds for the reply path.
 struct Dhcp6RelayReply {
    Dhcp6RelayHdr hdr;

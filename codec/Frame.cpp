@@ -1,5 +1,6 @@
 #include "codec/Frame.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "platform/packet/ByteCursor.h"
@@ -205,6 +206,16 @@ FrameLayout locateFrame(std::span<const uint8_t> frame) {
    at.srcPort = read16At(frame, at.udp + UdpLayout::srcPort).value_or(0);
    at.dstPort = read16At(frame, at.udp + UdpLayout::dstPort).value_or(0);
    return at;
+}
+
+std::optional<Platform::EthAddr> frameSrcMac(std::span<const uint8_t> frame) {
+   ByteReader r(frame);
+   Platform::EthAddr::Bytes mac{};
+   if (frame.size() < EthLayout::header || !r.skip(EthLayout::src))
+      return std::nullopt;
+   const auto bytes = *r.bytes(mac.size());
+   std::copy(bytes.begin(), bytes.end(), mac.begin());
+   return Platform::EthAddr(mac);
 }
 
 bool frameChecksumsOk(std::span<const uint8_t> frame, const FrameLayout& at) {

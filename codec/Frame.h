@@ -123,6 +123,9 @@ struct FrameLayout {
 // right after the fixed header), UDP. Checksums are not looked at: see frameChecksumsOk.
 FrameLayout locateFrame(std::span<const uint8_t> frame);
 
+// The source MAC address of a frame; nullopt when it is shorter than an Ethernet header.
+std::optional<Platform::EthAddr> frameSrcMac(std::span<const uint8_t> frame);
+
 // True when the IPv4 header checksum (IPv4) and the UDP checksum hold. A UDP checksum of 0
 // over IPv4 means "none" and holds; over IPv6 it never does. Check this before editing a
 // received frame: fixUdpFrame computes checksums afresh, which would make a frame damaged

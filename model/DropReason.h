@@ -66,7 +66,13 @@ inline constexpr uint8_t kDropV6 = 2;
    X(intfChangedVrf, v6)       /* the interface left the VRF the Interface-Id names */          \
    X(zeroLinkAddress, v6)      /* a reply for a client with link-address :: */                  \
    X(noLinkLocal, v6)          /* the client interface has no link-local address */             \
-   X(ccapEditFailed, v6)       /* the CCAP cores could not be written into the reply */
+   X(ccapEditFailed, v6)       /* the CCAP cores could not be written into the reply */         \
+   /* the client's MAC for option 79 */                                                         \
+   X(noClientId, v6)               /* a Solicit or Request without a Client Identifier */       \
+   X(badDuid, v6)                  /* a DUID the client's MAC cannot be learned by */           \
+   X(clientMacPending, v6)         /* the message again while the first waits for the MAC */    \
+   X(noClientLinkLayerAddress, v6) /* no captured frame showed the client's MAC in time */      \
+   X(duidMacBindingLimit, v6)      /* the VRF holds as many DUID-to-MAC bindings as it may */
 
 #define DHCP_RELAY_DROP_ENUM(name, families) name,
 enum class DropReason : uint8_t { DHCP_RELAY_DROP_REASONS(DHCP_RELAY_DROP_ENUM) };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/DropReason.h"
+#include "platform/addr/EthAddr.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/Ip6Addr.h"
 #include "platform/addr/VrfName.h"
@@ -14,6 +16,14 @@ class Dhcp6PacketSink {
    virtual void doProcessPacket(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp,
                                 const Platform::Ip6Addr& dstIp, const Platform::IntfId& intf,
                                 const Platform::VrfName& vrf) = 0;
+   // A Relay-Forw held for its client's MAC, which a captured frame has shown: it goes on to
+   // the servers with option 79, as if it had just come.
+   virtual void doRelayHeld(Platform::Pkt& relayForw, uint8_t msgType, const Platform::IntfId& intf,
+                            const Platform::Ip6Addr& linkAddr, const Platform::VrfName& vrf,
+                            const Platform::EthAddr& mac) = 0;
+   // A client message dropped for want of its client's MAC.
+   virtual void doDroppedByOption79(uint8_t msgType, const Platform::IntfId& intf,
+                                    DropReason reason) = 0;
 
  protected:
    ~Dhcp6PacketSink() = default;

@@ -258,7 +258,7 @@ void DhcpRelaySmv6::handleVrfAdd(const VrfName& vrf) {
        vrf, nsName, in_.config,
        VrfSockets::Deps{*in_.pamFactory, *in_.entityManager, *in_.intfStatusManagerRoot,
                         in_.deviceIntfStatusDir},
-       *in_.status, *this);
+       *in_.status, *this, *in_.timerWheel);
    DhcpVrfSmv6& added = *sm;
    dhcpVrfSmv6_[vrf] = std::move(sm);
    if (auto it = intfsInVrf_.find(vrf); it != intfsInVrf_.end()) {

@@ -27,6 +27,7 @@
 #include "relay/DhcpPamFactory.h"
 #include "relay/IntfLookupTable.h"
 #include "relay/RelayVrfSet.h"
+#include "relay6/Dhcp6DuidMacBinding.h"
 #include "relay6/Dhcp6PacketSink.h"
 #include "relay6/DhcpVrfSmv6.h"
 
@@ -107,10 +108,18 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    void doProcessPacket(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp,
                         const Platform::Ip6Addr& dstIp, const Platform::IntfId& intf,
                         const Platform::VrfName& vrf) override;
+   void doRelayHeld(Platform::Pkt& relayForw, uint8_t msgType, const Platform::IntfId& intf,
+                    const Platform::Ip6Addr& linkAddr, const Platform::VrfName& vrf,
+                    const Platform::EthAddr& mac) override;
+   void doDroppedByOption79(uint8_t msgType, const Platform::IntfId& intf,
+                            DropReason reason) override;
 
    // Queries.
    const Ptr<Status>& status() const { return in_.status; }
    DhcpVrfSmv6* dhcpVrfSmv6(const Platform::VrfName& vrf) const;
+   const std::map<Platform::VrfName, std::unique_ptr<DhcpVrfSmv6>>& dhcpVrfSmv6s() const {
+      return dhcpVrfSmv6_;
+   }
 
  protected:
    // Where the kernel of a VRF's namespace sends a packet to `server`. Virtual so that
@@ -146,6 +155,21 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    void handleForwardReq(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp, uint8_t msgType,
                          const Platform::IntfId& intf, const Platform::VrfName& vrf);
    void forwardReqHelper(Forward& fwd);
+   // --- option 79, the client's MAC (ClientLinkLayerAddr.cpp)
+   bool wantsClientMac(uint8_t msgType) const;
+   // The binding key of the client message at offset 0, and its DUID; nullopt, dropped, when
+   // it has no DUID to key by.
+   std::optional<Dhcp6DuidMacBindingKey> doClientMacKey(const Platform::Pkt& msg, uint8_t msgType,
+                                                        const Platform::IntfId& intf,
+                                                        std::span<const uint8_t>& duid);
+   // Writes option 79 into the Relay-Forw when a frame showed the MAC already; otherwise the
+   // VRF holds a copy for the frame, or the message is dropped. True: relay it now.
+   bool doClientLinkLayerAddr(Platform::Pkt& relayForw, const Dhcp6DuidMacBindingKey& key,
+                              std::span<const uint8_t> duid, uint8_t msgType,
+                              const Platform::IntfId& intf, const Platform::Ip6Addr& linkAddr,
+                              const Platform::VrfName& vrf);
+   bool doClientMacIs(Platform::Pkt& relayForw, uint8_t msgType, const Platform::IntfId& intf,
+                      const Platform::EthAddr& mac);
    bool forwardPacketHelper(Forward& fwd, const VrfIpSrcIntfSrcIp& server);
    // The first global unicast address of an interface; :: when it has none.
    static Platform::Ip6Addr globalAddressOf(const Ip6::IntfStatus& status);

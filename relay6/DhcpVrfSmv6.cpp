@@ -15,13 +15,14 @@ const Platform::Ip6Addr DhcpVrfSmv6::kAllRelayAgentsAndServers(Platform::Ip6Addr
 
 DhcpVrfSmv6::DhcpVrfSmv6(const Platform::VrfName& vrfName, const Platform::NamespaceName& nsName,
                          const Ptr<const Config>& config, const VrfSockets::Deps& deps,
-                         Status& status, Dhcp6PacketSink& sink)
+                         Status& status, Dhcp6PacketSink& sink, Platform::TimerWheel& wheel)
     : vrfName_(vrfName),
       nsName_(nsName),
       dhcpRelayConfig_(config),
       deps_(deps),
       status_(status),
-      sink_(sink) {
+      sink_(sink),
+      duidMacBindings_(vrfName, wheel, sink) {
    handleInitialized();
 }
 
@@ -41,6 +42,8 @@ void DhcpVrfSmv6::handleInitialized() {
    // A reopened socket has no memberships: they are joined again once it is open.
    sockets_->onStateIs([this] { doSyncMcastAll(); });
    configWatch_.on(&Config::Reactor::handleDscpV6, [this] { handleDscpV6(); });
+   configWatch_.on(&Config::Reactor::handleClientLinkLayerAddrOpt,
+                   [this] { handleClientLinkLayerAddrOptOn(); });
    configWatch_.notifierIs(dhcpRelayConfig_);
    localDirWatch_.on(&Interface::AllIntfStatusLocalDir::Reactor::handleIntfStatusLocal,
                      [this](const IntfId& intf) { handleIntfStatusLocal(intf); });
@@ -70,6 +73,7 @@ void DhcpVrfSmv6::handleIntfsInVrf(const IntfId& intf, bool member) {
                  [this, intf] { handleIntfStatusLocal(intf); });
       m.local.notifierIs(deps_.intfStatus.intfStatusLocal()->intfStatusLocal(intf));
       doSyncMcast(intf, m);
+      handleDevicePam(intf, m);
       return;
    }
    auto it = members_.find(intf);
@@ -89,6 +93,7 @@ void DhcpVrfSmv6::handleIntfStatusLocal(const IntfId& intf) {
    if (m.local.notifier() != record)
       m.local.notifierIs(record);
    doSyncMcast(intf, m);
+   handleDevicePam(intf, m);
 }
 
 void DhcpVrfSmv6::doSyncMcastAll() {
@@ -132,6 +137,51 @@ void DhcpVrfSmv6::doLeave(const IntfId& intf, Member& m) {
       TRACE(4, " udpPam handleMcastGroup failed with error", " ", error, " on ", intf);
    m.joined = 0;
    TRACE(3, "   interface ", intf, " left ", kAllRelayAgentsAndServers, " in VRF ", vrfName_);
+}
+
+// --- client frames, for option 79 ------------------------------------------------------
+
+// Off, the captures go and so do the bindings, with what they held.
+void DhcpVrfSmv6::handleClientLinkLayerAddrOptOn() {
+   TRACE(3, " with clientLinkLayerAddrOpt ", dhcpRelayConfig_->clientLinkLayerAddrOpt(), " for ",
+         vrfName_);
+   for (auto& [intf, m] : members_)
+      handleDevicePam(intf, m);
+   if (!dhcpRelayConfig_->clientLinkLayerAddrOpt())
+      duidMacBindings_.dhcp6DuidMacBindingsDelAll();
+}
+
+// A capture is bound to one device: a device that went, or came back under another index,
+// takes the old capture with it.
+void DhcpVrfSmv6::handleDevicePam(const IntfId& intf, Member& m) {
+   const Ptr<const KernelNetInfo::KernelIntf> device =
+       sockets_ && dhcpRelayConfig_->clientLinkLayerAddrOpt() ? sockets_->kernelDevice(intf)
+                                                              : nullptr;
+   const uint32_t ifindex = device ? device->ifindex() : 0;
+   if (m.packetSm && m.packetSm->ifindex() == ifindex)
+      return;
+   if (m.packetSm) {
+      TRACE(3, " capture of ", intf, " closed in VRF ", vrfName_);
+      m.packetSm.reset();
+   }
+   if (!device)
+      return;
+   m.packetSm = std::make_unique<DhcpPacketSmv6>(
+       intf, ifindex, deps_.pams.ethDevPam(device->deviceName(), nsName_.str()), duidMacBindings_);
+   TRACE(3, " capture of ", intf, " on ", device->deviceName(), " opened in VRF ", vrfName_);
+}
+
+std::map<IntfId, std::string> DhcpVrfSmv6::captureStates() const {
+   std::map<IntfId, std::string> out;
+   for (const auto& [intf, m] : members_) {
+      if (!m.packetSm)
+         continue;
+      const Platform::EthDevPam& pam = m.packetSm->pam();
+      out[intf] = pam.active()          ? "open"
+                  : pam.error().empty() ? "closed"
+                                        : "cannot open: " + pam.error();
+   }
+   return out;
 }
 
 // --- datagrams -----------------------------------------------------------------------------
@@ -181,8 +231,11 @@ void DhcpVrfSmv6::handleDel() {
 void DhcpVrfSmv6::doClose() {
    configWatch_.notifierIs(nullptr);
    localDirWatch_.notifierIs(nullptr);
-   for (auto& [intf, m] : members_)
+   for (auto& [intf, m] : members_) {
       doLeave(intf, m);
+      m.packetSm.reset();
+   }
+   duidMacBindings_.dhcp6DuidMacBindingsDelAll();
    sockets_.reset();
 }
 

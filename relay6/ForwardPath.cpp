@@ -81,23 +81,54 @@ void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, u
    }
    if ((msgType == dhcp6Release || msgType == dhcp6RelayForw) && routeInstallOn(*state))
       doRouteInstallRelease(pkt, intf, *state, srcIp);
+   // The client's DUID is read from the message alone, before anything is wrapped around it.
+   std::span<const uint8_t> duid;
+   const std::optional<Dhcp6DuidMacBindingKey> macKey =
+       wantsClientMac(msgType) ? doClientMacKey(pkt, msgType, intf, duid) : std::nullopt;
+   if (wantsClientMac(msgType) && !macKey)
+      return;
    const Platform::EthAddr mac = in_.config->remoteIdMac().isZero() ? in_.entityMib->systemMacAddr()
                                                                     : in_.config->remoteIdMac();
    if (!dhcp6WrapRelayForw(pkt, hopCount, srcIp) ||
-       !dhcp6AppendRemoteId(pkt, in_.config->remoteIdEnterprise(), mac, interfaceIdValue(intf)) ||
-       !setIntfNameVrfInPkt(pkt, intf.str(), vrf.str())) {
+       !dhcp6AppendRemoteId(pkt, in_.config->remoteIdEnterprise(), mac, interfaceIdValue(intf))) {
       TRACE(5, " no room to build the Relay-Forw of ", pkt.bytes(), " bytes on ", intf,
             ". Dropping packet.");
       doDropped(msgType, intf, DropReason::relayForwBuildFailed);
       return;
    }
+   // Held until a captured frame shows the client's MAC, or dropped.
+   if (macKey && !doClientLinkLayerAddr(pkt, *macKey, duid, msgType, intf, linkAddr, vrf))
+      return;
    Forward fwd{pkt, intf, vrf, *state, msgType, hopCount, linkAddr};
+   forwardReqHelper(fwd);
+}
+
+// A Relay-Forw that waited for the client's MAC (ClientLinkLayerAddr.cpp) goes the same way.
+void DhcpRelaySmv6::doRelayHeld(Platform::Pkt& relayForw, uint8_t msgType, const IntfId& intf,
+                                const Platform::Ip6Addr& linkAddr, const Platform::VrfName& vrf,
+                                const Platform::EthAddr& mac) {
+   Intf* state = this->intf(intf);
+   if (!state || !state->relaying) {
+      TRACE(5, "   received DHCP request packets on", " non-configured interface: ", intf,
+            ". Dropping it.");
+      doDropped(msgType, intf, DropReason::notConfigured);
+      return;
+   }
+   if (!doClientMacIs(relayForw, msgType, intf, mac))
+      return;
+   // Only client messages are held: our Relay-Forw is the first hop.
+   Forward fwd{relayForw, intf, vrf, *state, msgType, 0, linkAddr};
    forwardReqHelper(fwd);
 }
 
 // Same-VRF servers first, in configuration order; then the cross-VRF ones, which alone carry
 // the client's VRF in option 68, in the servers' own order.
 void DhcpRelaySmv6::forwardReqHelper(Forward& fwd) {
+   if (!setIntfNameVrfInPkt(fwd.pkt, fwd.intf.str(), fwd.vrf.str())) {
+      TRACE(5, " no room for the Interface-Id on ", fwd.intf, ". Dropping packet.");
+      doDropped(fwd.msgType, fwd.intf, DropReason::relayForwBuildFailed);
+      return;
+   }
    crossVrf_.clear();
    for (const auto& [server, configured] : fwd.state.config.notifier()->serverIp6()) {
       if (!configured)

@@ -79,6 +79,21 @@
 //                  "interface": "Ethernet1", "vrf": "default", "preferredLifetime": 3600,
 //                  "validLifetime": 7200, "writeTime": 1714560000.5, "remaining": 7190.2}]}
 //
+//   {"cmd": "show", "what": "duid-bindings"}
+//     The DHCPv6 relay's DUID-to-MAC bindings (client-link-layer-address), per VRF with a
+//     DHCPv6 socket: a client message of which one copy came (the captured frame or the
+//     socket's) and the other not yet. "mac" is the frame's source (null until the frame
+//     came), "held" the type of the message waiting for it (null when none waits), "age"
+//     seconds since the first copy; "refused" counts bindings the VRF had no room for;
+//     "captures" names the interfaces whose frames are captured, with "open", "closed" or
+//     "cannot open: <reason>":
+//     {"limit": 4096,
+//      "vrfs": [{"vrf": "default", "refused": 0, "captures": {"Ethernet1": "open"},
+//                "bindings": [{"duid": "00:03:00:01:02:00:00:00:0c:01", "xid": 1193046,
+//                              "mac": "02:00:00:00:0c:01" | null,
+//                              "interface": "Ethernet1" | null,
+//                              "held": "SOLICIT" | null, "age": 1.5}]}]}
+//
 //   {"cmd": "reload"}
 //     Re-reads the configuration file and applies it whole, or not at all (then the
 //     reply is an error listing what is wrong, one problem per line).

@@ -20,6 +20,7 @@
 #include "model/switch/IpStatus.h"
 #include "model/switch/VrfStatus.h"
 #include "platform/loop/TimerWheel.h"
+#include "platform/pam/EthDevTestPam.h"
 #include "platform/pam/RawTxTestPam.h"
 #include "platform/pam/UdpTestPam.h"
 #include "platform/store/StateStore.h"
@@ -113,6 +114,10 @@ class TestPamFactory : public DhcpPamFactory {
    Ptr<Platform::RawTxPam> rawTxPam(const std::string& name) override {
       return raw[name] = make<Platform::RawTxTestPam>(name);
    }
+   // Kept by device: the latest capture of each.
+   Ptr<Platform::EthDevPam> ethDevPam(const std::string& device, const std::string& ns) override {
+      return eth[device] = make<Platform::EthDevTestPam>(device, ns);
+   }
    std::unique_ptr<Platform::RouteSocket> routeSocket(const std::string&,
                                                       std::string& error) override {
       error = "no netlink in unit tests";
@@ -121,6 +126,7 @@ class TestPamFactory : public DhcpPamFactory {
 
    std::map<std::string, Ptr<Platform::UdpTestPam>> udp;
    std::map<std::string, Ptr<Platform::RawTxTestPam>> raw;
+   std::map<std::string, Ptr<Platform::EthDevTestPam>> eth;
 };
 
 // The records a relay machine reads, with a store and interface status managers that need

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <set>
@@ -391,6 +392,38 @@ std::string renderStatus(const json& data) {
       relayInto(data["dhcpv6"], out);
    }
    return out;
+}
+
+std::string renderDuidBindings(const json& data) {
+   const std::string limit = scalarText(data.value("limit", json()));
+   std::string out;
+   for (const auto& vrf : data.at("vrfs")) {
+      const json& bindings = vrf.at("bindings");
+      out += (out.empty() ? "" : "\n") + std::string("VRF ") + vrf.at("vrf").get<std::string>() +
+             "  " + std::to_string(bindings.size()) + " of at most " + limit + " bindings, " +
+             scalarText(vrf.value("refused", json())) + " refused\n";
+      if (vrf.contains("captures")) {
+         for (const auto& [intf, state] : vrf["captures"].items())
+            out += "  capture on " + intf + ": " + state.get<std::string>() + "\n";
+      }
+      if (bindings.empty())
+         continue;
+      Table t({"Interface", "DUID", "Xid", "MAC", "Held", "Age"});
+      t.rightAlignedIs(5);
+      for (const auto& b : bindings) {
+         const auto text = [&](const char* key) {
+            const json& v = b.at(key);
+            return v.is_null() ? std::string("-") : v.get<std::string>();
+         };
+         char xid[16];
+         std::snprintf(xid, sizeof xid, "0x%06x", b.at("xid").get<unsigned>());
+         char age[32];
+         std::snprintf(age, sizeof age, "%.1fs", b.at("age").get<double>());
+         t.rowAdd({text("interface"), text("duid"), xid, text("mac"), text("held"), age});
+      }
+      out += t.text(2);
+   }
+   return out.empty() ? "No VRF relays DHCPv6.\n" : out;
 }
 
 std::string renderReload(const json& data) {

@@ -14,6 +14,7 @@ std::string renderInterfaces(const nlohmann::json& data);
 std::string renderVrfs(const nlohmann::json& data);
 std::string renderRoutes(const nlohmann::json& data);
 std::string renderStatus(const nlohmann::json& data);
+std::string renderDuidBindings(const nlohmann::json& data);
 // The drop counters by reason, those that are not zero.
 std::string renderDrops(const nlohmann::json& data);
 std::string renderReload(const nlohmann::json& data);

@@ -61,6 +61,10 @@ int main(int argc, char** argv) {
    showCommand(*show, cmd, "routes",
                "routes of delegated DHCPv6 prefixes: next hop, interface, VRF, time left",
                Ctl::renderRoutes);
+   showCommand(*show, cmd, "duid-bindings",
+               "DHCPv6 clients' DUID-to-MAC bindings waiting for their other copy "
+               "(client-link-layer-address)",
+               Ctl::renderDuidBindings);
    std::string counterIntf;
    CLI::App* showCounters =
        show->add_subcommand("counters", "relay counters, fresh from the packet paths");
