@@ -152,6 +152,8 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    void doRunControl();
 
    // --- forward path (ForwardPath.cpp)
+   // The interface a message came in on, if it relays; otherwise the message is dropped.
+   Intf* relayingIntf(uint8_t msgType, const Platform::IntfId& intf);
    void handleForwardReq(Platform::Pkt& pkt, const Platform::Ip6Addr& srcIp, uint8_t msgType,
                          const Platform::IntfId& intf, const Platform::VrfName& vrf);
    void forwardReqHelper(Forward& fwd);

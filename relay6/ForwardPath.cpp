@@ -41,15 +41,22 @@ uint64_t interfaceIdValue(const IntfId& intf) {
 
 }  // namespace
 
-void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, uint8_t msgType,
-                                     const IntfId& intf, const VrfName& vrf) {
+DhcpRelaySmv6::Intf* DhcpRelaySmv6::relayingIntf(uint8_t msgType, const IntfId& intf) {
    Intf* state = this->intf(intf);
    if (!state || !state->relaying) {
       TRACE(5, "   received DHCP request packets on", " non-configured interface: ", intf,
             ". Dropping it.");
       doDropped(msgType, intf, DropReason::notConfigured);
-      return;
+      return nullptr;
    }
+   return state;
+}
+
+void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, uint8_t msgType,
+                                     const IntfId& intf, const VrfName& vrf) {
+   Intf* state = relayingIntf(msgType, intf);
+   if (!state)
+      return;
    uint8_t hopCount = 0;
    if (msgType == dhcp6RelayForw) {
       const std::optional<Dhcp6RelayHdr> hdr = dhcp6RelayHdr(pkt);
@@ -107,13 +114,9 @@ void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, u
 void DhcpRelaySmv6::doRelayHeld(Platform::Pkt& relayForw, uint8_t msgType, const IntfId& intf,
                                 const Platform::Ip6Addr& linkAddr, const Platform::VrfName& vrf,
                                 const Platform::EthAddr& mac) {
-   Intf* state = this->intf(intf);
-   if (!state || !state->relaying) {
-      TRACE(5, "   received DHCP request packets on", " non-configured interface: ", intf,
-            ". Dropping it.");
-      doDropped(msgType, intf, DropReason::notConfigured);
+   Intf* state = relayingIntf(msgType, intf);
+   if (!state)
       return;
-   }
    if (!doClientMacIs(relayForw, msgType, intf, mac))
       return;
    // Only client messages are held: our Relay-Forw is the first hop.
