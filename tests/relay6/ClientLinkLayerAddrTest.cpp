@@ -1,11 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "codec/Dhcp6Codec.h"
 #include "codec/Frame.h"
-#include "model/switch/Ip6Status.h"
-#include "model/switch/SystemStatus.h"
-#include "relay6/DhcpRelaySmv6.h"
-#include "tests/relay4/RelayTestBed.h"
+#include "tests/relay6/Relay6TestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
 namespace {
@@ -13,9 +9,6 @@ namespace {
 using Platform::EthAddr;
 using Platform::Ip6Addr;
 
-Ip6Addr ip6(const char* text) {
-   return *Ip6Addr::parse(text);
-}
 Bytes hexBytes(std::string_view hex) {
    Bytes out;
    for (size_t i = 0; i + 1 < hex.size(); i += 2)
@@ -31,17 +24,6 @@ Bytes message(uint8_t type, uint32_t xid, const Bytes& duid = kDuidLl) {
       b.insert(b.end(), duid.begin(), duid.end());
    }
    return b;
-}
-// The options of a Relay-Forw, code by code.
-std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& msg) {
-   std::vector<std::pair<uint16_t, Bytes>> out;
-   for (size_t at = Dhcp6Layout::relayHeader; at + 4 <= msg.size();) {
-      const size_t len = size_t(msg[at + 2] << 8 | msg[at + 3]);
-      out.emplace_back(uint16_t(msg[at] << 8 | msg[at + 1]),
-                       Bytes(msg.begin() + long(at + 4), msg.begin() + long(at + 4 + len)));
-      at += 4 + len;
-   }
-   return out;
 }
 std::optional<Dhcp6DuidMacBindingKey> key(const Bytes& duid, uint32_t xid) {
    const auto parsed = dhcp6ParseDuid(duid);
@@ -76,7 +58,7 @@ TEST(DuidMacBindingKeyTest, NamesClientAndMessage) {
 
 const EthAddr kFrameMac = mac(0x0c01);
 
-class ClientLinkLayerAddrTest : public testing::Test {
+class ClientLinkLayerAddrTest : public testing::Test, public Relay6TestBed {
  protected:
    ClientLinkLayerAddrTest() {
       auto status = ip6Status->intfIs(IntfId("Ethernet1"));
@@ -87,9 +69,7 @@ class ClientLinkLayerAddrTest : public testing::Test {
           ->serverIp6Is({VrfName("default"), ip6("2001:db8:2::2"), {}, ip6("2001:db8:1::1")}, true);
       bed.activeVrfIs("default", 1);
       bed.config->clientLinkLayerAddrOptIs(true);
-      sm = std::make_unique<DhcpRelaySmv6>(DhcpRelaySmv6::Inputs{
-          bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
-          mcGroups, &bed.store, bed.managers.get(), &bed.pams, &bed.wheel});
+      sm = std::make_unique<DhcpRelaySmv6>(inputs());
       sm->handleInitialized();
    }
    Platform::UdpTestPam& udp() { return *bed.pams.udp.at("UdpSocket-default"); }
@@ -115,11 +95,6 @@ class ClientLinkLayerAddrTest : public testing::Test {
               bed.status->intfStatus(IntfId("Ethernet1"))->requestsDroppedByOption79()};
    }
 
-   RelayTestBed bed;
-   Ptr<Ip6::Status> ip6Status = make<Ip6::Status>("ip6");
-   Ptr<EntityMib::Status> entityMib = make<EntityMib::Status>("entmib");
-   Ptr<Ip6::MulticastGroupsForApplications> mcGroups =
-       make<Ip6::MulticastGroupsForApplications>("dhcprelay");
    std::unique_ptr<DhcpRelaySmv6> sm;
 };
 

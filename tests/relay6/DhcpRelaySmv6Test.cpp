@@ -1,20 +1,12 @@
 #include <gtest/gtest.h>
 
-#include "codec/Dhcp6Codec.h"
-#include "model/switch/Ip6Status.h"
-#include "model/switch/SystemStatus.h"
-#include "relay6/DhcpRelaySmv6.h"
-#include "tests/relay4/RelayTestBed.h"
+#include "tests/relay6/Relay6TestBed.h"
 
 namespace Ip::Helper::DhcpRelay::Test {
 namespace {
 
 using Platform::Ip6Addr;
 using Platform::Ip6Prefix;
-
-Ip6Addr ip6(const char* text) {
-   return *Ip6Addr::parse(text);
-}
 
 void put(Bytes& b, std::initializer_list<uint8_t> bytes) {
    b.insert(b.end(), bytes);
@@ -45,18 +37,6 @@ Bytes relayMsg(uint8_t type, uint8_t hops, const Ip6Addr& link, const Ip6Addr& p
    putOption(b, dhcp6OptRelayMsg, inner);
    return b;
 }
-// The options of a relay message, code by code, in order.
-std::vector<std::pair<uint16_t, Bytes>> options(const Bytes& msg) {
-   std::vector<std::pair<uint16_t, Bytes>> out;
-   for (size_t at = Dhcp6Layout::relayHeader; at + 4 <= msg.size();) {
-      const uint16_t code = uint16_t(msg[at] << 8 | msg[at + 1]);
-      const size_t len = size_t(msg[at + 2] << 8 | msg[at + 3]);
-      out.emplace_back(code, Bytes(msg.begin() + long(at + 4), msg.begin() + long(at + 4 + len)));
-      at += 4 + len;
-   }
-   return out;
-}
-
 // The kernel's answers without a kernel: a route to each server it knows, from `source`.
 class TestRelay : public DhcpRelaySmv6 {
  public:
@@ -73,7 +53,7 @@ class TestRelay : public DhcpRelaySmv6 {
 const Ip6Addr kClientLl = ip6("fe80::42");
 const Ip6Addr kRelayGlobal = ip6("2001:db8:1::1");
 
-class DhcpRelaySmv6Test : public testing::Test {
+class DhcpRelaySmv6Test : public testing::Test, public Relay6TestBed {
  protected:
    DhcpRelaySmv6Test() {
       bed.vrfIs("red", "ns-red", true);
@@ -95,9 +75,7 @@ class DhcpRelaySmv6Test : public testing::Test {
       bed.activeVrfIs(vrf, 1);
    }
    void start() {
-      sm = std::make_unique<TestRelay>(DhcpRelaySmv6::Inputs{
-          bed.config, bed.status, ip6Status, bed.vrfs, bed.deviceNames, bed.activeVrfDir, entityMib,
-          mcGroups, &bed.store, bed.managers.get(), &bed.pams, &bed.wheel});
+      sm = std::make_unique<TestRelay>(inputs());
       sm->handleInitialized();
    }
    Platform::UdpTestPam& udp(const char* vrf) {
@@ -124,11 +102,6 @@ class DhcpRelaySmv6Test : public testing::Test {
       return udp("default").sent().empty() ? nullptr : &udp("default").sent()[0];
    }
 
-   RelayTestBed bed;
-   Ptr<Ip6::Status> ip6Status = make<Ip6::Status>("ip6");
-   Ptr<EntityMib::Status> entityMib = make<EntityMib::Status>("entmib");
-   Ptr<Ip6::MulticastGroupsForApplications> mcGroups =
-       make<Ip6::MulticastGroupsForApplications>("dhcprelay");
    std::unique_ptr<TestRelay> sm;
 };
 
