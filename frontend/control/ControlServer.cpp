@@ -1,6 +1,7 @@
 #include "frontend/control/ControlServer.h"
 
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -402,7 +403,11 @@ bool ControlServer::doEvictIdlest() {
    Connection* idlest = nullptr;
    Connection* deafest = nullptr;
    for (auto& [fd, c] : connections_) {
-      const bool busy = !c->in.empty() || c->outSent < c->out.size() || c->awaiting;
+      // A request still in the socket counts too: a connection admitted a moment ago has
+      // not been read yet, and closing it would reset an operator who just asked.
+      int unread = 0;
+      const bool busy = !c->in.empty() || c->outSent < c->out.size() || c->awaiting ||
+                        (::ioctl(fd, FIONREAD, &unread) == 0 && unread > 0);
       if (!busy && (!idlest || c->lastActive < idlest->lastActive))
          idlest = c.get();
       if (c->writeBlockedSince > 0 && !c->awaiting &&

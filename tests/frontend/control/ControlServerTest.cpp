@@ -289,6 +289,24 @@ TEST_F(ControlServerTest, SilentClientsMakeRoomAndTimeOut) {
    EXPECT_TRUE(turnUntil([&] { return server().connectionCount() == 0; }));
 }
 
+// Clients accepted in one go: one admitted with its request still unread in its socket is
+// not taken for a silent one when the next needs its slot.
+TEST_F(ControlServerTest, AJustAdmittedRequestIsNotEvicted) {
+   startServer();
+   std::vector<int> busy;
+   for (size_t i = 0; i + 1 < ControlServer::kMaxConnections; ++i) {
+      busy.push_back(client());
+      sendAll(busy.back(), "{\"cmd\":");
+      loop_.runOnce(0);
+   }
+   ASSERT_TRUE(turnUntil([&] { return server().connectionCount() == busy.size(); }));
+   loop_.runOnce(0);
+   const int asking = client();
+   sendAll(asking, "{\"cmd\":\"echo\",\"id\":\"asking\"}\n");
+   client();  // behind it in the backlog, silent
+   EXPECT_EQ(data(asking), echoed("asking"));
+}
+
 // A stale socket is replaced, a live one is not stolen, and only the server's own file goes
 // with it.
 TEST_F(ControlServerTest, TheSocketFileIsPrivateReplacedOnlyWhenStaleAndRemovedOnlyIfOwn) {
