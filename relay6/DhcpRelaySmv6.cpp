@@ -177,6 +177,7 @@ void DhcpRelaySmv6::handleIp6IntfStatus(const IntfId& id) {
    const Ptr<Ip6::IntfStatus> status = state->relaying ? in_.ip6Status->intf(id) : nullptr;
    if (state->ip6.notifier() != status)
       state->ip6.notifierIs(status);
+   const Ip6Addr linkLocalBefore = state->linkLocal;
    state->linkAddress = state->linkLocal = Ip6Addr();
    state->prefixes.clear();
    if (status) {
@@ -193,8 +194,9 @@ void DhcpRelaySmv6::handleIp6IntfStatus(const IntfId& id) {
       }
    }
    doIntfsInVrf(id, *state);
-   // A device that came back (its link-local address is new) has none of its routes left.
-   if (state->inVrf)
+   // A device that came back (down and up, or made again) gets its link-local address anew
+   // and has none of its routes left; other address changes leave them alone.
+   if (state->inVrf && !state->linkLocal.isZero() && state->linkLocal != linkLocalBefore)
       doSyncPdRoutes(id, *state);
 }
 

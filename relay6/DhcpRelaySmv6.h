@@ -189,6 +189,7 @@ class DhcpRelaySmv6 : public Dhcp6PacketSink,
    void doDropped(uint8_t msgType, const Platform::IntfId& intf, DropReason reason);
    // --- prefix-delegation routes (PrefixRoutes.cpp)
    static bool routeInstallOn(const Intf& state);
+   static bool expires(const PrefixBindingAttrs& attrs);
    void doRouteInstallReply(const Platform::Pkt& msg, const Platform::IntfId& intf, Intf& state,
                             const Platform::Ip6Addr& nextHop, const Platform::Ip6Addr& srcIp,
                             const Platform::VrfName& srcVrf);

@@ -23,7 +23,7 @@ void DhcpRelaySmv6::restoredBindingsIs(std::vector<SavedPrefixBinding> bindings)
 }
 
 bool DhcpRelaySmv6::expired(const PrefixBindingAttrs& attrs) const {
-   return attrs.validLifetime != 0 && attrs.validLifetime != 0xffffffff &&
+   return expires(attrs) &&
           attrs.writeTime + attrs.validLifetime <= in_.timerWheel->utcClock().now();
 }
 

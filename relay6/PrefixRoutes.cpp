@@ -19,18 +19,15 @@ using Platform::VrfName;
 
 namespace {
 
-constexpr uint32_t kInfiniteLifetime = 0xffffffff;
-
-// Neither 0 nor infinite: the binding ends when its valid lifetime does.
-bool expires(const PrefixBindingAttrs& attrs) {
-   return attrs.validLifetime != 0 && attrs.validLifetime != kInfiniteLifetime &&
-          attrs.writeTime != 0;
-}
-
 // A message carries a handful of IAs; more than this many leases in one are not bound.
 constexpr size_t kMaxLeasesPerMessage = 32;
 
 }  // namespace
+
+// Neither 0 nor infinite: the binding ends when its valid lifetime does.
+bool DhcpRelaySmv6::expires(const PrefixBindingAttrs& attrs) {
+   return attrs.validLifetime != 0 && attrs.validLifetime != 0xffffffff && attrs.writeTime != 0;
+}
 
 bool DhcpRelaySmv6::routeInstallOn(const Intf& state) {
    const Ptr<const IntfConfig>& config = state.config.notifier();
@@ -201,10 +198,11 @@ bool DhcpRelaySmv6::doAddPdRoute(const IntfId& intf, Intf& state, const Ip6Prefi
       TRACE(5, "Binding vrf:", attrs.vrf, " is not same as interface's vrf:", state.vrf);
       return false;
    }
-   Platform::RouteSocket* routes = pdRouteSocket(attrs.vrf);
    DhcpVrfSmv6* sm = dhcpVrfSmv6(attrs.vrf);
+   const VrfSockets* sockets = sm ? sm->sockets() : nullptr;
+   Platform::RouteSocket* routes = sockets ? sockets->routeSocket() : nullptr;
    const Ptr<const KernelNetInfo::KernelIntf> device =
-       sm && sm->sockets() ? sm->sockets()->kernelDevice(intf) : nullptr;
+       sockets ? sockets->kernelDevice(intf) : nullptr;
    if (!routes || !device || device->ifindex() == 0) {
       TRACE(5, "Couldn't find ", attrs.vrf, " vrf's dhcp routeInput path.",
             " vrf's dhcp routeInput path. Skipping route addition.");

@@ -67,7 +67,7 @@ lab client --timeout 10
 echo "== DHCPv6 client (ISC dhclient -6, through the agent)"
 lab client6 --timeout 10
 echo "== DHCPv6 prefix delegation (ISC dhclient -6 -P, through the agent)"
-lab client6-prefix --timeout 10
+lab client6 --delegated --timeout 10
 echo "== the routes the agent placed towards the client (its address and its prefix)"
 ctl show routes
 echo "== the agent's counters"

@@ -110,6 +110,31 @@ void DhcpVrfSelect<IntfStatusT>::intfsWithDhcpServerDel(const IntfId& intf) {
       handleIntfsWithDhcpServer(intf);
 }
 
+template <class IntfStatusT>
+void DhcpVrfSelect<IntfStatusT>::doCountServer(const IntfId& intf, CountedServers& counted,
+                                               const VrfIpSrcIntfSrcIp& key, bool present,
+                                               const Ptr<const IntfStatusT>& status) {
+   if (!present) {
+      if (counted.erase(key))
+         activeVrfDec(*activeVrfDir_, key.vrf);
+      return;
+   }
+   if (counted.insert(key).second)
+      activeVrfInc(*activeVrfDir_, key.vrf);
+   if (status) {
+      currentVrfIs(intf, status->vrf());
+      intfsWithDhcpServerIs(intf, status);
+   }
+}
+
+template <class IntfStatusT>
+void DhcpVrfSelect<IntfStatusT>::doUncountServers(const IntfId& intf,
+                                                  const CountedServers& counted) {
+   for (const VrfIpSrcIntfSrcIp& key : counted)
+      activeVrfDec(*activeVrfDir_, key.vrf);
+   intfsWithDhcpServerDel(intf);
+}
+
 template class DhcpVrfSelect<Ip::IpIntfStatus>;
 template class DhcpVrfSelect<Ip6::IntfStatus>;
 

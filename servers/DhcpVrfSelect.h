@@ -2,8 +2,10 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string_view>
 
+#include "model/VrfIpSrcIntfSrcIp.h"
 #include "model/VrfWithCountDir.h"
 #include "platform/addr/IntfId.h"
 #include "platform/addr/VrfName.h"
@@ -57,6 +59,19 @@ class DhcpVrfSelect {
    // only moves the VRF reactor onto it.
    void intfsWithDhcpServerIs(const Platform::IntfId& intf, const Ptr<const IntfStatusT>& status);
    void intfsWithDhcpServerDel(const Platform::IntfId& intf);
+
+   // The server entries of one interface whose VRFs are counted. An entry may be notified
+   // again without a change of its own (another source naming the same server), or be
+   // configured but off, and a record deleted whole notifies none of its entries: what was
+   // counted is known only from here.
+   using CountedServers = std::set<VrfIpSrcIntfSrcIp>;
+   // Counts the entry's VRF once while it is present, taking the interface (with its
+   // `status`, when it has one) into intfsWithDhcpServer; uncounts it once it is not.
+   void doCountServer(const Platform::IntfId& intf, CountedServers& counted,
+                      const VrfIpSrcIntfSrcIp& key, bool present,
+                      const Ptr<const IntfStatusT>& status);
+   // The interface's server record went whole: everything it counted goes with it.
+   void doUncountServers(const Platform::IntfId& intf, const CountedServers& counted);
 
    bool initialized_ = false;
 

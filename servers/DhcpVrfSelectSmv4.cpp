@@ -1,7 +1,6 @@
 #include "servers/DhcpVrfSelectSmv4.h"
 
 #include "platform/trace/Trace.h"
-#include "servers/ActiveVrfCount.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -54,10 +53,8 @@ void DhcpVrfSelectSmv4::handleIntfServerIp(const IntfId& intf) {
    const Ptr<const IntfServerIp> servers = intfServerIpDir_->drIntfServerIp(intf);
    auto it = serverSets_.find(intf);
    if (it != serverSets_.end() && it->second.watch.notifier() != servers) {
-      // The set was deleted with its entries, so no entry was notified: its counts go here.
-      for (const VrfIpSrcIntfSrcIp& key : it->second.counted)
-         activeVrfDec(*activeVrfDir(), key.vrf);
-      intfsWithDhcpServerDel(intf);
+      // The set was deleted with its entries, so no entry was notified.
+      doUncountServers(intf, it->second.counted);
       serverSets_.erase(it);
    }
    if (!servers)
@@ -84,18 +81,9 @@ void DhcpVrfSelectSmv4::handleServerIp(ServerSet& reactor, const VrfIpSrcIntfSrc
    const IntfServerIp& servers = *reactor.watch.notifier();
    const IntfId& intf = servers.intfId();
    TRACE(4, " for serverIp ", key, " on interface ", intf);
-   if (servers.serverIp(key) != 0) {
-      if (reactor.counted.insert(key).second)
-         activeVrfInc(*activeVrfDir(), key.vrf);
-      if (const Ptr<Ip::IpIntfStatus> status = ipStatus_->ipIntfStatus(intf)) {
-         currentVrfIs(intf, status->vrf());
-         intfsWithDhcpServerIs(intf, status);
-      }
-      return;
-   }
-   if (reactor.counted.erase(key))
-      activeVrfDec(*activeVrfDir(), key.vrf);
-   if (servers.serverIp().empty())
+   const bool present = servers.serverIp(key) != 0;
+   doCountServer(intf, reactor.counted, key, present, ipStatus_->ipIntfStatus(intf));
+   if (!present && servers.serverIp().empty())
       intfsWithDhcpServerDel(intf);
 }
 

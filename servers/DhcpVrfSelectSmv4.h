@@ -2,7 +2,6 @@
 
 #include <map>
 #include <memory>
-#include <set>
 
 #include "model/IntfServerIpDir.h"
 #include "model/VrfWithCountDir.h"
@@ -28,12 +27,10 @@ class DhcpVrfSelectSmv4 : public DhcpVrfSelect<Ip::IpIntfStatus> {
    void handleInitialized();
 
  private:
-   // One interface's server set, and which entries' VRFs it has counted: an entry is
-   // notified again whenever its reference count changes (a second source naming the same
-   // server), and that must not count its VRF again.
+   // One interface's server set, and which entries' VRFs it has counted.
    struct ServerSet {
       Platform::Watch<const IntfServerIp> watch;
-      std::set<VrfIpSrcIntfSrcIp> counted;
+      CountedServers counted;
    };
 
    void handleIpIntfStatus(const Platform::IntfId& intf);

@@ -1,7 +1,6 @@
 #include "servers/DhcpVrfSelectSmv6.h"
 
 #include "platform/trace/Trace.h"
-#include "servers/ActiveVrfCount.h"
 
 namespace Ip::Helper::DhcpRelay {
 
@@ -55,11 +54,8 @@ void DhcpVrfSelectSmv6::handleRelayConfig(const IntfId& intf) {
    const Ptr<const IntfConfig> config = dhcpRelayConfig_->intfConfig(intf);
    auto it = serverSets_.find(intf);
    if (it != serverSets_.end() && it->second.watch.notifier() != config) {
-      // The configuration was deleted with its entries, so no entry was notified: its
-      // counts go here.
-      for (const VrfIpSrcIntfSrcIp& key : it->second.counted)
-         activeVrfDec(*activeVrfDir(), key.vrf);
-      intfsWithDhcpServerDel(intf);
+      // The configuration was deleted with its entries, so no entry was notified.
+      doUncountServers(intf, it->second.counted);
       serverSets_.erase(it);
    }
    if (!config)
@@ -86,18 +82,9 @@ void DhcpVrfSelectSmv6::handleServerIp6(ServerSet& reactor, const VrfIpSrcIntfSr
    const IntfConfig& config = *reactor.watch.notifier();
    const IntfId& intf = config.intfId();
    TRACE(4, " for serverIp6 ", key, " on interface ", intf, " vrf name ", key.vrf);
-   if (config.serverIp6(key)) {
-      if (reactor.counted.insert(key).second)
-         activeVrfInc(*activeVrfDir(), key.vrf);
-      if (const Ptr<Ip6::IntfStatus> status = ipStatus_->intf(intf)) {
-         currentVrfIs(intf, status->vrf());
-         intfsWithDhcpServerIs(intf, status);
-      }
-      return;
-   }
-   if (reactor.counted.erase(key))
-      activeVrfDec(*activeVrfDir(), key.vrf);
-   if (reactor.counted.empty())
+   const bool present = config.serverIp6(key);
+   doCountServer(intf, reactor.counted, key, present, ipStatus_->intf(intf));
+   if (!present && reactor.counted.empty())
       intfsWithDhcpServerDel(intf);
 }
 

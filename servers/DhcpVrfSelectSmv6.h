@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <set>
 
 #include "model/Config.h"
 #include "model/VrfWithCountDir.h"
@@ -27,12 +26,10 @@ class DhcpVrfSelectSmv6 : public DhcpVrfSelect<Ip6::IntfStatus> {
    void handleInitialized();
 
  private:
-   // One interface's configuration, and which of its serverIp6 entries' VRFs it has counted:
-   // an entry set to false is configured but counts as removed, and a configuration deleted
-   // whole notifies none of its entries.
+   // One interface's configuration, and which of its serverIp6 entries' VRFs it has counted.
    struct ServerSet {
       Platform::Watch<const IntfConfig> watch;
-      std::set<VrfIpSrcIntfSrcIp> counted;
+      CountedServers counted;
    };
 
    void handleIpIntfStatus(const Platform::IntfId& intf);

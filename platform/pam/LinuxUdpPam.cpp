@@ -208,8 +208,7 @@ void LinuxUdpPam::doReceiveBatch() {
    }
 }
 
-void LinuxUdpPam::doBuildMsg(const UdpTx& tx, TxSlot& slot) {
-   msghdr& msg = slot.msg;
+void LinuxUdpPam::doBuildMsg(const UdpTx& tx, TxSlot& slot, msghdr& msg) {
    msg = msghdr{};
    msg.msg_name = &slot.dst;
    msg.msg_namelen = toSockaddr(ipv6(), tx.dst, tx.port, tx.ifindex, slot.dst);
@@ -261,17 +260,16 @@ LinuxUdpPam::SendResult LinuxUdpPam::doFailed(const UdpTx& tx, int err) const {
 
 LinuxUdpPam::SendResult LinuxUdpPam::doSend(const UdpTx& tx) {
    TxSlot slot;
-   doBuildMsg(tx, slot);
-   if (::sendmsg(socket_.get(), &slot.msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
+   msghdr msg;
+   doBuildMsg(tx, slot, msg);
+   if (::sendmsg(socket_.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0)
       return SendResult::sent;
    return doFailed(tx, errno);
 }
 
 void LinuxUdpPam::doSendBatch(const UdpTx* txs, SendResult* results, size_t count) {
-   for (size_t i = 0; i < count; ++i) {
-      doBuildMsg(txs[i], txSlots_[i]);
-      txMsgs_[i].msg_hdr = txSlots_[i].msg;
-   }
+   for (size_t i = 0; i < count; ++i)
+      doBuildMsg(txs[i], txSlots_[i], txMsgs_[i].msg_hdr);
    // sendmmsg stops at the first datagram the kernel refuses and reports the datagrams sent
    // before it; the refused one fails alone, with its own error, and the rest go on.
    size_t next = 0;

@@ -50,14 +50,13 @@ class LinuxUdpPam final : public UdpPam {
                      std::string& error) override;
    void doResumeRx() override;
 
-   // One send's message, and what it points at.
+   // What one send's message points at.
    struct TxSlot {
-      msghdr msg;
       sockaddr_in6 dst;
       iovec iov;
       Control control;
    };
-   void doBuildMsg(const UdpTx& tx, TxSlot& slot);
+   void doBuildMsg(const UdpTx& tx, TxSlot& slot, msghdr& msg);
    SendResult doFailed(const UdpTx& tx, int err) const;
 
    void handleEvents(uint32_t events);

@@ -892,7 +892,8 @@ def main(argv):
     d.add_argument("role", choices=sorted(POOLS6))
     for step in ("client", "client6"):
         sub.add_parser(step).add_argument("--timeout", type=int, default=10)
-    sub.add_parser("client6-prefix").add_argument("--timeout", type=int, default=10)
+    sub.choices["client6"].add_argument("--delegated", action="store_true",
+                                        help="a delegated prefix (IA_PD) instead of an address")
     sub.add_parser("agent-config")
     sub.add_parser("names")
     sub.add_parser("down")
@@ -906,32 +907,26 @@ def main(argv):
     elif args.step == "dhcpd6":
         d = lab.start_dhcpd6(args.role)
         print(f"dhcpd -6 ({args.role}) serving in {d.ns}; log {d.log}")
-    elif args.step == "client":
-        lease = lab.dhclient(args.timeout)
+    elif args.step in ("client", "client6"):
+        v6, prefix = args.step == "client6", getattr(args, "delegated", False)
+        lease = lab.dhclient6(args.timeout, prefix=prefix) if v6 else lab.dhclient(args.timeout)
         if lease is None:
             print("no lease", file=sys.stderr)
             return 1
-        print(f"lease {lease.ip}/{lease.mask} from {lease.server} router {lease.routers}")
-        for d in sorted(lab.dir.glob("dhcpd-*.log")):
+        if not v6:
+            print(f"lease {lease.ip}/{lease.mask} from {lease.server} router {lease.routers}")
+        else:
+            leased = lease.prefix if prefix else lease.address
+            print(f"{'prefix6' if prefix else 'lease6'} {leased} from {server_of6(leased)}")
+        # What the servers logged of it: the option 82 they saw, or the Relay-forward.
+        logs, wanted = (("dhcpd6-*.log", lambda line: line.startswith(("Relay-forward",
+                                                                        "Reply NA")))
+                        if v6 else ("dhcpd-*.log", lambda line: "lab:" in line
+                                    or "DHCPACK" in line))
+        for d in sorted(lab.dir.glob(logs)) if not prefix else []:
             for line in d.read_text(errors="replace").splitlines():
-                if "lab:" in line or "DHCPACK" in line:
+                if wanted(line):
                     print(f"  {d.stem}: {line}")
-    elif args.step == "client6":
-        lease = lab.dhclient6(args.timeout)
-        if lease is None:
-            print("no DHCPv6 lease", file=sys.stderr)
-            return 1
-        print(f"lease6 {lease.address} from {server_of6(lease.address)}")
-        for d in sorted(lab.dir.glob("dhcpd6-*.log")):
-            for line in d.read_text(errors="replace").splitlines():
-                if line.startswith(("Relay-forward", "Reply NA")):
-                    print(f"  {d.stem}: {line}")
-    elif args.step == "client6-prefix":
-        lease = lab.dhclient6(args.timeout, prefix=True)
-        if lease is None:
-            print("no delegated prefix", file=sys.stderr)
-            return 1
-        print(f"prefix6 {lease.prefix} from {server_of6(lease.prefix)}")
     elif args.step == "agent-config":
         print(lab.agent_config(servers=[{"address": SERVER_IP}],
                                servers_v6=[{"address": SERVER_IP6}], route_install=True))
