@@ -44,6 +44,14 @@ json kernelIntfJson(const KernelNetInfo::KernelIntf& k, const Platform::IntfId& 
            {"intfId", id.empty() ? json(nullptr) : json(id)}};
 }
 
+json prefixBindingJson(const Platform::Ip6Prefix& prefix, const PrefixBindingAttrs& a) {
+   return {{"prefix", prefix.toString()},
+           {"nextHop", a.nextHop.toString()},
+           {"vrf", a.vrf.toString()},
+           {"preferredLifetime", a.preferredLifetime},
+           {"validLifetime", a.validLifetime}};
+}
+
 json drops(const Status& status, uint8_t families) {
    json out = json::object();
    status.forEachDrop([&](std::string_view name, uint64_t v) { out[std::string(name)] = v; },
@@ -121,20 +129,16 @@ json ControlCommands::doShowRoutes() const {
    config_.counterConfig()->counterUpdateRequestTimeIs(utc_.now());
    const double now = utc_.now();
    json routes = json::array();
-   for (const auto& [intf, s] : status6()->intfStatus()) {
+   for (const auto& [intf, s] : status(true)->intfStatus()) {
       for (const auto& [prefix, b] : s->prefixBinding()) {
          const PrefixBindingAttrs& a = b->addrAttrs();
          const bool never = a.validLifetime == 0 || a.validLifetime == 0xffffffff;
-         routes.push_back(
-             {{"prefix", prefix.toString()},
-              {"nextHop", a.nextHop.toString()},
-              {"interface", intf.toString()},
-              {"vrf", a.vrf.toString()},
-              {"preferredLifetime", a.preferredLifetime},
-              {"validLifetime", a.validLifetime},
-              {"writeTime", a.writeTime},
-              {"remaining",
-               never ? json(nullptr) : json(std::max(0.0, a.writeTime + a.validLifetime - now))}});
+         json route = prefixBindingJson(prefix, a);
+         route["interface"] = intf.toString();
+         route["writeTime"] = a.writeTime;
+         route["remaining"] =
+             never ? json(nullptr) : json(std::max(0.0, a.writeTime + a.validLifetime - now));
+         routes.push_back(std::move(route));
       }
    }
    return {{"routes", routes}};
@@ -210,16 +214,10 @@ json ControlCommands::doShowInterfaces() const {
    return {{"vrfs", out}};
 }
 
-Ptr<const Status> ControlCommands::status() const {
-   auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status");
-   if (!status)
-      throw Frontend::ControlError("the relay status is not mounted yet");
-   return status;
-}
-
-// The DHCPv6 relay's, mounted with the DHCPv4 one.
-Ptr<const Status> ControlCommands::status6() const {
-   auto status = store_.entityConst<Status>("ip/helper/dhcprelay/status6");
+Ptr<const Status> ControlCommands::status(bool v6) const {
+   // The DHCPv6 relay's is mounted with the DHCPv4 one.
+   auto status = store_.entityConst<Status>(v6 ? "ip/helper/dhcprelay/status6"
+                                               : "ip/helper/dhcprelay/status");
    if (!status)
       throw Frontend::ControlError("the relay status is not mounted yet");
    return status;
@@ -246,14 +244,8 @@ json ControlCommands::doShowStatus() const {
       json intfs = json::object();
       for (const auto& [intf, s] : st.intfStatus()) {
          json bindings = json::array();
-         for (const auto& [prefix, b] : s->prefixBinding()) {
-            const PrefixBindingAttrs& a = b->addrAttrs();
-            bindings.push_back({{"prefix", prefix.toString()},
-                                {"nextHop", a.nextHop.toString()},
-                                {"vrf", a.vrf.toString()},
-                                {"preferredLifetime", a.preferredLifetime},
-                                {"validLifetime", a.validLifetime}});
-         }
+         for (const auto& [prefix, b] : s->prefixBinding())
+            bindings.push_back(prefixBindingJson(prefix, b->addrAttrs()));
          json intfWarnings = warnings(*s);
          if (auto m = missing.find(intf); m != missing.end())
             intfWarnings.push_back(m->second);
@@ -273,7 +265,7 @@ json ControlCommands::doShowStatus() const {
       }
       return intfs;
    };
-   auto status6 = this->status6();
+   auto status6 = this->status(true);
    for (const auto& [vrf, error] : status6->vrfSocketError())
       warned.push_back("VRF " + vrf.toString() + " relays no DHCPv6: " + error);
    const double now = utc_.now();
@@ -331,7 +323,7 @@ json ControlCommands::doShowCounters(const json& request) const {
    };
    // DHCPv4 at the top, as before DHCPv6 came; DHCPv6 in the same shape beside it.
    json out = family(*status(), kDropV4);
-   out["dhcpv6"] = family(*status6(), kDropV6);
+   out["dhcpv6"] = family(*status(true), kDropV6);
    if (one && !found)
       throw Frontend::ControlError("no relay counters for interface " + wanted);
    return out;
@@ -398,7 +390,7 @@ json ControlCommands::doClear(const json& request) const {
    }
    const std::string& name = Frontend::requestString(request, "interface");
    auto intf = Platform::IntfId::parse(name);
-   if (!intf || (!status()->intfStatus(*intf) && !status6()->intfStatus(*intf)))
+   if (!intf || (!status()->intfStatus(*intf) && !status(true)->intfStatus(*intf)))
       throw Frontend::ControlError("no relay counters for interface " + name);
    auto entry = cc->intfConfigIs(*intf);
    entry->resetTriggerIs(entry->resetTrigger() + 1);

@@ -42,8 +42,8 @@ class ControlCommands {
    nlohmann::json doShowCounters(const nlohmann::json& request) const;
    nlohmann::json doShowDuidBindings() const;
    nlohmann::json doClear(const nlohmann::json& request) const;
-   Ptr<const Status> status() const;
-   Ptr<const Status> status6() const;
+   // The relay's published status: the DHCPv4 relay's, or with `v6` the DHCPv6 relay's.
+   Ptr<const Status> status(bool v6 = false) const;
    struct MissingDevice {
       Platform::IntfId intf;
       std::string device;

@@ -25,7 +25,7 @@ Daemon::Daemon(const DaemonOptions& options)
       metrics_(loop_, [this] { return commands_->metricsText(); }),
       ctx_{loop_, Agent::kAgentName},
       restoreTimer_(wheel_, [this] {
-         if (auto* relay6 = dynamic_cast<Agent&>(*agent_).dhcp6Root()->dhcpRelaySmv6())
+         if (DhcpRelaySmv6* relay6 = this->relay6())
             relay6->handleRestoreSettled();
       }) {}
 
@@ -33,9 +33,8 @@ Daemon::~Daemon() {
    // The agent's machines go first, in the reverse of the order they were built,
    // while the records and the loop they use still exist.
    restoreTimer_.cancel();
-   if (auto* agent = dynamic_cast<Agent*>(agent_.get()); agent && agent->dhcp6Root())
-      if (auto* relay6 = agent->dhcp6Root()->dhcpRelaySmv6())
-         relay6->bindingJournalIs(nullptr);
+   if (DhcpRelaySmv6* relay6 = this->relay6())
+      relay6->bindingJournalIs(nullptr);
    agent_.reset();
    Platform::Trace::shutdown();
 }
@@ -65,10 +64,7 @@ int Daemon::run() {
    registry.agentFactoryIs(Agent::kAgentName, agentFactory);
    agent_ = registry.agentNew(Agent::kAgentName, ctx_);
    agent_->doInit(store_);
-   commands_->relay6Is([this]() -> const DhcpRelaySmv6* {
-      const auto* agent = dynamic_cast<const Agent*>(agent_.get());
-      return agent && agent->dhcp6Root() ? agent->dhcp6Root()->dhcpRelaySmv6() : nullptr;
-   });
+   commands_->relay6Is([this]() -> const DhcpRelaySmv6* { return relay6(); });
    TRACE(1, " starting with ", config_.path(), ": ", config_.summary(),
          "; open descriptors allowed: ", files);
    for (const std::string& w : config_.warnings())
@@ -185,8 +181,13 @@ void Daemon::doCheckReady() {
    sd_notify(0, "READY=1");
 }
 
+DhcpRelaySmv6* Daemon::relay6() const {
+   const auto* agent = dynamic_cast<const Agent*>(agent_.get());
+   return agent && agent->dhcp6Root() ? agent->dhcp6Root()->dhcpRelaySmv6() : nullptr;
+}
+
 void Daemon::doRestorePrefixBindings() {
-   DhcpRelaySmv6* relay6 = dynamic_cast<Agent&>(*agent_).dhcp6Root()->dhcpRelaySmv6();
+   DhcpRelaySmv6* relay6 = this->relay6();
    if (!relay6)
       return;
    std::string path = options_.stateFile;

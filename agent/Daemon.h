@@ -58,6 +58,8 @@ class Daemon {
    // keeps the file up to date from then on; what has not come back after kRestoreSeconds
    // (interfaces that are slow to relay again) loses its route.
    void doRestorePrefixBindings();
+   // The agent's DHCPv6 relay; null until its object graph is built.
+   DhcpRelaySmv6* relay6() const;
    static constexpr double kRestoreSeconds = 10;
 
    static constexpr double kReadyPollSeconds = 0.02;

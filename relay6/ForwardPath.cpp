@@ -90,9 +90,8 @@ void DhcpRelaySmv6::handleForwardReq(Platform::Pkt& pkt, const Ip6Addr& srcIp, u
       doRouteInstallRelease(pkt, intf, *state, srcIp);
    // The client's DUID is read from the message alone, before anything is wrapped around it.
    std::span<const uint8_t> duid;
-   const std::optional<Dhcp6DuidMacBindingKey> macKey =
-       wantsClientMac(msgType) ? doClientMacKey(pkt, msgType, intf, duid) : std::nullopt;
-   if (wantsClientMac(msgType) && !macKey)
+   std::optional<Dhcp6DuidMacBindingKey> macKey;
+   if (wantsClientMac(msgType) && !(macKey = doClientMacKey(pkt, msgType, intf, duid)))
       return;
    const Platform::EthAddr mac = in_.config->remoteIdMac().isZero() ? in_.entityMib->systemMacAddr()
                                                                     : in_.config->remoteIdMac();
